@@ -1,0 +1,7 @@
+#include "core/Client.h"
+
+namespace KW {
+
+Client::~Client() = default;
+
+}  // namespace KW

@@ -1,0 +1,7 @@
+#include "core/ClientLibrary.h"
+
+namespace KW {
+
+ClientLibrary::~ClientLibrary() = default;
+
+}  // namespace KW

@@ -1,0 +1,7 @@
+#include "core/Configuration.h"
+
+namespace KW {
+
+Configuration::~Configuration() = default;
+
+}  // namespace KW

@@ -1,0 +1,7 @@
+#include "core/EventHandler.h"
+
+namespace KW {
+
+EventHandler::~EventHandler() = default;
+
+}  // namespace KW

@@ -1,0 +1,7 @@
+#include "core/Message.h"
+
+namespace KW {
+
+Message::~Message() = default;
+
+}  // namespace KW

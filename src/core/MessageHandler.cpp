@@ -1,0 +1,7 @@
+#include "core/MessageHandler.h"
+
+namespace KW {
+
+MessageHandler::~MessageHandler() = default;
+
+}  // namespace KW
