@@ -15,15 +15,15 @@ class Reference;
 // One connection to a broker. Asynchronous outcomes come back through the
 // client's EventHandler carrying the reference they were given.
 class Client {
-public:
+  public:
     virtual ~Client();
     virtual int getConnectionState() = 0;
     virtual int connect(unsigned long wait) = 0;
     virtual void disconnect(unsigned long wait) = 0;
     virtual bool publish(std::shared_ptr<DataPacket> payload, std::string const& topic,
                          QOS::Enum qos, std::shared_ptr<Reference> reference, bool flag) = 0;
-    virtual bool forward(std::shared_ptr<Message> message, std::string const& topic,
-                         QOS::Enum qos, std::shared_ptr<Reference> reference, bool flag) = 0;
+    virtual bool forward(std::shared_ptr<Message> message, std::string const& topic, QOS::Enum qos,
+                         std::shared_ptr<Reference> reference, bool flag) = 0;
     virtual bool subscribe(std::shared_ptr<MessageHandler> handler, std::string const& topic,
                            QOS::Enum qos, std::shared_ptr<Reference> reference) = 0;
     virtual bool unsubscribe(std::string const& topic, QOS::Enum qos,

@@ -12,7 +12,7 @@ class EventHandler;
 // How the JavaScript layer creates clients. The creating operations precede
 // the destructor in the virtual table on purpose.
 class ClientFactory {
-public:
+  public:
     virtual std::shared_ptr<Client> createClient(std::string const& data,
                                                  std::shared_ptr<EventHandler> handler) = 0;
     virtual std::shared_ptr<Client> createClient(std::string const& destination,

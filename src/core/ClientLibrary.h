@@ -11,7 +11,7 @@ class EventHandler;
 
 // One loaded broker library, registered under one destination type.
 class ClientLibrary {
-public:
+  public:
     virtual ~ClientLibrary();
     virtual void start() = 0;
     virtual void shutdown() = 0;

@@ -7,7 +7,7 @@ namespace KW {
 
 // Application-supplied resolver of destination data.
 class Configuration {
-public:
+  public:
     virtual ~Configuration();
     virtual bool resolveDestination(std::string const& data, std::string& destinationType,
                                     std::map<std::string, std::string>& properties) = 0;

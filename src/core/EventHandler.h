@@ -14,7 +14,7 @@ class Reference;
 // Receiver of everything a client reports besides messages. Text arguments
 // are valid only during the call.
 class EventHandler {
-public:
+  public:
     virtual ~EventHandler();
     virtual void connectionStateChanged(std::shared_ptr<Client> client) = 0;
     virtual void messageSendFinalize(std::shared_ptr<Message> message,

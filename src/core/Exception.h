@@ -7,13 +7,13 @@ namespace KW {
 
 // Base of every exception of the system: a text and a signed 32-bit code.
 class Exception : public std::exception {
-public:
+  public:
     explicit Exception(std::string const& message);
     ~Exception() override;
     char const* what() const noexcept override;
     virtual int code() const;
 
-protected:
+  protected:
     std::string message_;
     int code_;
 };

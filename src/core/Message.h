@@ -12,7 +12,7 @@ class DataPacket;
 
 // A message received from or sent to the broker.
 class Message {
-public:
+  public:
     virtual ~Message();
     virtual std::shared_ptr<Client> getClient() const = 0;
     virtual QOS::Enum getQOS() const = 0;

@@ -9,7 +9,7 @@ class Message;
 // Receiver of the messages of one subscription; called on a library thread
 // and must not block.
 class MessageHandler {
-public:
+  public:
     virtual ~MessageHandler();
     virtual void handleMessage(std::shared_ptr<Message> message) = 0;
 };

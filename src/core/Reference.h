@@ -7,7 +7,7 @@ namespace KW {
 // Opaque correlation object attached to an asynchronous request and handed
 // back, untouched, with its outcome.
 class Reference {
-public:
+  public:
     virtual ~Reference();
 
     // The empty reference: nobody is to be told of the outcome.

@@ -1,0 +1,204 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <queue>
+#include <thread>
+#include <vector>
+
+namespace KW {
+
+// The queue of a worker pool, its locks, tuning values and running threads.
+// Threads are started on demand as the queue grows past `jobThresholds` and
+// end after `idleTimeoutMs` without work. The owner sets the tuning values
+// before the first push and never changes them afterwards.
+//
+// Lock order: processorMutex before queueMutex. queueMutex guards the queue,
+// `processor`, `jobCount`, `jobs` and the bookkeeping below them.
+template <typename Task, typename Owner, typename Queue = std::queue<Task, std::deque<Task>>>
+class WorkerContext {
+  public:
+    using TaskType = Task;
+    using OwnerType = Owner;
+    using Clock = std::chrono::system_clock;
+
+    WorkerContext() = default;
+    virtual ~WorkerContext() = default;
+    WorkerContext(WorkerContext const&) = delete;
+    WorkerContext& operator=(WorkerContext const&) = delete;
+
+    std::uint64_t batchSize = 0;
+    std::uint64_t maxQueueSize = 0;  // 0: unbounded
+    Queue queue;
+    std::uint64_t pushTimeoutMs = 0;
+    std::uint64_t idleTimeoutMs = 0;
+    std::condition_variable notFull;
+    std::condition_variable notEmpty;
+    std::condition_variable drained;
+    std::mutex queueMutex;
+    std::mutex processorMutex;
+    Owner* processor = nullptr;  // null: stopped
+    std::uint8_t jobCount = 0;
+    std::vector<std::shared_ptr<std::thread>> jobs;
+    std::vector<std::uint64_t> jobThresholds;
+
+    // Bumped by every stop. A thread remembers the generation it was started
+    // in, so that a thread outliving its stop (one that stopped its own pool)
+    // neither keeps processing for a later processor nor miscounts jobCount.
+    std::uint64_t generation = 0;
+    // Threads of the current generation that have ended but are not joined yet.
+    std::vector<std::thread::id> endedJobs;
+    // Threads that stopped their own pool and were detached; the destructor
+    // waits for them so that they never touch a destroyed context.
+    std::vector<std::thread::id> detachedJobs;
+    std::condition_variable detachedEnded;
+
+    // Queues a copy of the task; false (task not queued) when a bounded queue
+    // stayed full for the push time-out.
+    bool pushTask(Task& task) {
+        std::unique_lock<std::mutex> lock(queueMutex);
+        if (maxQueueSize != 0 && queue.size() >= maxQueueSize) {
+            auto deadline = Clock::now() + std::chrono::milliseconds(pushTimeoutMs);
+            while (true) {
+                notFull.wait_until(lock, deadline);
+                if (Clock::now() >= deadline) {
+                    break;
+                }
+                if (queue.size() < maxQueueSize) {
+                    break;
+                }
+            }
+            if (queue.size() >= maxQueueSize) {
+                return false;
+            }
+        }
+        queue.push(task);
+        initJobs(lock);
+        lock.unlock();
+        notEmpty.notify_one();
+        return true;
+    }
+
+    // Starts (owner) or stops (null) the pool; a running pool is first given
+    // up to timeoutMs to drain its queue.
+    void setProcessor(Owner* owner, unsigned long timeoutMs) {
+        std::lock_guard<std::mutex> processorLock(processorMutex);
+        bool running;
+        {
+            std::lock_guard<std::mutex> queueLock(queueMutex);
+            if (processor == owner) {
+                return;
+            }
+            running = processor != nullptr;
+        }
+        if (running) {
+            freeJobs(timeoutMs);
+        }
+        if (owner != nullptr) {
+            std::unique_lock<std::mutex> queueLock(queueMutex);
+            processor = owner;
+            initJobs(queueLock);
+        }
+    }
+
+    // Starts as many threads as the queue length calls for. queueMutex is held.
+    void initJobs([[maybe_unused]] std::unique_lock<std::mutex>& lock) {
+        if (processor == nullptr) {
+            return;
+        }
+        bool firstPass = true;
+        while (jobCount < jobThresholds.size() && queue.size() > jobThresholds[jobCount]) {
+            if (firstPass) {
+                firstPass = false;
+                pruneJobs();
+            }
+            jobs.push_back(startJob(processor));
+            ++jobCount;
+            if (processor == nullptr) {
+                break;
+            }
+        }
+    }
+
+    // Stops all threads after waiting up to timeoutMs (0: not at all) for the
+    // queue to drain. Tasks still queued stay queued. The caller holds
+    // processorMutex.
+    void freeJobs(unsigned long& timeoutMs) {
+        std::vector<std::shared_ptr<std::thread>> stopping;
+        {
+            std::unique_lock<std::mutex> lock(queueMutex);
+            if (timeoutMs != 0) {
+                auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+                while (!queue.empty()) {
+                    drained.wait_until(lock, deadline);
+                    if (Clock::now() >= deadline) {
+                        break;
+                    }
+                }
+            }
+            processor = nullptr;
+            jobCount = 0;
+            ++generation;
+            endedJobs.clear();
+            stopping.swap(jobs);
+            // A worker stopping its own pool from inside process() cannot join
+            // itself; it is detached and ends on its own once process() returns.
+            auto self = std::this_thread::get_id();
+            for (auto& job : stopping) {
+                if (job->get_id() == self) {
+                    job->detach();
+                    detachedJobs.push_back(self);
+                }
+            }
+        }
+        notEmpty.notify_all();
+        for (auto& job : stopping) {
+            if (job->joinable()) {
+                job->join();
+            }
+        }
+    }
+
+  protected:
+    // Creates one thread running the worker body for `owner`.
+    virtual std::shared_ptr<std::thread> startJob(Owner* owner) = 0;
+
+    // Waits until no detached thread can touch this context any more. A
+    // thread that is itself detached cannot wait for itself.
+    void awaitDetachedJobs() {
+        std::unique_lock<std::mutex> lock(queueMutex);
+        auto self = std::this_thread::get_id();
+        detachedEnded.wait(lock, [this, self] {
+            return std::all_of(detachedJobs.begin(), detachedJobs.end(),
+                               [self](std::thread::id id) { return id == self; });
+        });
+    }
+
+  private:
+    // Joins threads of the current generation that have already ended, so that
+    // an elastic pool does not pile up finished thread objects.
+    void pruneJobs() {
+        for (auto it = jobs.begin(); it != jobs.end();) {
+            std::thread& job = **it;
+            bool ended =
+                std::find(endedJobs.begin(), endedJobs.end(), job.get_id()) != endedJobs.end();
+            if (ended && job.joinable()) {
+                // It has left the lock for good; joining does not wait for us.
+                job.join();
+            }
+            if (!job.joinable()) {
+                it = jobs.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        endedJobs.clear();
+    }
+};
+
+}  // namespace KW

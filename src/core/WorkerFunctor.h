@@ -1,0 +1,125 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace KW {
+
+// Body of one worker thread: takes tasks (one at a time, or up to batchSize
+// at once for a batch worker) and hands them to the owner's process(), with
+// no lock of the pool held during the call. Ends when the pool is stopped or
+// after idleTimeoutMs without work.
+template <typename Context, typename Owner, bool batch>
+class WorkerFunctor {
+  public:
+    using Task = typename Context::TaskType;
+
+    // Constructed with the context's queueMutex held.
+    WorkerFunctor(Context* context, Owner* owner)
+        : context(context), owner(owner), generation(context->generation) {}
+
+    void operator()() {
+        std::unique_lock<std::mutex> lock(context->queueMutex);
+        while (awaitTask(lock)) {
+            if constexpr (batch) {
+                // The previous batch is released here, not earlier.
+                batchList.clear();
+                std::uint64_t limit = context->batchSize;
+                while (!context->queue.empty() && batchList.size() < limit) {
+                    batchList.push_back(std::move(context->queue.front()));
+                    context->queue.pop();
+                }
+                if (context->queue.empty()) {
+                    context->drained.notify_all();
+                }
+                // A batch take never signals notFull: a producer facing a full
+                // receive queue re-checks only when its push time-out ends.
+                lock.unlock();
+                try {
+                    owner->process(batchList);
+                } catch (...) {
+                    // Nothing may leave a worker thread.
+                }
+            } else {
+                Task task = std::move(context->queue.front());
+                context->queue.pop();
+                if (context->queue.empty()) {
+                    context->drained.notify_all();
+                }
+                bool bounded = context->maxQueueSize != 0;
+                lock.unlock();
+                if (bounded) {
+                    context->notFull.notify_all();
+                }
+                try {
+                    owner->process(task);
+                } catch (...) {
+                    // Nothing may leave a worker thread.
+                }
+            }
+            lock.lock();
+        }
+        finish(lock);
+    }
+
+  private:
+    bool stopped() const {
+        return context->processor == nullptr || context->generation != generation;
+    }
+
+    // With queueMutex held: true when a task is waiting for this thread,
+    // false when the thread is to end.
+    bool awaitTask(std::unique_lock<std::mutex>& lock) {
+        if (context->queue.empty()) {
+            auto deadline =
+                Context::Clock::now() + std::chrono::milliseconds(context->idleTimeoutMs);
+            if (stopped()) {
+                return false;
+            }
+            while (true) {
+                context->notEmpty.wait_until(lock, deadline);
+                if (stopped()) {
+                    return false;
+                }
+                if (!context->queue.empty()) {
+                    break;
+                }
+                if (Context::Clock::now() >= deadline) {
+                    return false;
+                }
+            }
+        }
+        return !stopped();
+    }
+
+    // With queueMutex held. A thread of a stopped generation was already
+    // discounted by the stop.
+    void finish(std::unique_lock<std::mutex>& lock) {
+        auto self = std::this_thread::get_id();
+        if (context->generation == generation) {
+            --context->jobCount;
+            context->endedJobs.push_back(self);
+        }
+        auto& detached = context->detachedJobs;
+        for (auto it = detached.begin(); it != detached.end(); ++it) {
+            if (*it == self) {
+                detached.erase(it);
+                // Notified under the lock: the context may be destroyed as
+                // soon as it is released.
+                context->detachedEnded.notify_all();
+                break;
+            }
+        }
+        lock.unlock();
+    }
+
+    Context* context;
+    Owner* owner;
+    std::uint64_t generation;
+    std::vector<Task> batchList;
+};
+
+}  // namespace KW
