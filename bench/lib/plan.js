@@ -1,0 +1,104 @@
+'use strict';
+// Command-line options and the list of worker jobs they lead to.
+
+const path = require('path');
+
+const USAGE = `usage: node bench/run.js [--short] [--reps N] [--systems kwnode,baseline,zeromq]
+                         [--workloads direct,guaranteed,latency,bridge,memory]
+                         [--out DIR] [--emulator-dir DIR] [--no-install]`;
+
+const ALL_SYSTEMS = ['kwnode', 'baseline', 'zeromq'];
+const ALL_WORKLOADS = ['direct', 'guaranteed', 'latency', 'bridge', 'memory'];
+
+// Which systems each workload has a variant for.
+const WORKLOAD_SYSTEMS = {
+  direct: ALL_SYSTEMS,
+  latency: ALL_SYSTEMS,
+  guaranteed: ['kwnode'],
+  bridge: ['kwnode', 'baseline'],
+  memory: ALL_SYSTEMS,
+};
+
+const PROFILES = {
+  full: {
+    reps: 5,
+    memoryReps: 3,
+    direct: { sizes: [64, 1024, 65536], counts: { 64: 200000, 1024: 100000, 65536: 10000 }, window: 1024 },
+    latency: { rates: [10000, 100000], durationMs: 1000 },
+    guaranteed: { size: 1024, count: 20000, window: 200 },
+    bridge: { items: 1000000, threads: [1, 2] },
+    memory: { count: 1000000, window: 1024 },
+  },
+  short: {
+    reps: 3,
+    memoryReps: 1,
+    direct: { sizes: [64, 1024, 65536], counts: { 64: 20000, 1024: 10000, 65536: 1000 }, window: 1024 },
+    latency: { rates: [10000, 100000], durationMs: 200 },
+    guaranteed: { size: 1024, count: 2000, window: 200 },
+    bridge: { items: 100000, threads: [1, 2] },
+    memory: { count: 100000, window: 1024 },
+  },
+};
+
+function parseList(value, allowed, flag) {
+  const items = String(value || '')
+    .split(',')
+    .map((s) => s.trim())
+    .filter(Boolean);
+  const bad = items.filter((i) => !allowed.includes(i));
+  if (items.length === 0 || bad.length) throw new Error(`${flag}: expected some of ${allowed.join(',')}`);
+  return items;
+}
+
+function parseArgs(argv, cwd = process.cwd()) {
+  const opts = {
+    mode: 'full',
+    reps: null,
+    systems: ALL_SYSTEMS.slice(),
+    workloads: ALL_WORKLOADS.slice(),
+    out: null,
+    emulatorDir: null,
+    install: true,
+    help: false,
+  };
+  for (let i = 0; i < argv.length; i++) {
+    const a = argv[i];
+    const value = () => {
+      if (i + 1 >= argv.length) throw new Error(`${a} needs a value`);
+      return argv[++i];
+    };
+    if (a === '--short') opts.mode = 'short';
+    else if (a === '--reps') {
+      opts.reps = Number(value());
+      if (!Number.isInteger(opts.reps) || opts.reps < 1) throw new Error('--reps: expected a positive integer');
+    } else if (a === '--systems') opts.systems = parseList(value(), ALL_SYSTEMS, a);
+    else if (a === '--workloads') opts.workloads = parseList(value(), ALL_WORKLOADS, a);
+    else if (a === '--out') opts.out = path.resolve(cwd, value());
+    else if (a === '--emulator-dir') opts.emulatorDir = path.resolve(cwd, value());
+    else if (a === '--no-install') opts.install = false;
+    else if (a === '--help' || a === '-h') opts.help = true;
+    else throw new Error(`unknown argument ${a}\n${USAGE}`);
+  }
+  return opts;
+}
+
+// The jobs in execution order. Systems alternate inside each repetition so
+// that a slow patch of the machine hits every system alike instead of one.
+function buildJobs(opts, available) {
+  const profile = PROFILES[opts.mode];
+  const reps = opts.reps || profile.reps;
+  const memoryReps = opts.reps ? Math.min(opts.reps, profile.memoryReps) : profile.memoryReps;
+  const jobs = [];
+  for (const workload of opts.workloads) {
+    const n = workload === 'memory' ? memoryReps : reps;
+    // The bridge floor of kwnode needs the test-only probe add-on as well.
+    const usable = (s) => available[s] && !(workload === 'bridge' && s === 'kwnode' && !available.probe);
+    const systems = WORKLOAD_SYSTEMS[workload].filter((s) => opts.systems.includes(s) && usable(s));
+    for (let rep = 0; rep < n; rep++) {
+      for (const system of systems) jobs.push({ workload, system, rep, params: profile[workload] });
+    }
+  }
+  return jobs;
+}
+
+module.exports = { parseArgs, buildJobs, PROFILES, ALL_SYSTEMS, ALL_WORKLOADS, WORKLOAD_SYSTEMS, USAGE };

@@ -1,0 +1,216 @@
+'use strict';
+// The workloads, each run inside a worker process for one system. Every
+// function returns a list of { variant, metrics } with plain numbers.
+
+const { EventEmitter } = require('events');
+const env = require('./env');
+const transports = require('./transports');
+const { runThroughput, runLatency, makeProgressWaiter, now, nsToS } = require('./driver');
+
+const QUEUE = 'kwbench_q';
+
+function sizeLabel(bytes) {
+  if (bytes >= 1024 && bytes % 1024 === 0) return `${bytes / 1024} KiB`;
+  return `${bytes} B`;
+}
+
+async function openSystem(system) {
+  if (system === 'kwnode') return transports.openKwnode(env.loadKwnode());
+  if (system === 'baseline') return transports.openBaseline();
+  if (system === 'zeromq') return transports.openZeromq(env.loadZeromq());
+  throw new Error(`unknown system ${system}`);
+}
+
+// 1. Direct messages: delivered throughput per payload size.
+async function direct(system, params) {
+  const t = await openSystem(system);
+  const out = [];
+  for (const size of params.sizes) {
+    const payload = Buffer.alloc(size, 0x61);
+    const count = params.counts[String(size)];
+    await runThroughput(t, { payload, count: Math.max(100, Math.floor(count / 10)), window: params.window });
+    const r = await runThroughput(t, { payload, count, window: params.window });
+    out.push({
+      variant: sizeLabel(size),
+      metrics: { msgsPerSec: r.msgsPerSec, mbPerSec: r.mbPerSec, dropped: r.dropped },
+    });
+  }
+  t.close();
+  return out;
+}
+
+// 3. Publish-to-handler latency at fixed offered rates.
+async function latency(system, params) {
+  const t = await openSystem(system);
+  const out = [];
+  for (const rate of params.rates) {
+    await runLatency(t, { rate, durationMs: Math.max(50, params.durationMs / 5), size: 64 });
+    const r = await runLatency(t, { rate, durationMs: params.durationMs, size: 64 });
+    out.push({
+      variant: `${rate / 1000}k/s`,
+      metrics: {
+        p50us: r.p50us,
+        p99us: r.p99us,
+        p999us: r.p999us,
+        achievedSendPerSec: r.achievedSendPerSec,
+        dropped: r.dropped,
+      },
+    });
+  }
+  t.close();
+  return out;
+}
+
+// Guaranteed publishes with a completion each, at most `window` unanswered.
+async function publishGuaranteed(client, count, window, payload) {
+  const waiter = makeProgressWaiter();
+  let answered = 0;
+  let failed = 0;
+  let firstError = null;
+  const done = (err) => {
+    answered++;
+    if (err) {
+      failed++;
+      if (!firstError) firstError = err.message;
+    }
+    waiter.tick();
+  };
+  let sent = 0;
+  const start = now();
+  while (sent < count) {
+    while (sent - answered >= window) {
+      if (!(await waiter.wait(5000))) throw new Error(`guaranteed publish stalled at ${answered}/${sent}`);
+    }
+    const n = Math.min(count - sent, window - (sent - answered));
+    for (let i = 0; i < n; i++) client.publish(QUEUE, 2, payload, done);
+    sent += n;
+    await new Promise((resolve) => setImmediate(resolve));
+  }
+  while (answered < sent) {
+    if (!(await waiter.wait(5000))) throw new Error(`guaranteed publish stalled at ${answered}/${sent}`);
+  }
+  const seconds = nsToS(now() - start);
+  if (failed) throw new Error(`${failed} guaranteed publishes failed, first: ${firstError}`);
+  return { perSec: sent / seconds };
+}
+
+// Subscribes to the queue and acknowledges `count` messages; resolves with the
+// rate measured from the subscribe call to the last message.
+async function consumeQueue(client, count) {
+  const waiter = makeProgressWaiter();
+  let got = 0;
+  const start = now();
+  let last = start;
+  await transports.completion((done) =>
+    client.subscribe(
+      QUEUE,
+      2,
+      (msg) => {
+        msg.acknowledge();
+        got++;
+        last = now();
+        waiter.tick();
+      },
+      done,
+    ),
+  );
+  while (got < count) {
+    if (!(await waiter.wait(5000))) throw new Error(`queue consumer stalled at ${got}/${count}`);
+  }
+  await transports.completion((done) => client.unsubscribe(QUEUE, 2, done));
+  return { perSec: got / nsToS(last - start) };
+}
+
+// 2. Guaranteed messages through a queue (kwnode only: neither peer has
+// broker-acknowledged delivery).
+async function guaranteed(system, params) {
+  if (system !== 'kwnode') throw new Error('the guaranteed workload exists for kwnode only');
+  const mod = env.loadKwnode();
+  const pub = await transports.withTimeout(transports.connectKwnode(mod.KWNodeClient, 'bench-gpub'), 10000, 'connect');
+  const con = await transports.withTimeout(transports.connectKwnode(mod.KWNodeClient, 'bench-gsub'), 10000, 'connect');
+  const payload = Buffer.alloc(params.size, 0x62);
+  const warm = Math.max(100, Math.floor(params.count / 10));
+  await publishGuaranteed(pub, warm, params.window, payload);
+  await consumeQueue(con, warm);
+  const p = await publishGuaranteed(pub, params.count, params.window, payload);
+  const c = await consumeQueue(con, params.count);
+  pub.disconnect();
+  con.disconnect();
+  return [
+    { variant: `publish ${sizeLabel(params.size)}`, metrics: { ackedPerSec: p.perSec } },
+    { variant: `consume ${sizeLabel(params.size)}`, metrics: { consumedPerSec: c.perSec } },
+  ];
+}
+
+// 4. The bridge's floor: the smallest items from native threads into
+// JavaScript. The baseline is the same number of synchronous listener calls.
+async function bridge(system, params) {
+  const out = [];
+  for (const threads of params.threads) {
+    const perThread = Math.floor(params.items / threads);
+    const total = perThread * threads;
+    let push;
+    if (system === 'kwnode') {
+      const probe = env.loadProbe();
+      push = (fn) => probe.pushFromThreads(threads, perThread, fn);
+    } else if (system === 'baseline') {
+      const ee = new EventEmitter();
+      push = (fn) => {
+        ee.removeAllListeners('item');
+        ee.on('item', fn);
+        for (let t = 0; t < threads; t++) for (let s = 0; s < perThread; s++) ee.emit('item', t, s);
+      };
+    } else {
+      throw new Error(`the bridge workload has no ${system} variant`);
+    }
+    const runOnce = (n) =>
+      new Promise((resolve) => {
+        let calls = 0;
+        const start = now();
+        push(() => {
+          if (++calls === n) resolve(n / nsToS(now() - start));
+        });
+      });
+    await runOnce(total);
+    out.push({ variant: `${threads} thread${threads > 1 ? 's' : ''}`, metrics: { itemsPerSec: await runOnce(total) } });
+  }
+  return out;
+}
+
+// 6. Memory across many direct messages whose handler keeps nothing. Run in a
+// process of its own with --expose-gc.
+async function memory(system, params) {
+  const gc = global.gc || (() => {});
+  const t = await openSystem(system);
+  const payload = Buffer.alloc(64, 0x63);
+  await runThroughput(t, { payload, count: 10000, window: params.window });
+  gc();
+  const before = process.memoryUsage();
+  let peak = before.rss;
+  const sampler = setInterval(() => {
+    peak = Math.max(peak, process.memoryUsage.rss());
+  }, 20);
+  const r = await runThroughput(t, { payload, count: params.count, window: params.window });
+  clearInterval(sampler);
+  gc();
+  await new Promise((resolve) => setTimeout(resolve, 100));
+  gc();
+  const after = process.memoryUsage();
+  peak = Math.max(peak, after.rss, process.resourceUsage().maxRSS * 1024);
+  t.close();
+  const mb = (b) => b / (1024 * 1024);
+  return [
+    {
+      variant: `${params.count / 1e6 >= 1 ? params.count / 1e6 + 'M' : params.count / 1e3 + 'k'} x 64 B`,
+      metrics: {
+        peakRssMB: mb(peak),
+        rssGrowthMB: mb(after.rss - before.rss),
+        heapGrowthMB: mb(after.heapUsed - before.heapUsed),
+        delivered: r.received,
+        dropped: r.dropped,
+      },
+    },
+  ];
+}
+
+module.exports = { direct, latency, guaranteed, bridge, memory, sizeLabel, QUEUE };
