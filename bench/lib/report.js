@@ -55,7 +55,7 @@ function aggregate(runs) {
 function formatNumber(x) {
   if (x === null || x === undefined || !Number.isFinite(x)) return '–';
   const abs = Math.abs(x);
-  if (abs >= 100) return Math.round(x).toLocaleString('en-US');
+  if (Number.isInteger(x) || abs >= 100) return Math.round(x).toLocaleString('en-US');
   if (abs >= 10) return x.toFixed(1);
   if (abs === 0) return '0';
   return x.toPrecision(3);

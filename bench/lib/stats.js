@@ -15,7 +15,9 @@ function summarize(values) {
 function percentileSorted(sorted, p) {
   if (sorted.length === 0) return NaN;
   if (p <= 0) return sorted[0];
-  const rank = Math.ceil((p / 100) * sorted.length);
+  // The tolerance keeps binary rounding (99.9 / 100 * 1000 = 999.0000000000001)
+  // from moving the rank one place up.
+  const rank = Math.ceil((p / 100) * sorted.length - 1e-9);
   return sorted[Math.min(sorted.length, rank) - 1];
 }
 

@@ -1,0 +1,84 @@
+'use strict';
+const test = require('node:test');
+const assert = require('node:assert/strict');
+const fs = require('fs');
+const os = require('os');
+const path = require('path');
+const { parseArgs, buildJobs, PROFILES } = require('../lib/plan');
+const { findEmulatorDir, prependLibraryPath } = require('../lib/env');
+
+const all = { kwnode: true, probe: true, baseline: true, zeromq: true };
+
+test('argument parsing', () => {
+  const o = parseArgs(['--short', '--reps', '2', '--systems', 'kwnode,zeromq', '--out', 'x'], '/tmp/here');
+  assert.equal(o.mode, 'short');
+  assert.equal(o.reps, 2);
+  assert.deepEqual(o.systems, ['kwnode', 'zeromq']);
+  assert.equal(o.out, '/tmp/here/x');
+  assert.equal(parseArgs([]).mode, 'full');
+  assert.equal(parseArgs(['--no-install']).install, false);
+  assert.throws(() => parseArgs(['--fast']), /unknown argument --fast/);
+  assert.throws(() => parseArgs(['--systems', 'kwnode,rabbit']), /--systems/);
+  assert.throws(() => parseArgs(['--reps', '0']), /--reps/);
+  assert.throws(() => parseArgs(['--out']), /needs a value/);
+});
+
+test('systems alternate within each repetition', () => {
+  const jobs = buildJobs({ mode: 'short', reps: 2, systems: ['kwnode', 'baseline', 'zeromq'], workloads: ['direct'] }, all);
+  assert.deepEqual(
+    jobs.map((j) => `${j.system}${j.rep}`),
+    ['kwnode0', 'baseline0', 'zeromq0', 'kwnode1', 'baseline1', 'zeromq1'],
+  );
+  assert.equal(jobs[0].params, PROFILES.short.direct);
+});
+
+test('workloads only run for systems that have them and are available', () => {
+  const opts = { mode: 'full', reps: null, systems: ['kwnode', 'baseline', 'zeromq'], workloads: ['guaranteed', 'bridge', 'memory'] };
+  const jobs = buildJobs(opts, { ...all, zeromq: false, probe: false });
+  const by = (w) => new Set(jobs.filter((j) => j.workload === w).map((j) => j.system));
+  assert.deepEqual([...by('guaranteed')], ['kwnode']);
+  // No probe add-on: the bridge floor has only the baseline left.
+  assert.deepEqual([...by('bridge')], ['baseline']);
+  assert.deepEqual([...by('memory')], ['kwnode', 'baseline']);
+  // Memory runs have their own, smaller repetition count.
+  assert.equal(jobs.filter((j) => j.workload === 'memory').length, 2 * PROFILES.full.memoryReps);
+  assert.equal(jobs.filter((j) => j.workload === 'guaranteed').length, PROFILES.full.reps);
+});
+
+test('the short profile is smaller than the full one everywhere', () => {
+  const { full, short } = PROFILES;
+  for (const size of full.direct.sizes) assert.ok(short.direct.counts[size] < full.direct.counts[size]);
+  assert.ok(short.latency.durationMs < full.latency.durationMs);
+  assert.ok(short.memory.count < full.memory.count);
+  assert.ok(short.bridge.items < full.bridge.items);
+  assert.ok(short.guaranteed.count < full.guaranteed.count);
+});
+
+test('the stand-in library is looked for in the expected order', () => {
+  const root = fs.mkdtempSync(path.join(os.tmpdir(), 'kwbench-root-'));
+  try {
+    const mk = (rel) => {
+      const d = path.join(root, rel);
+      fs.mkdirSync(d, { recursive: true });
+      fs.writeFileSync(path.join(d, 'libsolclient.so'), '');
+      return d;
+    };
+    assert.equal(findEmulatorDir({ root }), null);
+    const other = mk('build-other/emulator');
+    assert.equal(findEmulatorDir({ root }), other);
+    const main = mk('build/emulator');
+    assert.equal(findEmulatorDir({ root }), main);
+    const fromEnv = mk('elsewhere');
+    assert.equal(findEmulatorDir({ root, ldLibraryPath: `/nonexistent:${fromEnv}` }), fromEnv);
+    // An explicit choice wins, and a wrong one is not silently replaced.
+    assert.equal(findEmulatorDir({ root, explicit: other, ldLibraryPath: fromEnv }), other);
+    assert.equal(findEmulatorDir({ root, explicit: path.join(root, 'nothing') }), null);
+  } finally {
+    fs.rmSync(root, { recursive: true, force: true });
+  }
+});
+
+test('the library path gets the stand-in in front exactly once', () => {
+  assert.equal(prependLibraryPath('/a', undefined), '/a');
+  assert.equal(prependLibraryPath('/a', '/b:/a::/c'), '/a:/b:/c');
+});
