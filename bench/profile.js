@@ -1,0 +1,117 @@
+#!/usr/bin/env node
+'use strict';
+// Profile of the direct-message hot path: runs the 64 B direct workload in a
+// worker under `perf record` (all threads: main, stand-in context thread,
+// adapter workers) and prints where the CPU time per delivered message goes,
+// by area and by symbol. Needs perf (Debian: linux-perf).
+//   node bench/profile.js [--system kwnode] [--count 300000] [--size 64] [--top 25]
+
+const fs = require('fs');
+const os = require('os');
+const path = require('path');
+const { spawnSync } = require('child_process');
+const env = require('./lib/env');
+const { RESULT_TAG } = require('./worker');
+const { QUEUE } = require('./lib/workloads');
+
+// Areas, tried in order against "dso symbol"; the first match wins.
+const AREAS = [
+  ['stand-in broker (libsolclient.so)', /^libsolclient\.so /],
+  ['bridge (callback processor, items, handlers)', /KWCallback|KWMessageInfo|KWEventInfo|KWDoneCallback|KWMessageHandler|KWEventHandler|kw_item_callback/],
+  ['JavaScript-facing objects (KWNodeClient/Message)', /KWNode/],
+  ['adapter receive/send path (KW::Solace)', /KW::Solace|Solace::Impl/],
+  ['messaging core (KW::)', /KW::/],
+  ['kwnode.node, other', /^kwnode\.node /],
+  ['V8 JIT code (JavaScript)', /^(perf-\d+\.map|\[JIT\]|\[anon\])/],
+  ['libuv', /^\S+ uv_/],
+  ['Node/V8 runtime', /^node /],
+  ['malloc/free', /malloc|free|_int_|tcache|cfree|arena/],
+  ['libc/libstdc++ other', /^(libc\.so|libstdc\+\+|libm\.so|libpthread|ld-linux)/],
+  ['kernel', /^\[kernel/],
+];
+
+function parseArgs(argv) {
+  const o = { system: 'kwnode', count: 300000, size: 64, top: 25 };
+  for (let i = 0; i < argv.length; i += 2) {
+    const key = argv[i].replace(/^--/, '');
+    if (!(key in o)) throw new Error(`unknown argument ${argv[i]}`);
+    o[key] = key === 'system' ? argv[i + 1] : Number(argv[i + 1]);
+  }
+  return o;
+}
+
+// Lines of `perf report --stdio --no-children --sort dso,sym`:
+//   "    12.34%  kwnode.node  [.] KW::Foo::bar()"
+function parsePerfReport(text) {
+  const rows = [];
+  let eventCount = null;
+  for (const line of text.split('\n')) {
+    const ev = /^# Event count \(approx\.\): (\d+)/.exec(line);
+    if (ev) eventCount = Number(ev[1]);
+    const m = /^\s+([\d.]+)%\s+(\S+)\s+\[(.)\]\s+(.*\S)\s*$/.exec(line);
+    if (m) rows.push({ percent: Number(m[1]), dso: m[2], kernel: m[3] === 'k', symbol: m[4] });
+  }
+  return { rows, eventCount };
+}
+
+function areaOf(row) {
+  const key = `${row.kernel ? '[kernel]' : row.dso} ${row.symbol}`;
+  const hit = AREAS.find(([, re]) => re.test(key));
+  return hit ? hit[0] : 'other';
+}
+
+function byArea(rows) {
+  const totals = new Map();
+  for (const r of rows) totals.set(areaOf(r), (totals.get(areaOf(r)) || 0) + r.percent);
+  return Array.from(totals.entries()).sort((a, b) => b[1] - a[1]);
+}
+
+function main() {
+  const o = parseArgs(process.argv.slice(2));
+  const emulatorDir = env.findEmulatorDir({ ldLibraryPath: process.env.LD_LIBRARY_PATH });
+  const data = path.join(fs.mkdtempSync(path.join(os.tmpdir(), 'kwprof-')), 'perf.data');
+  const job = {
+    workload: 'direct',
+    system: o.system,
+    params: { sizes: [o.size], counts: { [o.size]: o.count }, window: 1024 },
+  };
+  const childEnv = { ...process.env, SOLCLIENT_EMULATOR_QUEUES: QUEUE };
+  if (emulatorDir) childEnv.LD_LIBRARY_PATH = env.prependLibraryPath(emulatorDir, process.env.LD_LIBRARY_PATH);
+  const rec = spawnSync(
+    'perf',
+    ['record', '-F', '1999', '-g', '-o', data, '--', process.execPath, '--perf-basic-prof', path.join(__dirname, 'worker.js'), JSON.stringify(job)],
+    { env: childEnv, encoding: 'utf8', maxBuffer: 64 * 1024 * 1024 },
+  );
+  const line = (rec.stdout || '').split('\n').find((l) => l.startsWith(RESULT_TAG));
+  if (rec.status !== 0 || !line) {
+    process.stderr.write(`perf record failed: ${rec.error || rec.stderr}\n`);
+    return 1;
+  }
+  const result = JSON.parse(line.slice(RESULT_TAG.length))[0];
+  // The warm-up pass delivers a tenth more; both passes are in the profile.
+  const messages = o.count + Math.max(100, Math.floor(o.count / 10));
+  const rep = spawnSync('perf', ['report', '-i', data, '--stdio', '--no-children', '--sort', 'dso,sym', '--percent-limit', '0.05'], {
+    encoding: 'utf8',
+    maxBuffer: 256 * 1024 * 1024,
+  });
+  const { rows, eventCount } = parsePerfReport(rep.stdout || '');
+  // cpu-clock counts nanoseconds.
+  const nsPerMsg = (pct) => (eventCount ? ((eventCount * pct) / 100 / messages).toFixed(0) : '?');
+  const out = [];
+  out.push(`system ${o.system}, ${o.size} B payloads, ${messages} messages profiled; measured pass ${Math.round(result.metrics.msgsPerSec)} msg/s, ${result.metrics.dropped} dropped`);
+  out.push(`CPU time in the profile: ${eventCount ? (eventCount / 1e6).toFixed(0) : '?'} ms = ${nsPerMsg(100)} ns per message (all threads)\n`);
+  out.push('| Area | share | ns/msg |', '|---|---|---|');
+  for (const [area, pct] of byArea(rows)) out.push(`| ${area} | ${pct.toFixed(1)}% | ${nsPerMsg(pct)} |`);
+  out.push('', '| Symbol | object | share | ns/msg |', '|---|---|---|---|');
+  for (const r of rows.slice(0, o.top)) {
+    const sym = r.symbol.length > 90 ? `${r.symbol.slice(0, 87)}...` : r.symbol;
+    out.push(`| \`${sym.replace(/\|/g, '\\|')}\` | ${r.kernel ? 'kernel' : r.dso} | ${r.percent.toFixed(2)}% | ${nsPerMsg(r.percent)} |`);
+  }
+  process.stdout.write(`${out.join('\n')}\n`);
+  fs.rmSync(path.dirname(data), { recursive: true, force: true });
+  return 0;
+}
+
+if (require.main === module) process.exitCode = main();
+
+module.exports = { parsePerfReport, areaOf, byArea };

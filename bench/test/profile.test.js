@@ -1,0 +1,61 @@
+'use strict';
+const test = require('node:test');
+const assert = require('node:assert/strict');
+const { parsePerfReport, areaOf, byArea } = require('../profile');
+
+const SAMPLE = `# Total Lost Samples: 0
+#
+# Samples: 4K of event 'cpu-clock:ppp'
+# Event count (approx.): 1082250000
+#
+# Overhead  Shared Object      Symbol
+# ........  .................  ......
+#
+    20.50%  libsolclient.so    [.] emu::Broker::route(emu::Message const&)
+    15.00%  kwnode.node        [.] KW::Solace::Impl::Session::process(std::vector<std::shared_ptr<KW::Solace::Impl::ReceiveTask> >&)
+    10.00%  kwnode.node        [.] KWCallbackProcessor::pushBackItem(std::shared_ptr<KWCallbackItem>)
+     8.25%  kwnode.node        [.] KWNodeMessage::Payload(Nan::FunctionCallbackInfo<v8::Value> const&)
+     6.00%  perf-4242.map      [.] LazyCompile:*runThroughput /work/main/bench/lib/driver.js:44
+     5.00%  node               [.] v8::internal::Heap::Scavenge()
+     4.00%  libc.so.6          [.] _int_malloc
+     3.00%  [kernel.kallsyms]  [k] finish_task_switch.isra.0
+     1.00%  libc.so.6          [.] __memmove_avx_unaligned_erms
+     0.50%  kwnode.node        [.] KW::DataPacket::append(char const*, unsigned long)
+     0.40%  node               [.] uv__async_io
+
+       |--some call graph line that must not parse as a row
+`;
+
+test('perf report rows and the event count are read', () => {
+  const { rows, eventCount } = parsePerfReport(SAMPLE);
+  assert.equal(eventCount, 1082250000);
+  assert.equal(rows.length, 11);
+  assert.deepEqual(rows[0], { percent: 20.5, dso: 'libsolclient.so', kernel: false, symbol: 'emu::Broker::route(emu::Message const&)' });
+  assert.equal(rows[7].kernel, true);
+  // Symbols with spaces and templates are kept whole.
+  assert.ok(rows[1].symbol.endsWith('ReceiveTask> >&)'));
+});
+
+test('rows fall into the areas that explain the hot path', () => {
+  const { rows } = parsePerfReport(SAMPLE);
+  assert.deepEqual(rows.map(areaOf), [
+    'stand-in broker (libsolclient.so)',
+    'adapter receive/send path (KW::Solace)',
+    'bridge (callback processor, items, handlers)',
+    'JavaScript-facing objects (KWNodeClient/Message)',
+    'V8 JIT code (JavaScript)',
+    'Node/V8 runtime',
+    'malloc/free',
+    'kernel',
+    'libc/libstdc++ other',
+    'messaging core (KW::)',
+    // libuv is linked into the node binary but is its own area.
+    'libuv',
+  ]);
+  const areas = byArea(rows);
+  // Sorted by share, and the shares add up to what was parsed.
+  assert.equal(areas[0][0], 'stand-in broker (libsolclient.so)');
+  for (let i = 1; i < areas.length; i++) assert.ok(areas[i - 1][1] >= areas[i][1]);
+  const total = areas.reduce((s, [, p]) => s + p, 0);
+  assert.ok(Math.abs(total - rows.reduce((s, r) => s + r.percent, 0)) < 1e-9);
+});
