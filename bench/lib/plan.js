@@ -91,8 +91,8 @@ function buildJobs(opts, available) {
   const jobs = [];
   for (const workload of opts.workloads) {
     const n = workload === 'memory' ? memoryReps : reps;
-    // The bridge floor of kwnode needs the test-only probe add-on as well.
-    const usable = (s) => available[s] && !(workload === 'bridge' && s === 'kwnode' && !available.probe);
+    // kwnode's bridge floor needs only the test-only probe add-on (no broker).
+    const usable = (s) => (workload === 'bridge' && s === 'kwnode' ? available.probe : available[s]);
     const systems = WORKLOAD_SYSTEMS[workload].filter((s) => opts.systems.includes(s) && usable(s));
     for (let rep = 0; rep < n; rep++) {
       for (const system of systems) jobs.push({ workload, system, rep, params: profile[workload] });

@@ -43,6 +43,12 @@ test('workloads only run for systems that have them and are available', () => {
   // Memory runs have their own, smaller repetition count.
   assert.equal(jobs.filter((j) => j.workload === 'memory').length, 2 * PROFILES.full.memoryReps);
   assert.equal(jobs.filter((j) => j.workload === 'guaranteed').length, PROFILES.full.reps);
+  // The probe alone is enough for kwnode's bridge floor, without the module.
+  const probeOnly = buildJobs({ ...opts, workloads: ['bridge', 'direct'] }, { ...all, kwnode: false });
+  assert.deepEqual(
+    [...new Set(probeOnly.map((j) => `${j.workload}:${j.system}`))],
+    ['bridge:kwnode', 'bridge:baseline', 'direct:baseline', 'direct:zeromq'],
+  );
 });
 
 test('the short profile is smaller than the full one everywhere', () => {
