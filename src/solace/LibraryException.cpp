@@ -1,0 +1,28 @@
+#include "solace/LibraryException.h"
+
+#include <cstring>
+
+namespace KW {
+namespace Solace {
+
+std::string LibraryException::readErrorText(solClient_errorInfo* info, char const* fallback) {
+    if (info == nullptr) {
+        return fallback ? fallback : "";
+    }
+    info->errorStr[SOLCLIENT_ERRORINFO_STR_SIZE - 1] = '0';
+    if (info->errorStr[0] == '0') {
+        return fallback ? fallback : "";
+    }
+    // Bounded: after the '0' above the text may have no terminator left.
+    return std::string(info->errorStr, strnlen(info->errorStr, SOLCLIENT_ERRORINFO_STR_SIZE));
+}
+
+LibraryException::LibraryException(solClient_errorInfo* info, char const* fallback)
+    : Exception(readErrorText(info, fallback)),
+      subCode(info ? static_cast<int>(info->subCode) : 0),
+      responseCode(info ? static_cast<int>(info->responseCode) : 0) {}
+
+LibraryException::~LibraryException() = default;
+
+}  // namespace Solace
+}  // namespace KW

@@ -1,0 +1,170 @@
+#include "solace/impl/Flow.h"
+
+#include <exception>
+
+#include "solace/ClientTerminatedException.h"
+#include "solace/SolaceAPI.h"
+#include "solace/impl/QueueReceiveTask.h"
+#include "solace/impl/Session.h"
+
+namespace KW {
+namespace Solace {
+namespace Impl {
+
+Flow::Flow(Session& session, KW::QOS::Enum qos, std::string const& name,
+           std::shared_ptr<KW::MessageHandler> handler)
+    : session(session),
+      name(name),
+      qos(qos),
+      handler(std::move(handler)),
+      handle(nullptr),
+      state(CREATED),
+      lastSubCode(0) {}
+
+Flow::~Flow() = default;
+
+solClient_errorInfo* Flow::recordFailure() {
+    solClient_errorInfo* info = session.getAPI().getLastErrorInfo();
+    state = FAILED;
+    lastSubCode = info ? static_cast<int>(info->subCode) : 0;
+    return info;
+}
+
+bool Flow::start(std::shared_ptr<KW::Reference>& reference) {
+    SolaceAPI const& api = session.getAPI();
+    // Bound blocking to a durable queue, client acknowledgement, created
+    // stopped and started below.
+    char const* properties[] = {SOLCLIENT_FLOW_PROP_BIND_BLOCKING,
+                                SOLCLIENT_PROP_ENABLE_VAL,
+                                SOLCLIENT_FLOW_PROP_BIND_ENTITY_DURABLE,
+                                SOLCLIENT_PROP_ENABLE_VAL,
+                                SOLCLIENT_FLOW_PROP_ACKMODE,
+                                SOLCLIENT_FLOW_PROP_ACKMODE_CLIENT,
+                                SOLCLIENT_FLOW_PROP_MAX_BIND_TRIES,
+                                "1",
+                                SOLCLIENT_FLOW_PROP_WINDOWSIZE,
+                                "255",
+                                SOLCLIENT_FLOW_PROP_MAX_UNACKED_MESSAGES,
+                                "-1",
+                                SOLCLIENT_FLOW_PROP_BIND_ENTITY_ID,
+                                SOLCLIENT_FLOW_PROP_BIND_ENTITY_QUEUE,
+                                SOLCLIENT_FLOW_PROP_BIND_NAME,
+                                name.c_str(),
+                                SOLCLIENT_FLOW_PROP_START_STATE,
+                                SOLCLIENT_PROP_DISABLE_VAL,
+                                nullptr};
+    solClient_flow_createFuncInfo_t funcInfo{};
+    funcInfo.rxInfo.callback_p = nullptr;
+    funcInfo.rxInfo.user_p = nullptr;
+    funcInfo.eventInfo.callback_p = &Flow::queueEventCallback;
+    funcInfo.eventInfo.user_p = this;
+    funcInfo.rxMsgInfo.callback_p = &Flow::queueReceiveCallback;
+    funcInfo.rxMsgInfo.user_p = this;
+
+    solClient_opaqueFlow_pt created = nullptr;
+    if (api.sessionCreateFlow(properties, session.getHandle(), &created, &funcInfo,
+                              sizeof(funcInfo)) != SOLCLIENT_OK) {
+        solClient_errorInfo* info = recordFailure();
+        session.notifyHandlerOfQueueSubscribe(name, qos, reference, info);
+        return false;
+    }
+    handle = created;
+    if (api.flowStart(created) == SOLCLIENT_OK) {
+        state = ACTIVE;
+        return true;
+    }
+    recordFailure();
+    // Reported without the error record, unlike a failed creation.
+    session.notifyHandlerOfQueueSubscribe(name, qos, reference, nullptr);
+    return false;
+}
+
+bool Flow::stop(std::shared_ptr<KW::Reference>& reference) {
+    SolaceAPI const& api = session.getAPI();
+    solClient_opaqueFlow_pt current = handle;
+    if (current == nullptr) {
+        // Never created (its creation failed and was reported then): nothing
+        // to stop, and the request is not answered a second time.
+        return true;
+    }
+    bool stopped = true;
+    if (api.flowStop(current) != SOLCLIENT_OK) {
+        stopped = false;
+        solClient_errorInfo* info = recordFailure();
+        session.notifyHandlerOfQueueUnsubscribe(name, qos, reference, info);
+    }
+    solClient_returnCode_t const rc = api.flowDestroy(&current);
+    handle = current;
+    if (rc != SOLCLIENT_OK) {
+        recordFailure();
+        session.notifyHandlerOfQueueUnsubscribe(name, qos, reference, nullptr);
+        return false;
+    }
+    handle = nullptr;
+    return stopped;
+}
+
+void Flow::destroyHandle() {
+    solClient_opaqueFlow_pt current = handle;
+    if (current != nullptr) {
+        session.getAPI().flowDestroy(&current);
+        handle = nullptr;
+    }
+}
+
+void Flow::handleEvent(solClient_flow_eventCallbackInfo* info) {
+    if (info == nullptr) {
+        return;
+    }
+    switch (static_cast<int>(info->flowEvent)) {
+        case SOLCLIENT_FLOW_EVENT_UP_NOTICE:
+            state = UP;
+            break;
+        case SOLCLIENT_FLOW_EVENT_DOWN_ERROR:
+        case SOLCLIENT_FLOW_EVENT_SESSION_DOWN:
+            state = DOWN;
+            break;
+        case SOLCLIENT_FLOW_EVENT_BIND_FAILED_ERROR:
+            state = FAILED;
+            break;
+        case SOLCLIENT_FLOW_EVENT_ACTIVE:
+            state = ACTIVE;
+            break;
+        case SOLCLIENT_FLOW_EVENT_INACTIVE:
+            state = INACTIVE;
+            break;
+        default:
+            break;
+    }
+}
+
+void Flow::queueEventCallback(void* /*flow*/, solClient_flow_eventCallbackInfo* info, void* user) {
+    Flow* flow = static_cast<Flow*>(user);
+    try {
+        flow->handleEvent(info);
+    } catch (std::exception const& e) {
+        flow->session.notifyHandlerOfRuntimeError(e.what());
+    } catch (...) {
+        flow->session.notifyHandlerOfRuntimeError("failed to handle session event");
+    }
+}
+
+solClient_rxMsgCallback_returnCode_t Flow::queueReceiveCallback(void* /*flow*/, void* msg,
+                                                                void* user) {
+    Flow* flow = static_cast<Flow*>(user);
+    try {
+        // A refused push (receive queue full) drops the message; the broker
+        // redelivers it under its own rules since it was never acknowledged.
+        flow->session.enqueue(
+            std::shared_ptr<ReceiveTask>(std::make_shared<QueueReceiveTask>(msg, flow)));
+    } catch (ClientTerminatedException const& e) {
+        flow->session.notifyHandlerOfRuntimeError(e.what());
+    } catch (...) {
+        flow->session.notifyHandlerOfRuntimeError("failed to receive message");
+    }
+    return SOLCLIENT_CALLBACK_OK;
+}
+
+}  // namespace Impl
+}  // namespace Solace
+}  // namespace KW

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "core/MessageHandler.h"
+#include "core/QOS.h"
+#include "core/Reference.h"
+#include "solace/SolClientABI.h"
+
+namespace KW {
+namespace Solace {
+namespace Impl {
+
+class Session;
+
+// One session's binding to a durable queue through a library flow. Messages
+// are acknowledged by the client, one by one, whatever the flow's qos.
+class Flow {
+  public:
+    enum State : int { CREATED = 0, UP = 1, DOWN = 2, INACTIVE = 3, ACTIVE = 4, FAILED = 5 };
+
+    Flow(Session& session, KW::QOS::Enum qos, std::string const& name,
+         std::shared_ptr<KW::MessageHandler> handler);
+    // Leaves the library flow alone: stop is what destroys it.
+    ~Flow();
+
+    Flow(Flow const&) = delete;
+    Flow& operator=(Flow const&) = delete;
+
+    bool start(std::shared_ptr<KW::Reference>& reference);
+    bool stop(std::shared_ptr<KW::Reference>& reference);
+    // Destroys the library flow, if any, without telling anybody; used when
+    // the whole session goes.
+    void destroyHandle();
+
+    int getState() const { return state; }
+    int getLastSubCode() const { return lastSubCode; }
+    solClient_opaqueFlow_pt getHandle() const { return handle; }
+    Session& getSession() const { return session; }
+    std::string const& getName() const { return name; }
+    KW::QOS::Enum getQOS() const { return qos; }
+    std::shared_ptr<KW::MessageHandler> const& getHandler() const { return handler; }
+
+    void handleEvent(solClient_flow_eventCallbackInfo* info);
+
+    static void queueEventCallback(void* flow, solClient_flow_eventCallbackInfo* info, void* user);
+    static solClient_rxMsgCallback_returnCode_t queueReceiveCallback(void* flow, void* msg,
+                                                                     void* user);
+
+  private:
+    // Records a failed library call: state FAILED and its sub-code.
+    solClient_errorInfo* recordFailure();
+
+    Session& session;
+    std::string name;
+    KW::QOS::Enum qos;
+    std::shared_ptr<KW::MessageHandler> handler;
+    // Set on the subscribe worker, read by acknowledging threads.
+    std::atomic<solClient_opaqueFlow_pt> handle;
+    std::atomic<int> state;
+    std::atomic<int> lastSubCode;
+};
+
+}  // namespace Impl
+}  // namespace Solace
+}  // namespace KW

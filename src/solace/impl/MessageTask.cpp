@@ -1,0 +1,60 @@
+#include "solace/impl/MessageTask.h"
+
+#include "solace/LibraryException.h"
+#include "solace/SolaceAPI.h"
+#include "solace/impl/Client.h"
+#include "solace/impl/Session.h"
+
+namespace KW {
+namespace Solace {
+namespace Impl {
+
+std::atomic<unsigned long long> MessageTask::_nextID{0};
+
+MessageTask::MessageTask(Session& session, KW::QOS::Enum qos, char const* topic,
+                         unsigned long long messageID, std::shared_ptr<KW::Reference> reference)
+    : session(session),
+      reference(std::move(reference)),
+      qos(qos),
+      topic(topic ? topic : ""),
+      messageID(messageID),
+      messageHandle(nullptr) {}
+
+MessageTask::~MessageTask() = default;
+
+unsigned long long MessageTask::nextID() {
+    return ++_nextID;
+}
+
+std::shared_ptr<KW::Client> MessageTask::getClient() const {
+    return session.getClient();
+}
+
+std::shared_ptr<KW::Reference> MessageTask::returnReference(bool take) {
+    if (take) {
+        return std::move(reference);
+    }
+    return reference;
+}
+
+solClient_opaqueMsg_pt* MessageTask::provideMessageHandle() {
+    if (messageHandle == nullptr) {
+        SolaceAPI const& api = session.getAPI();
+        if (api.msgAlloc(&messageHandle) != SOLCLIENT_OK) {
+            messageHandle = nullptr;
+            throw LibraryException(api.getLastErrorInfo(), "solace library exception");
+        }
+    }
+    return &messageHandle;
+}
+
+void MessageTask::releaseMessageHandle() {
+    if (messageHandle != nullptr) {
+        session.getAPI().msgFree(&messageHandle);
+        messageHandle = nullptr;
+    }
+}
+
+}  // namespace Impl
+}  // namespace Solace
+}  // namespace KW

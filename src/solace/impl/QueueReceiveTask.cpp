@@ -1,0 +1,28 @@
+#include "solace/impl/QueueReceiveTask.h"
+
+#include "solace/SolaceAPI.h"
+#include "solace/impl/Flow.h"
+#include "solace/impl/Session.h"
+
+namespace KW {
+namespace Solace {
+namespace Impl {
+
+QueueReceiveTask::QueueReceiveTask(void* msg, Flow* flow)
+    : ReceiveTask(flow->getSession(), flow->getQOS(), flow->getName().c_str(), msg,
+                  flow->getHandler()),
+      flow(flow) {}
+
+QueueReceiveTask::~QueueReceiveTask() = default;
+
+void QueueReceiveTask::acknowledge() {
+    solClient_opaqueFlow_pt handle = flow->getHandle();
+    // A flow already stopped has nothing left to acknowledge on.
+    if (handle != nullptr) {
+        session.getAPI().flowSendAck(handle, messageID);
+    }
+}
+
+}  // namespace Impl
+}  // namespace Solace
+}  // namespace KW

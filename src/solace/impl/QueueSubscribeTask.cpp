@@ -1,0 +1,35 @@
+#include "solace/impl/QueueSubscribeTask.h"
+
+#include "solace/impl/Flow.h"
+
+namespace KW {
+namespace Solace {
+namespace Impl {
+
+QueueSubscribeTask::QueueSubscribeTask(Action action, Flow* flow,
+                                       std::shared_ptr<KW::Reference> reference)
+    : SubscribeTask(action, std::move(reference)), flow(flow) {
+    if (action == UNSUBSCRIBE) {
+        owned.reset(flow);
+    }
+}
+
+QueueSubscribeTask::~QueueSubscribeTask() = default;
+
+void QueueSubscribeTask::execute() {
+    if (flow == nullptr) {
+        return;
+    }
+    switch (action) {
+        case SUBSCRIBE:
+            flow->start(reference);
+            break;
+        case UNSUBSCRIBE:
+            flow->stop(reference);
+            break;
+    }
+}
+
+}  // namespace Impl
+}  // namespace Solace
+}  // namespace KW

@@ -1,0 +1,59 @@
+#include "solace/impl/ReceiveTask.h"
+
+#include "solace/LibraryException.h"
+#include "solace/RuntimeException.h"
+#include "solace/SolaceAPI.h"
+#include "solace/impl/Session.h"
+
+namespace KW {
+namespace Solace {
+namespace Impl {
+
+ReceiveTask::ReceiveTask(Session& session, KW::QOS::Enum qos, char const* topic, void* msg,
+                         std::shared_ptr<KW::MessageHandler> handler)
+    : MessageTask(session, qos, topic, readId(session.getAPI(), msg), KW::Reference::NONE),
+      payload(readPayload(session.getAPI(), msg)),
+      handler(std::move(handler)) {}
+
+ReceiveTask::~ReceiveTask() = default;
+
+unsigned long long ReceiveTask::readId(SolaceAPI const& api, void* msg) {
+    solClient_msgId_t id = 0;
+    solClient_returnCode_t rc = api.msgGetMsgId(msg, &id);
+    if (rc == SOLCLIENT_OK) {
+        return id;
+    }
+    if (rc == SOLCLIENT_NOT_FOUND) {
+        return 0;
+    }
+    throw LibraryException(api.getLastErrorInfo(), "solace library exception");
+}
+
+std::shared_ptr<KW::DataPacket> ReceiveTask::readPayload(SolaceAPI const& api, void* msg) {
+    void* data = nullptr;
+    solClient_uint32_t size = 0;
+    solClient_returnCode_t rc = api.msgGetBinaryAttachmentPtr(msg, &data, &size);
+    if (rc == SOLCLIENT_OK) {
+        return KW::DataPacket::create(data, size);
+    }
+    if (rc == SOLCLIENT_NOT_FOUND) {
+        return nullptr;
+    }
+    throw LibraryException(api.getLastErrorInfo(), "solace library exception");
+}
+
+char const* ReceiveTask::readTopic(SolaceAPI const& api, void* msg) {
+    solClient_destination_t destination{};
+    solClient_returnCode_t rc = api.msgGetDestination(msg, &destination, sizeof(destination));
+    if (rc == SOLCLIENT_OK) {
+        return destination.dest;
+    }
+    if (rc == SOLCLIENT_NOT_FOUND) {
+        throw RuntimeException("solace client runtime exception");
+    }
+    throw LibraryException(api.getLastErrorInfo(), "solace library exception");
+}
+
+}  // namespace Impl
+}  // namespace Solace
+}  // namespace KW

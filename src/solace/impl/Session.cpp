@@ -1,0 +1,739 @@
+#include "solace/impl/Session.h"
+
+#include <cstring>
+#include <exception>
+
+#include "core/DataPacket.h"
+#include "core/EventHandler.h"
+#include "core/MessageHandler.h"
+#include "solace/ClientTerminatedException.h"
+#include "solace/LibraryException.h"
+#include "solace/RuntimeException.h"
+#include "solace/SolaceAPI.h"
+#include "solace/impl/Client.h"
+#include "solace/impl/Context.h"
+#include "solace/impl/Flow.h"
+#include "solace/impl/ForwardTask.h"
+#include "solace/impl/PublishTask.h"
+#include "solace/impl/QueueSubscribeTask.h"
+#include "solace/impl/ReceiveTask.h"
+#include "solace/impl/Subscription.h"
+#include "solace/impl/TopicSubscribeTask.h"
+
+namespace KW {
+namespace Solace {
+namespace Impl {
+
+namespace {
+
+char const* const LIBRARY_EXCEPTION = "solace library exception";
+
+char const* const CIPHER_SUITES =
+    "TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384,TLS_ECDHE_RSA_WITH_AES_256_CBC_SHA384,"
+    "TLS_ECDHE_RSA_WITH_AES_256_CBC_SHA,TLS_ECDHE_RSA_WITH_AES_128_GCM_SHA256,"
+    "TLS_ECDHE_RSA_WITH_AES_128_CBC_SHA256,TLS_ECDHE_RSA_WITH_AES_128_CBC_SHA,"
+    "TLS_RSA_WITH_AES_256_GCM_SHA384,TLS_RSA_WITH_AES_256_CBC_SHA256,"
+    "TLS_RSA_WITH_AES_256_CBC_SHA,TLS_RSA_WITH_AES_128_GCM_SHA256,"
+    "TLS_RSA_WITH_AES_128_CBC_SHA256,TLS_RSA_WITH_AES_128_CBC_SHA";
+
+// The most a solClient attachment can hold (its size is 32 bits).
+constexpr unsigned long MAX_ATTACHMENT = 0xFFFFFFFFul;
+
+// The text of an error record as the library's readers take it: the last
+// byte of the text is first set to the character '0'. Bounded, since that
+// may leave no terminator.
+std::string recordText(solClient_errorInfo* info) {
+    info->errorStr[SOLCLIENT_ERRORINFO_STR_SIZE - 1] = '0';
+    return std::string(info->errorStr, strnlen(info->errorStr, SOLCLIENT_ERRORINFO_STR_SIZE));
+}
+
+}  // namespace
+
+Session::Session(std::string const& destination,
+                 std::map<std::string, std::string> const& connectionData,
+                 std::shared_ptr<KW::EventHandler> handler, Context& context)
+    : api(context.getAPI()),
+      context(context),
+      connection(destination, connectionData),
+      handle(nullptr),
+      eventHandler(std::move(handler)) {
+    receiveWorker.batchSize = 50;
+    receiveWorker.maxQueueSize = 512;
+    receiveWorker.jobThresholds = {0, 200};
+    publishWorker.maxQueueSize = 256;
+    publishWorker.jobThresholds = {0, 100};
+    forwardWorker.maxQueueSize = 256;
+    forwardWorker.jobThresholds = {0, 100};
+    subscribeWorker.jobThresholds = {0};
+    receiveWorker.pushTimeoutMs = receiveWorker.idleTimeoutMs = 100;
+    publishWorker.pushTimeoutMs = publishWorker.idleTimeoutMs = 100;
+    forwardWorker.pushTimeoutMs = forwardWorker.idleTimeoutMs = 100;
+    subscribeWorker.pushTimeoutMs = subscribeWorker.idleTimeoutMs = 100;
+    receiveWorker.setProcessor(this, 0);
+
+    bool const ssl = connection.getProtocol() == "tcps";
+    std::vector<char const*> properties = {
+        SOLCLIENT_SESSION_PROP_HOST,     connection.getUrl().c_str(),
+        SOLCLIENT_SESSION_PROP_VPN_NAME, connection.getVpn().c_str(),
+        SOLCLIENT_SESSION_PROP_USERNAME, connection.getUser().c_str(),
+        SOLCLIENT_SESSION_PROP_PASSWORD, connection.getPassword().c_str()};
+    if (ssl) {
+        properties.insert(
+            properties.end(),
+            {SOLCLIENT_SESSION_PROP_SSL_CIPHER_SUITES, CIPHER_SUITES,
+             SOLCLIENT_SESSION_PROP_SSL_EXCLUDED_PROTOCOLS, "SSLv3",
+             SOLCLIENT_SESSION_PROP_SSL_VALIDATE_CERTIFICATE, "1",
+             SOLCLIENT_SESSION_PROP_SSL_VALIDATE_CERTIFICATE_DATE, "1",
+             SOLCLIENT_SESSION_PROP_SSL_TRUST_STORE_DIR, connection.getTrustStore().c_str()});
+    } else {
+        properties.insert(properties.end(), {SOLCLIENT_SESSION_PROP_SSL_VALIDATE_CERTIFICATE, "0"});
+    }
+    // Never block on connect, retry for ever, re-apply subscriptions after a
+    // reconnect, and dispatch received messages per subscription.
+    properties.insert(properties.end(), {SOLCLIENT_SESSION_PROP_CONNECT_BLOCKING,
+                                         "0",
+                                         SOLCLIENT_SESSION_PROP_CONNECT_RETRIES,
+                                         "-1",
+                                         SOLCLIENT_SESSION_PROP_CONNECT_TIMEOUT_MS,
+                                         "10000",
+                                         SOLCLIENT_SESSION_PROP_RECONNECT_RETRIES,
+                                         "-1",
+                                         SOLCLIENT_SESSION_PROP_RECONNECT_RETRY_WAIT_MS,
+                                         "1000",
+                                         SOLCLIENT_SESSION_PROP_SOCKET_SEND_BUF_SIZE,
+                                         "10000000",
+                                         SOLCLIENT_SESSION_PROP_SOCKET_RCV_BUF_SIZE,
+                                         "10000000",
+                                         SOLCLIENT_SESSION_PROP_TOPIC_DISPATCH,
+                                         "1",
+                                         SOLCLIENT_SESSION_PROP_REAPPLY_SUBSCRIPTIONS,
+                                         "1",
+                                         SOLCLIENT_SESSION_PROP_SUBSCRIBE_BLOCKING,
+                                         "0",
+                                         SOLCLIENT_SESSION_PROP_IGNORE_DUP_SUBSCRIPTION_ERROR,
+                                         "0",
+                                         nullptr});
+
+    solClient_session_createFuncInfo_t funcInfo{};
+    funcInfo.rxInfo.callback_p = nullptr;
+    funcInfo.rxInfo.user_p = nullptr;
+    funcInfo.eventInfo.callback_p = &Session::sessionEventCallback;
+    funcInfo.eventInfo.user_p = this;
+    funcInfo.rxMsgInfo.callback_p = &Session::messageReceiveCallback;
+    funcInfo.rxMsgInfo.user_p = this;
+
+    if (api.sessionCreate(properties.data(), context.getHandle(), &handle, &funcInfo,
+                          sizeof(funcInfo)) != SOLCLIENT_OK) {
+        handle = nullptr;
+        throw LibraryException(api.getLastErrorInfo(), LIBRARY_EXCEPTION);
+    }
+}
+
+template <typename W>
+void Session::stopWorker(W& worker, unsigned long timeoutMs) {
+    std::lock_guard<std::mutex> processorLock(worker.processorMutex);
+    bool running;
+    {
+        std::lock_guard<std::mutex> queueLock(worker.queueMutex);
+        running = worker.processor != nullptr;
+    }
+    if (running) {
+        worker.freeJobs(timeoutMs);
+    }
+}
+
+void Session::stopSendingWorkers(unsigned long timeoutMs) {
+    stopWorker(subscribeWorker, timeoutMs);
+    stopWorker(publishWorker, timeoutMs);
+    stopWorker(forwardWorker, timeoutMs);
+}
+
+Session::~Session() {
+    stopWorker(subscribeWorker, 0);
+    stopWorker(forwardWorker, 0);
+    stopWorker(publishWorker, 0);
+    stopWorker(receiveWorker, 0);
+    {
+        std::lock_guard<std::mutex> lock(subscriptionsMutex);
+        subscriptions.clear();
+    }
+    {
+        std::lock_guard<std::mutex> lock(subscriptionsMutex);
+        // The library would go on calling a live flow's callbacks until its
+        // flow is destroyed, so do that before the Flow object goes.
+        for (auto& entry : flows) {
+            entry.second->destroyHandle();
+        }
+        flows.clear();
+    }
+    if (connection.getState() == Connection::CONNECTED) {
+        api.sessionDisconnect(handle);
+    }
+    if (handle != nullptr) {
+        api.sessionDestroy(&handle);
+    }
+    stopWorker(subscribeWorker, 0);
+    stopWorker(forwardWorker, 0);
+    stopWorker(publishWorker, 0);
+    stopWorker(receiveWorker, 0);
+    // No answer can come any more: every send still open ends here, so that
+    // no request is left unanswered and no library message is left behind.
+    failUnsent("session terminated before the message was sent");
+}
+
+void Session::failUnsent(char const* text) {
+    std::map<unsigned long long, std::shared_ptr<MessageTask>> open;
+    {
+        std::lock_guard<std::mutex> lock(pendingMutex);
+        open.swap(pending);
+    }
+    for (auto& entry : open) {
+        entry.second->releaseMessageHandle();
+        notifyHandlerOfSendError(entry.second, text);
+    }
+    auto drain = [this, text](auto& worker) {
+        std::lock_guard<std::mutex> lock(worker.queueMutex);
+        while (!worker.queue.empty()) {
+            std::shared_ptr<MessageTask> task = worker.queue.front();
+            worker.queue.pop();
+            notifyHandlerOfSendError(task, text);
+        }
+    };
+    drain(publishWorker);
+    drain(forwardWorker);
+}
+
+bool Session::connect(unsigned long timeoutMs) {
+    if (connection.getState() == Connection::CONNECTED) {
+        return true;
+    }
+    if (api.sessionConnect(handle) == SOLCLIENT_FAIL) {
+        throw LibraryException(api.getLastErrorInfo(), LIBRARY_EXCEPTION);
+    }
+    if (timeoutMs == 0) {
+        return true;
+    }
+    return connection.waitConnected(timeoutMs);
+}
+
+void Session::disconnect(unsigned long timeoutMs) {
+    stopSendingWorkers(timeoutMs);
+    if (connection.getState() != Connection::DISCONNECTED) {
+        if (api.sessionDisconnect(handle) != SOLCLIENT_OK) {
+            throw LibraryException(api.getLastErrorInfo(), LIBRARY_EXCEPTION);
+        }
+        connection.setDisconnected();
+        notifyHandlerOfConnectState();
+    }
+}
+
+std::shared_ptr<Client> Session::createClient() {
+    std::shared_ptr<Client> live = client.lock();
+    if (live) {
+        return live;
+    }
+    live = std::make_shared<Client>(*this);
+    client = live;
+    return live;
+}
+
+std::shared_ptr<Client> Session::getClient() const {
+    std::shared_ptr<Client> live = client.lock();
+    if (!live) {
+        throw ClientTerminatedException("client terminated, session is going down");
+    }
+    return live;
+}
+
+void Session::terminate() {
+    if (client.use_count() != 0) {
+        throw RuntimeException("session terminate failure, corresponding client not expired");
+    }
+    context.deleteSession(this);
+}
+
+void Session::sessionEventCallback(void* /*opaqueSession*/,
+                                   solClient_session_eventCallbackInfo* info, void* user) {
+    Session* session = static_cast<Session*>(user);
+    try {
+        session->handleEvent(info);
+    } catch (std::exception const& e) {
+        session->notifyHandlerOfRuntimeError(e.what());
+    } catch (...) {
+        session->notifyHandlerOfRuntimeError("failed to handle session event");
+    }
+}
+
+solClient_rxMsgCallback_returnCode_t Session::messageReceiveCallback(void* /*opaqueSession*/,
+                                                                     void* /*message*/,
+                                                                     void* /*user*/) {
+    // Messages arrive through the per-subscription dispatch callbacks only.
+    return SOLCLIENT_CALLBACK_OK;
+}
+
+void Session::handleEvent(solClient_session_eventCallbackInfo* info) {
+    if (info == nullptr) {
+        return;
+    }
+    switch (static_cast<int>(info->sessionEvent)) {
+        case SOLCLIENT_SESSION_EVENT_UP_NOTICE:
+        case SOLCLIENT_SESSION_EVENT_RECONNECTED_NOTICE:
+            connection.setConnected();
+            subscribeWorker.setProcessor(this, 0);
+            publishWorker.setProcessor(this, 0);
+            forwardWorker.setProcessor(this, 0);
+            notifyHandlerOfConnectState();
+            break;
+        case SOLCLIENT_SESSION_EVENT_DOWN_ERROR:
+            connection.setDisconnected();
+            stopSendingWorkers(0);
+            notifyHandlerOfConnectState();
+            break;
+        case SOLCLIENT_SESSION_EVENT_CONNECT_FAILED_ERROR:
+            connection.setFailed();
+            notifyHandlerOfConnectState();
+            break;
+        case SOLCLIENT_SESSION_EVENT_RECONNECTING_NOTICE:
+            connection.setConnecting();
+            notifyHandlerOfConnectState();
+            break;
+        case SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR:
+            settlePending(info, "Message rejected");
+            break;
+        case SOLCLIENT_SESSION_EVENT_RX_MSG_TOO_BIG_ERROR:
+            settlePending(info, "Message rejected, too big");
+            break;
+        case SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT:
+            settlePending(info, nullptr);
+            break;
+        default:
+            break;
+    }
+}
+
+void Session::settlePending(solClient_session_eventCallbackInfo* info, char const* rejectedText) {
+    auto* sent = static_cast<MessageTask*>(info->correlation_p);
+    if (sent == nullptr) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(pendingMutex);
+    auto it = pending.find(sent->getMessageID());
+    if (it == pending.end()) {
+        return;
+    }
+    std::shared_ptr<MessageTask> task = it->second;
+    pending.erase(it);
+    task->releaseMessageHandle();
+    if (rejectedText != nullptr) {
+        notifyHandlerOfSendRejected(task, rejectedText);
+    } else {
+        task->acknowledge();
+        notifyHandlerOfSendFinalize(task);
+    }
+}
+
+void Session::notifyHandlerOfConnectState() {
+    std::shared_ptr<Client> live = client.lock();
+    if (!live || !eventHandler) {
+        return;
+    }
+    try {
+        eventHandler->connectionStateChanged(live);
+    } catch (...) {
+    }
+}
+
+void Session::notifyHandlerOfRuntimeError(char const* text) {
+    if (!eventHandler) {
+        return;
+    }
+    try {
+        eventHandler->runtimeErrorOccurred(text);
+    } catch (...) {
+    }
+}
+
+void Session::notifyHandlerOfRuntimeError(solClient_errorInfo* info) {
+    if (!eventHandler || info == nullptr) {
+        return;
+    }
+    try {
+        std::string const text = recordText(info);
+        eventHandler->runtimeErrorOccurred(text.c_str(), static_cast<int>(info->subCode));
+    } catch (...) {
+    }
+}
+
+// ---- sending ------------------------------------------------------------------
+
+bool Session::enqueue(std::shared_ptr<PublishTask> task) {
+    return publishWorker.pushTask(task);
+}
+
+bool Session::enqueue(std::shared_ptr<ForwardTask> task) {
+    return forwardWorker.pushTask(task);
+}
+
+bool Session::process(std::shared_ptr<PublishTask> task) {
+    if (task->getQOS() == KW::QOS::AT_MOST_ONCE) {
+        return sendMessageAtMostOnce(std::move(task));
+    }
+    return sendMessageGuaranteed(std::move(task));
+}
+
+bool Session::process(std::shared_ptr<ForwardTask> task) {
+    if (task->getQOS() == KW::QOS::AT_MOST_ONCE) {
+        return sendMessageAtMostOnce(std::move(task));
+    }
+    return sendMessageGuaranteed(std::move(task));
+}
+
+namespace {
+
+// Attaches the payload, if any; it stays owned by the task until the
+// message has been sent or settled.
+void attachPayload(SolaceAPI const& api, solClient_opaqueMsg_pt msg,
+                   std::shared_ptr<KW::DataPacket> const& payload) {
+    if (!payload) {
+        return;
+    }
+    unsigned long const size = payload->size();
+    if (size > MAX_ATTACHMENT) {
+        throw RuntimeException("Message rejected, too big");
+    }
+    if (api.msgSetBinaryAttachmentPtr(msg, payload->data(),
+                                      static_cast<solClient_uint32_t>(size)) != SOLCLIENT_OK) {
+        throw LibraryException(api.getLastErrorInfo(), LIBRARY_EXCEPTION);
+    }
+}
+
+void check(SolaceAPI const& api, solClient_returnCode_t rc) {
+    if (rc != SOLCLIENT_OK) {
+        throw LibraryException(api.getLastErrorInfo(), LIBRARY_EXCEPTION);
+    }
+}
+
+// The task's library message with delivery mode, payload and destination
+// (the task's topic text, naming a topic or a queue) set.
+solClient_opaqueMsg_pt prepareMessage(SolaceAPI const& api, MessageTask& task,
+                                      solClient_uint32_t deliveryMode,
+                                      solClient_destinationType_t destinationType) {
+    solClient_opaqueMsg_pt msg = *task.provideMessageHandle();
+    check(api, api.msgSetDeliveryMode(msg, deliveryMode));
+    attachPayload(api, msg, task.getPayload());
+    solClient_destination_t destination{};
+    destination.destType = destinationType;
+    destination.dest = task.getTopic().c_str();
+    check(api, api.msgSetDestination(msg, &destination, sizeof(destination)));
+    return msg;
+}
+
+}  // namespace
+
+bool Session::sendMessageAtMostOnce(std::shared_ptr<MessageTask> task) {
+    try {
+        solClient_opaqueMsg_pt msg =
+            prepareMessage(api, *task, SOLCLIENT_DELIVERY_MODE_DIRECT, SOLCLIENT_TOPIC_DESTINATION);
+        check(api, api.msgSetTopicPtr(msg, task->getTopic().c_str()));
+        check(api, api.msgSetSequenceNumber(msg, task->getMessageID()));
+        check(api, api.sessionSendMsg(handle, msg));
+        task->acknowledge();
+        task->releaseMessageHandle();
+        notifyHandlerOfSendFinalize(task);
+        return true;
+    } catch (std::exception const& e) {
+        task->releaseMessageHandle();
+        notifyHandlerOfSendError(task, e.what());
+    } catch (...) {
+        task->releaseMessageHandle();
+        notifyHandlerOfSendError(task, "unkwown error while sending to topic");
+    }
+    return false;
+}
+
+bool Session::sendMessageGuaranteed(std::shared_ptr<MessageTask> task) {
+    try {
+        // The topic text names the queue; no topic pointer is set.
+        solClient_opaqueMsg_pt msg = prepareMessage(api, *task, SOLCLIENT_DELIVERY_MODE_PERSISTENT,
+                                                    SOLCLIENT_QUEUE_DESTINATION);
+        check(api, api.msgSetSequenceNumber(msg, task->getMessageID()));
+        check(api, api.msgSetCorrelationTagPtr(msg, task.get(), 0));
+        unsigned long long const id = task->getMessageID();
+        {
+            // Recorded before the send: the answer may come before it returns.
+            std::lock_guard<std::mutex> lock(pendingMutex);
+            pending[id] = task;
+        }
+        if (api.sessionSendMsg(handle, msg) != SOLCLIENT_OK) {
+            {
+                std::lock_guard<std::mutex> lock(pendingMutex);
+                pending.erase(id);
+            }
+            throw LibraryException(api.getLastErrorInfo(), LIBRARY_EXCEPTION);
+        }
+        return true;
+    } catch (std::exception const& e) {
+        task->releaseMessageHandle();
+        notifyHandlerOfSendError(task, e.what());
+    } catch (...) {
+        task->releaseMessageHandle();
+        notifyHandlerOfSendError(task, "unkwown error while sending to queue");
+    }
+    return false;
+}
+
+void Session::notifyHandlerOfSendFinalize(std::shared_ptr<MessageTask>& task) {
+    std::shared_ptr<KW::Reference> reference = task->returnReference(true);
+    if (eventHandler) {
+        try {
+            eventHandler->messageSendFinalize(task, reference);
+        } catch (...) {
+        }
+    }
+}
+
+void Session::notifyHandlerOfSendRejected(std::shared_ptr<MessageTask>& task, char const* text) {
+    std::shared_ptr<KW::Reference> reference = task->returnReference(true);
+    if (eventHandler) {
+        try {
+            eventHandler->messageSendRejected(task, text, reference);
+        } catch (...) {
+        }
+    }
+}
+
+void Session::notifyHandlerOfSendError(std::shared_ptr<MessageTask>& task, char const* text) {
+    std::shared_ptr<KW::Reference> reference = task->returnReference(true);
+    if (eventHandler) {
+        try {
+            eventHandler->messageSendError(task, text, reference);
+        } catch (...) {
+        }
+    }
+}
+
+std::size_t Session::getPendingCount() {
+    std::lock_guard<std::mutex> lock(pendingMutex);
+    return pending.size();
+}
+
+// ---- subscriptions ----------------------------------------------------------------
+
+namespace {
+
+// Enters a new subscription or flow in its map and queues its start. A name
+// already present queues nothing: true when it has the same handler.
+template <typename TaskType, typename Target>
+bool addEntry(std::map<std::string, std::unique_ptr<Target>>& map, Session::SubscribeWorker& worker,
+              std::unique_ptr<Target> target, std::string const& name,
+              std::shared_ptr<KW::Reference> reference) {
+    auto it = map.find(name);
+    if (it != map.end()) {
+        return it->second->getHandler() == target->getHandler();
+    }
+    Target* raw = target.get();
+    map.emplace(name, std::move(target));
+    std::shared_ptr<SubscribeTask> task =
+        std::make_shared<TaskType>(SubscribeTask::SUBSCRIBE, raw, std::move(reference));
+    worker.pushTask(task);
+    return true;
+}
+
+// Takes every matching entry out of its map and queues its stop; the stop
+// task owns the target from then on.
+template <typename TaskType, typename Target, typename Match>
+bool removeEntries(std::map<std::string, std::unique_ptr<Target>>& map,
+                   Session::SubscribeWorker& worker, Match match,
+                   std::shared_ptr<KW::Reference> const& reference) {
+    bool removed = false;
+    for (auto it = map.begin(); it != map.end();) {
+        if (!match(*it->second)) {
+            ++it;
+            continue;
+        }
+        std::shared_ptr<SubscribeTask> task =
+            std::make_shared<TaskType>(SubscribeTask::UNSUBSCRIBE, it->second.get(), reference);
+        it->second.release();
+        it = map.erase(it);
+        worker.pushTask(task);
+        removed = true;
+    }
+    return removed;
+}
+
+template <typename TaskType, typename Target>
+bool removeEntry(std::map<std::string, std::unique_ptr<Target>>& map,
+                 Session::SubscribeWorker& worker, std::string const& name,
+                 std::shared_ptr<KW::Reference> const& reference) {
+    auto it = map.find(name);
+    if (it == map.end()) {
+        return false;
+    }
+    std::shared_ptr<SubscribeTask> task =
+        std::make_shared<TaskType>(SubscribeTask::UNSUBSCRIBE, it->second.get(), reference);
+    it->second.release();
+    map.erase(it);
+    worker.pushTask(task);
+    return true;
+}
+
+}  // namespace
+
+bool Session::subscribeTopic(std::shared_ptr<KW::MessageHandler> handler, std::string const& topic,
+                             std::shared_ptr<KW::Reference> reference) {
+    if (!handler) {
+        // The caller has already reported its argument error.
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    return addEntry<TopicSubscribeTask>(subscriptions, subscribeWorker,
+                                        std::make_unique<Subscription>(*this, topic, handler),
+                                        topic, std::move(reference));
+}
+
+bool Session::unsubscribeTopic(std::string const& topic, std::shared_ptr<KW::Reference> reference) {
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    return removeEntry<TopicSubscribeTask>(subscriptions, subscribeWorker, topic, reference);
+}
+
+bool Session::unsubscribeTopics(std::shared_ptr<KW::MessageHandler> handler,
+                                std::shared_ptr<KW::Reference> reference) {
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    return removeEntries<TopicSubscribeTask>(
+        subscriptions, subscribeWorker,
+        [&handler](Subscription const& entry) { return entry.getHandler() == handler; }, reference);
+}
+
+bool Session::unsubscribeTopics(std::shared_ptr<KW::Reference> reference) {
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    return removeEntries<TopicSubscribeTask>(
+        subscriptions, subscribeWorker, [](Subscription const&) { return true; }, reference);
+}
+
+bool Session::subscribeQueue(std::shared_ptr<KW::MessageHandler> handler, std::string const& queue,
+                             KW::QOS::Enum qos, std::shared_ptr<KW::Reference> reference) {
+    if (!handler) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    return addEntry<QueueSubscribeTask>(flows, subscribeWorker,
+                                        std::make_unique<Flow>(*this, qos, queue, handler), queue,
+                                        std::move(reference));
+}
+
+bool Session::unsubscribeQueue(std::string const& queue, std::shared_ptr<KW::Reference> reference) {
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    return removeEntry<QueueSubscribeTask>(flows, subscribeWorker, queue, reference);
+}
+
+bool Session::unsubscribeQueues(std::shared_ptr<KW::MessageHandler> handler,
+                                std::shared_ptr<KW::Reference> reference) {
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    return removeEntries<QueueSubscribeTask>(
+        flows, subscribeWorker,
+        [&handler](Flow const& entry) { return entry.getHandler() == handler; }, reference);
+}
+
+bool Session::unsubscribeQueues(std::shared_ptr<KW::Reference> reference) {
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    return removeEntries<QueueSubscribeTask>(
+        flows, subscribeWorker, [](Flow const&) { return true; }, reference);
+}
+
+Subscription* Session::findSubscription(std::string const& topic) {
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    auto it = subscriptions.find(topic);
+    return it == subscriptions.end() ? nullptr : it->second.get();
+}
+
+Flow* Session::findFlow(std::string const& queue) {
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    auto it = flows.find(queue);
+    return it == flows.end() ? nullptr : it->second.get();
+}
+
+void Session::process(std::shared_ptr<SubscribeTask> task) {
+    task->execute();
+}
+
+// ---- receiving ---------------------------------------------------------------------
+
+bool Session::enqueue(std::shared_ptr<ReceiveTask> task) {
+    return receiveWorker.pushTask(task);
+}
+
+void Session::process(std::vector<std::shared_ptr<ReceiveTask>>& batch) {
+    for (auto& task : batch) {
+        process(task);
+    }
+}
+
+void Session::process(std::shared_ptr<ReceiveTask> task) {
+    KW::MessageHandler* handler = task->getHandler().get();
+    if (handler == nullptr) {
+        return;
+    }
+    try {
+        handler->handleMessage(task);
+    } catch (std::exception const& e) {
+        notifyHandlerOfRuntimeError(e.what());
+    } catch (...) {
+        notifyHandlerOfRuntimeError("message handler error occurred");
+    }
+}
+
+// ---- subscription outcomes -----------------------------------------------------------
+
+void Session::notifyHandlerOfSubscription(bool create, std::string const& name, KW::QOS::Enum qos,
+                                          std::shared_ptr<KW::Reference> const& reference,
+                                          solClient_errorInfo* info) {
+    if (!eventHandler) {
+        return;
+    }
+    try {
+        if (info == nullptr) {
+            if (create) {
+                eventHandler->subscriptionCreateFinalize(name, qos, reference);
+            } else {
+                eventHandler->subscriptionRemoveFinalize(name, qos, reference);
+            }
+            return;
+        }
+        std::string const text = recordText(info);
+        int const subCode = static_cast<int>(info->subCode);
+        if (create) {
+            eventHandler->subscriptionCreateError(name, qos, reference, text.c_str(), subCode);
+        } else {
+            eventHandler->subscriptionRemoveError(name, qos, reference, text.c_str(), subCode);
+        }
+    } catch (...) {
+    }
+}
+
+void Session::notifyHandlerOfTopicSubscribe(std::string const& topic,
+                                            std::shared_ptr<KW::Reference> const& reference,
+                                            solClient_errorInfo* info) {
+    notifyHandlerOfSubscription(true, topic, KW::QOS::AT_MOST_ONCE, reference, info);
+}
+
+void Session::notifyHandlerOfTopicUnsubscribe(std::string const& topic,
+                                              std::shared_ptr<KW::Reference> const& reference,
+                                              solClient_errorInfo* info) {
+    notifyHandlerOfSubscription(false, topic, KW::QOS::AT_MOST_ONCE, reference, info);
+}
+
+void Session::notifyHandlerOfQueueSubscribe(std::string const& queue, KW::QOS::Enum qos,
+                                            std::shared_ptr<KW::Reference> const& reference,
+                                            solClient_errorInfo* info) {
+    notifyHandlerOfSubscription(true, queue, qos, reference, info);
+}
+
+void Session::notifyHandlerOfQueueUnsubscribe(std::string const& queue, KW::QOS::Enum qos,
+                                              std::shared_ptr<KW::Reference> const& reference,
+                                              solClient_errorInfo* info) {
+    notifyHandlerOfSubscription(false, queue, qos, reference, info);
+}
+
+}  // namespace Impl
+}  // namespace Solace
+}  // namespace KW

@@ -1,0 +1,161 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "core/QOS.h"
+#include "core/Reference.h"
+#include "core/Worker.h"
+#include "solace/SolClientABI.h"
+#include "solace/impl/Connection.h"
+
+namespace KW {
+
+class EventHandler;
+class MessageHandler;
+
+namespace Solace {
+
+class SolaceAPI;
+
+namespace Impl {
+
+class Client;
+class Context;
+class Flow;
+class ForwardTask;
+class MessageTask;
+class PublishTask;
+class ReceiveTask;
+class SubscribeTask;
+class Subscription;
+
+// One vendor session: one broker connection for one destination id. It
+// hands out at most one live client at a time, receives the session events
+// on the library's context thread, and runs four worker pools that take
+// receiving, publishing, forwarding and (un)subscribing off the calling
+// threads. Publish, forward and subscribe work only flows while the session
+// is up; what is queued before waits.
+class Session {
+  public:
+    using ReceiveWorker = KW::Worker<std::shared_ptr<ReceiveTask>, Session, true>;
+    using PublishWorker = KW::Worker<std::shared_ptr<PublishTask>, Session, false>;
+    using ForwardWorker = KW::Worker<std::shared_ptr<ForwardTask>, Session, false>;
+    using SubscribeWorker = KW::Worker<std::shared_ptr<SubscribeTask>, Session, false>;
+
+    Session(std::string const& destination,
+            std::map<std::string, std::string> const& connectionData,
+            std::shared_ptr<KW::EventHandler> handler, Context& context);
+    ~Session();
+
+    Session(Session const&) = delete;
+    Session& operator=(Session const&) = delete;
+
+    // ---- lifecycle ----
+    bool connect(unsigned long timeoutMs);
+    void disconnect(unsigned long timeoutMs);
+    int getConnectionState() const { return connection.getState(); }
+    solClient_opaqueSession_pt getHandle() const { return handle; }
+    SolaceAPI const& getAPI() const { return api; }
+    Connection const& getConnection() const { return connection; }
+    std::shared_ptr<Client> createClient();
+    // Throws ClientTerminatedException once the client has been released.
+    std::shared_ptr<Client> getClient() const;
+    // Destroys the session; refused while its client lives.
+    void terminate();
+
+    static void sessionEventCallback(void* opaqueSession, solClient_session_eventCallbackInfo* info,
+                                     void* user);
+    static solClient_rxMsgCallback_returnCode_t messageReceiveCallback(void* opaqueSession,
+                                                                       void* message, void* user);
+    void handleEvent(solClient_session_eventCallbackInfo* info);
+
+    void notifyHandlerOfConnectState();
+    void notifyHandlerOfRuntimeError(char const* text);
+    void notifyHandlerOfRuntimeError(solClient_errorInfo* info);
+
+    // ---- sending ----
+    bool enqueue(std::shared_ptr<PublishTask> task);
+    bool enqueue(std::shared_ptr<ForwardTask> task);
+    // True when the library took the message; the outcome is reported either way.
+    bool process(std::shared_ptr<PublishTask> task);
+    bool process(std::shared_ptr<ForwardTask> task);
+    bool sendMessageAtMostOnce(std::shared_ptr<MessageTask> task);
+    bool sendMessageGuaranteed(std::shared_ptr<MessageTask> task);
+    void notifyHandlerOfSendFinalize(std::shared_ptr<MessageTask>& task);
+    void notifyHandlerOfSendRejected(std::shared_ptr<MessageTask>& task, char const* text);
+    void notifyHandlerOfSendError(std::shared_ptr<MessageTask>& task, char const* text);
+    std::size_t getPendingCount();
+
+    // ---- subscriptions and receiving ----
+    bool subscribeTopic(std::shared_ptr<KW::MessageHandler> handler, std::string const& topic,
+                        std::shared_ptr<KW::Reference> reference);
+    bool unsubscribeTopic(std::string const& topic, std::shared_ptr<KW::Reference> reference);
+    bool unsubscribeTopics(std::shared_ptr<KW::MessageHandler> handler,
+                           std::shared_ptr<KW::Reference> reference);
+    bool unsubscribeTopics(std::shared_ptr<KW::Reference> reference);
+    bool subscribeQueue(std::shared_ptr<KW::MessageHandler> handler, std::string const& queue,
+                        KW::QOS::Enum qos, std::shared_ptr<KW::Reference> reference);
+    bool unsubscribeQueue(std::string const& queue, std::shared_ptr<KW::Reference> reference);
+    bool unsubscribeQueues(std::shared_ptr<KW::MessageHandler> handler,
+                           std::shared_ptr<KW::Reference> reference);
+    bool unsubscribeQueues(std::shared_ptr<KW::Reference> reference);
+
+    void process(std::shared_ptr<SubscribeTask> task);
+    bool enqueue(std::shared_ptr<ReceiveTask> task);
+    void process(std::vector<std::shared_ptr<ReceiveTask>>& batch);
+    void process(std::shared_ptr<ReceiveTask> task);
+
+    void notifyHandlerOfTopicSubscribe(std::string const& topic,
+                                       std::shared_ptr<KW::Reference> const& reference,
+                                       solClient_errorInfo* info);
+    void notifyHandlerOfTopicUnsubscribe(std::string const& topic,
+                                         std::shared_ptr<KW::Reference> const& reference,
+                                         solClient_errorInfo* info);
+    void notifyHandlerOfQueueSubscribe(std::string const& queue, KW::QOS::Enum qos,
+                                       std::shared_ptr<KW::Reference> const& reference,
+                                       solClient_errorInfo* info);
+    void notifyHandlerOfQueueUnsubscribe(std::string const& queue, KW::QOS::Enum qos,
+                                         std::shared_ptr<KW::Reference> const& reference,
+                                         solClient_errorInfo* info);
+
+    // Inspection, for diagnostics and tests: null when not present.
+    Subscription* findSubscription(std::string const& topic);
+    Flow* findFlow(std::string const& queue);
+
+  private:
+    template <typename W>
+    static void stopWorker(W& worker, unsigned long timeoutMs);
+    void stopSendingWorkers(unsigned long timeoutMs);
+    void settlePending(solClient_session_eventCallbackInfo* info, char const* rejectedText);
+    void failUnsent(char const* text);
+    void notifyHandlerOfSubscription(bool create, std::string const& name, KW::QOS::Enum qos,
+                                     std::shared_ptr<KW::Reference> const& reference,
+                                     solClient_errorInfo* info);
+
+    SolaceAPI const& api;
+    Context& context;
+    Connection connection;
+    solClient_opaqueSession_pt handle;
+    std::weak_ptr<Client> client;
+    std::shared_ptr<KW::EventHandler> eventHandler;
+
+    std::mutex subscriptionsMutex;
+    std::map<std::string, std::unique_ptr<Subscription>> subscriptions;
+    std::map<std::string, std::unique_ptr<Flow>> flows;
+
+    std::map<unsigned long long, std::shared_ptr<MessageTask>> pending;
+    std::mutex pendingMutex;
+
+    ReceiveWorker receiveWorker;
+    PublishWorker publishWorker;
+    ForwardWorker forwardWorker;
+    SubscribeWorker subscribeWorker;
+};
+
+}  // namespace Impl
+}  // namespace Solace
+}  // namespace KW

@@ -1,0 +1,107 @@
+#include "solace/impl/Subscription.h"
+
+#include "solace/ClientTerminatedException.h"
+#include "solace/SolaceAPI.h"
+#include "solace/impl/Session.h"
+#include "solace/impl/TopicReceiveTask.h"
+
+namespace KW {
+namespace Solace {
+namespace Impl {
+
+namespace {
+// Block until the broker confirms; this runs on the subscribe worker only.
+constexpr solClient_subscribeFlags_t SUBSCRIBE_FLAGS =
+    SOLCLIENT_SUBSCRIBE_FLAGS_WAITFORCONFIRM | SOLCLIENT_SUBSCRIBE_FLAGS_REQUEST_CONFIRM;
+}  // namespace
+
+std::set<Subscription*> Subscription::messageReceiveCallbackFilter;
+std::mutex Subscription::messageReceiveCallbackLock;
+
+Subscription::Subscription(Session& session, std::string const& topic,
+                           std::shared_ptr<KW::MessageHandler> handler)
+    : session(session), topic(topic), handler(std::move(handler)), state(CREATED), lastSubCode(0) {
+    dispatch.dispatchType = SOLCLIENT_DISPATCH_TYPE_CALLBACK;
+    dispatch.callback_p = &Subscription::messageReceiveCallback;
+    dispatch.user_p = this;
+    dispatch.rfu_p = nullptr;
+}
+
+Subscription::~Subscription() {
+    if (state == SUBSCRIBED) {
+        std::lock_guard<std::mutex> lock(messageReceiveCallbackLock);
+        messageReceiveCallbackFilter.erase(this);
+    }
+}
+
+bool Subscription::start(std::shared_ptr<KW::Reference>& reference) {
+    SolaceAPI const& api = session.getAPI();
+    if (api.sessionTopicSubscribeWithDispatch(session.getHandle(), SUBSCRIBE_FLAGS, topic.c_str(),
+                                              &dispatch, nullptr) == SOLCLIENT_OK) {
+        std::lock_guard<std::mutex> lock(messageReceiveCallbackLock);
+        messageReceiveCallbackFilter.insert(this);
+        state = SUBSCRIBED;
+        lastSubCode = 0;
+        session.notifyHandlerOfTopicSubscribe(topic, reference, nullptr);
+        return true;
+    }
+    solClient_errorInfo* info = api.getLastErrorInfo();
+    int const subCode = info ? static_cast<int>(info->subCode) : 0;
+    // Already present counts as subscribed, but this subscription's own
+    // callback is not registered, so nothing arrives through it.
+    if (subCode == SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT) {
+        state = SUBSCRIBED;
+    } else if (subCode == SOLCLIENT_SUBCODE_SUBSCRIPTION_ACL_DENIED) {
+        state = REFUSED;
+    } else {
+        state = FAILED;
+    }
+    lastSubCode = subCode;
+    session.notifyHandlerOfTopicSubscribe(topic, reference, info);
+    return false;
+}
+
+bool Subscription::stop(std::shared_ptr<KW::Reference>& reference) {
+    SolaceAPI const& api = session.getAPI();
+    if (api.sessionTopicUnsubscribeWithDispatch(session.getHandle(), SUBSCRIBE_FLAGS, topic.c_str(),
+                                                &dispatch, nullptr) == SOLCLIENT_OK) {
+        state = UNSUBSCRIBED;
+        lastSubCode = 0;
+        std::lock_guard<std::mutex> lock(messageReceiveCallbackLock);
+        messageReceiveCallbackFilter.erase(this);
+        session.notifyHandlerOfTopicUnsubscribe(topic, reference, nullptr);
+        return true;
+    }
+    solClient_errorInfo* info = api.getLastErrorInfo();
+    int const subCode = info ? static_cast<int>(info->subCode) : 0;
+    lastSubCode = subCode;
+    state = subCode == SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND ? UNSUBSCRIBED : FAILED;
+    std::lock_guard<std::mutex> lock(messageReceiveCallbackLock);
+    messageReceiveCallbackFilter.erase(this);
+    session.notifyHandlerOfTopicUnsubscribe(topic, reference, info);
+    return false;
+}
+
+solClient_rxMsgCallback_returnCode_t Subscription::messageReceiveCallback(void* /*session*/,
+                                                                          void* msg, void* user) {
+    std::lock_guard<std::mutex> lock(messageReceiveCallbackLock);
+    auto it = messageReceiveCallbackFilter.find(static_cast<Subscription*>(user));
+    if (it == messageReceiveCallbackFilter.end()) {
+        return SOLCLIENT_CALLBACK_OK;
+    }
+    Subscription* subscription = *it;
+    try {
+        // A refused push (receive queue full) drops the message.
+        subscription->session.enqueue(
+            std::shared_ptr<ReceiveTask>(std::make_shared<TopicReceiveTask>(msg, subscription)));
+    } catch (ClientTerminatedException const& e) {
+        subscription->session.notifyHandlerOfRuntimeError(e.what());
+    } catch (...) {
+        subscription->session.notifyHandlerOfRuntimeError("failed to receive message");
+    }
+    return SOLCLIENT_CALLBACK_OK;
+}
+
+}  // namespace Impl
+}  // namespace Solace
+}  // namespace KW

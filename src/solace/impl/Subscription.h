@@ -1,0 +1,61 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "core/MessageHandler.h"
+#include "core/Reference.h"
+#include "solace/SolClientABI.h"
+
+namespace KW {
+namespace Solace {
+namespace Impl {
+
+class Session;
+
+// One topic subscription of a session with its own dispatch callback. The
+// library may call that callback after the subscription has been stopped or
+// even destroyed, so every callback first checks a process-wide registry of
+// the subscriptions that may receive, under one lock.
+class Subscription {
+  public:
+    enum State : int { CREATED = 0, UNSUBSCRIBED = 1, SUBSCRIBED = 2, REFUSED = 3, FAILED = 4 };
+
+    Subscription(Session& session, std::string const& topic,
+                 std::shared_ptr<KW::MessageHandler> handler);
+    ~Subscription();
+
+    Subscription(Subscription const&) = delete;
+    Subscription& operator=(Subscription const&) = delete;
+
+    bool start(std::shared_ptr<KW::Reference>& reference);
+    bool stop(std::shared_ptr<KW::Reference>& reference);
+
+    static solClient_rxMsgCallback_returnCode_t messageReceiveCallback(void* session, void* msg,
+                                                                       void* user);
+
+    Session& getSession() const { return session; }
+    std::string const& getTopic() const { return topic; }
+    std::shared_ptr<KW::MessageHandler> const& getHandler() const { return handler; }
+    int getState() const { return state; }
+    int getLastSubCode() const { return lastSubCode; }
+
+    static std::set<Subscription*> messageReceiveCallbackFilter;
+    static std::mutex messageReceiveCallbackLock;
+
+  private:
+    Session& session;
+    std::string topic;
+    std::shared_ptr<KW::MessageHandler> handler;
+    solClient_session_rxMsgDispatchFuncInfo_t dispatch;
+    // Written on the subscribe worker, read anywhere.
+    std::atomic<int> state;
+    std::atomic<int> lastSubCode;
+};
+
+}  // namespace Impl
+}  // namespace Solace
+}  // namespace KW

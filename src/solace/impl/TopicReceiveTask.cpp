@@ -1,0 +1,19 @@
+#include "solace/impl/TopicReceiveTask.h"
+
+#include "solace/impl/Session.h"
+#include "solace/impl/Subscription.h"
+
+namespace KW {
+namespace Solace {
+namespace Impl {
+
+TopicReceiveTask::TopicReceiveTask(void* msg, Subscription* subscription)
+    : ReceiveTask(subscription->getSession(), KW::QOS::AT_MOST_ONCE,
+                  readTopic(subscription->getSession().getAPI(), msg), msg,
+                  subscription->getHandler()) {}
+
+TopicReceiveTask::~TopicReceiveTask() = default;
+
+}  // namespace Impl
+}  // namespace Solace
+}  // namespace KW

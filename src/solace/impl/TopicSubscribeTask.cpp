@@ -1,0 +1,35 @@
+#include "solace/impl/TopicSubscribeTask.h"
+
+#include "solace/impl/Subscription.h"
+
+namespace KW {
+namespace Solace {
+namespace Impl {
+
+TopicSubscribeTask::TopicSubscribeTask(Action action, Subscription* subscription,
+                                       std::shared_ptr<KW::Reference> reference)
+    : SubscribeTask(action, std::move(reference)), subscription(subscription) {
+    if (action == UNSUBSCRIBE) {
+        owned.reset(subscription);
+    }
+}
+
+TopicSubscribeTask::~TopicSubscribeTask() = default;
+
+void TopicSubscribeTask::execute() {
+    if (subscription == nullptr) {
+        return;
+    }
+    switch (action) {
+        case SUBSCRIBE:
+            subscription->start(reference);
+            break;
+        case UNSUBSCRIBE:
+            subscription->stop(reference);
+            break;
+    }
+}
+
+}  // namespace Impl
+}  // namespace Solace
+}  // namespace KW
