@@ -1,0 +1,3 @@
+#include "KWClient/KWCallbackItem.h"
+
+KWCallbackItem::~KWCallbackItem() = default;

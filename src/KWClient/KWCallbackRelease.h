@@ -1,0 +1,19 @@
+#pragma once
+
+#include <memory>
+
+#include <nan.h>
+
+#include "KWClient/KWCallbackItem.h"
+
+// Carries a function handle released on a library thread to the JavaScript
+// thread, where dropping the item disposes it. Running it does nothing.
+class KWCallbackRelease : public KWCallbackItem {
+  public:
+    explicit KWCallbackRelease(std::unique_ptr<Nan::Callback> callback);
+    ~KWCallbackRelease() override;
+    void executeCallback() override;
+
+  private:
+    std::unique_ptr<Nan::Callback> callback;
+};

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <nan.h>
+
+#include "KWClient/KWCallbackItem.h"
+
+// The outcome of one asynchronous request, delivered Node-style: null on
+// success, an Error with "errno" on failure. Success is decided by the text
+// alone, so a failure reported with an empty text reads as success.
+class KWDoneCallback : public KWCallbackItem {
+  public:
+    explicit KWDoneCallback(v8::Local<v8::Function> const& fn);
+    ~KWDoneCallback() override;
+    void executeCallback() override;
+
+    void setCompleted();
+    void setFailed(char const* text, int code);
+
+  private:
+    // Shared through the processor so that the handle is disposed on the
+    // JavaScript thread even when a library thread drops the last reference.
+    std::shared_ptr<Nan::Callback> function;
+    // A library that reports one request twice may update the outcome while
+    // the JavaScript thread reads it.
+    std::mutex mutex;
+    std::string error;
+    int32_t errorCode = 0;
+};

@@ -1,0 +1,109 @@
+#include "KWClient/KWEventHandler.h"
+
+#include "KWClient/KWCallbackProcessor.h"
+#include "KWClient/KWDoneCallback.h"
+#include "KWClient/KWEventInfo.h"
+#include "core/Client.h"
+
+namespace {
+// Every failed send reaches JavaScript with this errno; the broker's own code
+// is not passed on.
+constexpr int SEND_FAILURE_CODE = 1;
+constexpr uint32_t CONNECTION_STATE_EVENT = 1;
+constexpr uint32_t RUNTIME_ERROR_EVENT = 2;
+}  // namespace
+
+KWEventHandler::KWEventHandler(v8::Local<v8::Function> const& fn)
+    : processor(KWCallbackProcessor::getInstance()) {
+    callback = processor->shareFunction(fn);
+}
+
+KWEventHandler::~KWEventHandler() = default;
+
+void KWEventHandler::sendEvent(std::shared_ptr<KWCallbackItem> item) {
+    processor->pushBackItem(std::move(item));
+    processor->triggerCallback();
+}
+
+// Every non-empty reference reaching this handler was made by the JavaScript
+// layer as a KWDoneCallback, so it is converted without a type check.
+void KWEventHandler::complete(std::shared_ptr<KW::Reference> const& reference) {
+    if (!reference) {
+        return;
+    }
+    auto done = std::static_pointer_cast<KWDoneCallback>(reference);
+    done->setCompleted();
+    sendEvent(std::move(done));
+}
+
+void KWEventHandler::fail(std::shared_ptr<KW::Reference> const& reference, char const* text,
+                          int code) {
+    if (!reference) {
+        return;
+    }
+    auto done = std::static_pointer_cast<KWDoneCallback>(reference);
+    done->setFailed(text, code);
+    sendEvent(std::move(done));
+}
+
+void KWEventHandler::raise(uint32_t eventCode, uint32_t eventSubCode, char const* text) {
+    auto item = std::make_shared<KWEventInfo>();
+    item->callback = callback;
+    item->eventCode = eventCode;
+    item->eventSubCode = eventSubCode;
+    if (text != nullptr) {
+        item->what = text;
+    }
+    sendEvent(std::move(item));
+}
+
+void KWEventHandler::connectionStateChanged(std::shared_ptr<KW::Client> client) {
+    // The state is read now, on the notifying thread, so a burst of changes
+    // yields one event per change with its own state.
+    raise(CONNECTION_STATE_EVENT, static_cast<uint32_t>(client->getConnectionState()), nullptr);
+}
+
+void KWEventHandler::messageSendFinalize(std::shared_ptr<KW::Message>,
+                                         std::shared_ptr<KW::Reference> reference) {
+    complete(reference);
+}
+
+void KWEventHandler::messageSendRejected(std::shared_ptr<KW::Message>, char const* text,
+                                         std::shared_ptr<KW::Reference> reference) {
+    fail(reference, text, SEND_FAILURE_CODE);
+}
+
+void KWEventHandler::messageSendError(std::shared_ptr<KW::Message>, char const* text,
+                                      std::shared_ptr<KW::Reference> reference) {
+    fail(reference, text, SEND_FAILURE_CODE);
+}
+
+void KWEventHandler::subscriptionCreateFinalize(std::string const&, KW::QOS::Enum,
+                                                std::shared_ptr<KW::Reference> reference) {
+    complete(reference);
+}
+
+void KWEventHandler::subscriptionCreateError(std::string const&, KW::QOS::Enum,
+                                             std::shared_ptr<KW::Reference> reference,
+                                             char const* text, int code) {
+    fail(reference, text, code);
+}
+
+void KWEventHandler::subscriptionRemoveFinalize(std::string const&, KW::QOS::Enum,
+                                                std::shared_ptr<KW::Reference> reference) {
+    complete(reference);
+}
+
+void KWEventHandler::subscriptionRemoveError(std::string const&, KW::QOS::Enum,
+                                             std::shared_ptr<KW::Reference> reference,
+                                             char const* text, int code) {
+    fail(reference, text, code);
+}
+
+void KWEventHandler::runtimeErrorOccurred(char const* text, int code) {
+    raise(RUNTIME_ERROR_EVENT, static_cast<uint32_t>(code), text);
+}
+
+void KWEventHandler::runtimeErrorOccurred(char const* text) {
+    raise(RUNTIME_ERROR_EVENT, 0, text);
+}

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <nan.h>
+
+#include "KWClient/KWCallbackItem.h"
+#include "core/Message.h"
+
+// One client event (connection state or runtime error) on its way to the
+// client's JavaScript event function.
+class KWEventInfo : public KWCallbackItem {
+  public:
+    ~KWEventInfo() override;
+    void executeCallback() override;
+
+    std::shared_ptr<Nan::Callback> callback;
+    std::shared_ptr<KW::Message> message;
+    std::string what;
+    uint32_t eventCode = 0;
+    uint32_t eventSubCode = 0;
+};

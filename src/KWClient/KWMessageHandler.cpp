@@ -1,0 +1,19 @@
+#include "KWClient/KWMessageHandler.h"
+
+#include "KWClient/KWCallbackProcessor.h"
+#include "KWClient/KWMessageInfo.h"
+
+KWMessageHandler::KWMessageHandler(v8::Local<v8::Function> const& fn)
+    : processor(KWCallbackProcessor::getInstance()) {
+    callback = processor->shareFunction(fn);
+}
+
+KWMessageHandler::~KWMessageHandler() = default;
+
+void KWMessageHandler::handleMessage(std::shared_ptr<KW::Message> message) {
+    auto item = std::make_shared<KWMessageInfo>();
+    item->message = std::move(message);
+    item->callback = callback;
+    processor->pushBackItem(std::move(item));
+    processor->triggerCallback();
+}

@@ -1,0 +1,20 @@
+#include "KWClient/KWMessageInfo.h"
+
+#include "KWClient/KWCallbackProcessor.h"
+#include "KWClient/KWNodeMessage.h"
+
+KWMessageInfo::~KWMessageInfo() = default;
+
+void KWMessageInfo::executeCallback() {
+    Nan::HandleScope scope;
+    if (!callback || callback->IsEmpty()) {
+        return;
+    }
+    v8::Local<v8::Object> object;
+    if (!KWNodeMessage::NewEmpty().ToLocal(&object)) {
+        return;
+    }
+    Nan::ObjectWrap::Unwrap<KWNodeMessage>(object)->setMessage(message);
+    v8::Local<v8::Value> argv[] = {object};
+    KWCallbackProcessor::getInstance()->call(callback->GetFunction(), 1, argv);
+}

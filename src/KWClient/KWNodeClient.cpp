@@ -1,0 +1,386 @@
+#include "KWClient/KWNodeClient.h"
+
+#include "KWClient/KWBoundary.h"
+#include "KWClient/KWDoneCallback.h"
+#include "KWClient/KWEventHandler.h"
+#include "KWClient/KWMessageHandler.h"
+#include "KWClient/KWNodeMessage.h"
+#include "core/ClientLibraryRegistry.h"
+#include "core/DataPacket.h"
+#include "core/Exception.h"
+#include "core/Reference.h"
+#include "solace/ClientLibrary.h"
+
+namespace {
+char const TAG[] = "KWNode";
+char const PATH[] = "src/KWClient/KWNodeClient";
+
+// QoS argument: Uint32 conversion (1 when it fails), then the 2-or-1 mapping.
+KW::QOS::Enum qosOf(v8::Local<v8::Value> value) {
+    unsigned int const number = Nan::To<uint32_t>(value).FromMaybe(1u);
+    return KWNodeClient::getQOS(number);
+}
+
+// The completion reference for a call: a KWDoneCallback when the value is a
+// function, otherwise the empty reference.
+std::shared_ptr<KW::Reference> referenceOf(v8::Local<v8::Value> value) {
+    if (!value->IsFunction()) {
+        return KW::Reference::NONE;
+    }
+    return std::make_shared<KWDoneCallback>(value.As<v8::Function>());
+}
+
+// A string's UTF-8 bytes or a Buffer's bytes, copied; null for anything else.
+std::shared_ptr<KW::DataPacket> packetOf(v8::Local<v8::Value> value) {
+    if (value->IsString()) {
+        Nan::Utf8String text(value);
+        return std::make_shared<KW::DataPacket>(*text, static_cast<unsigned long>(text.length()));
+    }
+    if (node::Buffer::HasInstance(value)) {
+        return std::make_shared<KW::DataPacket>(node::Buffer::Data(value),
+                                                node::Buffer::Length(value));
+    }
+    return nullptr;
+}
+}  // namespace
+
+Nan::Persistent<v8::Function> KWNodeClient::constructor;
+
+void KWNodeClient::Init(v8::Local<v8::Object> exports) {
+    try {
+        KW::Solace::ClientLibrary::start();
+    } catch (KW::Exception& e) {
+        // The class is still defined; the pending error surfaces from require.
+        KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::KWNodeClient error: ", e);
+    }
+    Nan::HandleScope scope;
+    v8::Local<v8::FunctionTemplate> tpl = Nan::New<v8::FunctionTemplate>(New);
+    tpl->SetClassName(Nan::New("KWNodeClient").ToLocalChecked());
+    tpl->InstanceTemplate()->SetInternalFieldCount(1);
+    Nan::SetPrototypeMethod(tpl, "connect", Connect);
+    Nan::SetPrototypeMethod(tpl, "disconnect", Disconnect);
+    Nan::SetPrototypeMethod(tpl, "publish", Publish);
+    Nan::SetPrototypeMethod(tpl, "subscribe", Subscribe);
+    Nan::SetPrototypeMethod(tpl, "forward", Forward);
+    Nan::SetPrototypeMethod(tpl, "unsubscribe", Unsubscribe);
+    Nan::SetPrototypeMethod(tpl, "getConnectionState", GetConnectionState);
+    v8::Local<v8::Function> fn = Nan::GetFunction(tpl).ToLocalChecked();
+    constructor.Reset(fn);
+    Nan::Set(exports, Nan::New("KWNodeClient").ToLocalChecked(), fn);
+}
+
+KWNodeClient::KWNodeClient(std::string const& destinationId, std::string& destinationType,
+                           std::map<std::string, std::string>& connectionData,
+                           v8::Local<v8::Function> const& eventCallback)
+    : destinationId(destinationId),
+      destinationType(destinationType),
+      connectionData(connectionData) {
+    auto handler = std::make_shared<KWEventHandler>(eventCallback);
+    client = KW::ClientLibraryRegistry::getInstance()->createClient(destinationId, destinationType,
+                                                                    connectionData, handler);
+}
+
+KWNodeClient::~KWNodeClient() = default;
+
+KW::QOS::Enum KWNodeClient::getQOS(unsigned int const& value) {
+    return value == 2 ? KW::QOS::GUARANTEED : KW::QOS::AT_MOST_ONCE;
+}
+
+v8::Local<v8::Object> KWNodeClient::NewInstance(v8::Local<v8::Value> arg) {
+    v8::Local<v8::Value> argv[] = {arg, Nan::Undefined()};
+    return KWBoundary::newInstance(constructor, 2, argv);
+}
+
+// Each failed check throws and construction carries on, so the last error
+// thrown is the one the script sees.
+NAN_METHOD(KWNodeClient::New) {
+    if (KWBoundary::constructIfCalled(constructor, info)) {
+        return;
+    }
+    int const n = info.Length();
+    v8::Local<v8::Object> self = info.This();
+    // Field 0 reads as null until the native object exists, so methods of a
+    // failed construction can tell.
+    Nan::SetInternalFieldPointer(self, 0, nullptr);
+    info.GetReturnValue().Set(self);
+
+    if (n < 3) {
+        Nan::ThrowError("Messaging Client Initialization: insufficient parameter provided");
+    }
+    if (info[0].IsEmpty()) {
+        Nan::ThrowError("Messaging Client Initialization: destination id is missing");
+    }
+    if (info[1].IsEmpty()) {
+        Nan::ThrowError("Messaging Client Initialization: destination type is missing");
+    }
+    if (!info[2]->IsObject()) {
+        Nan::ThrowError("Messaging Client Initialization: connection data is missing or wrong");
+    }
+    std::string const destinationId = KWBoundary::toString(info[0]);
+    std::string destinationType = KWBoundary::toString(info[1]);
+    if (info[2]->IsUndefined() || info[2]->IsNull()) {
+        return;  // nothing to read connection data from; the error is pending
+    }
+
+    std::map<std::string, std::string> connectionData;
+    {
+        Nan::TryCatch failure;
+        v8::Local<v8::Object> data;
+        v8::Local<v8::Array> names;
+        if (!Nan::To<v8::Object>(info[2]).ToLocal(&data) ||
+            !Nan::GetOwnPropertyNames(data).ToLocal(&names)) {
+            failure.ReThrow();
+            return;
+        }
+        for (uint32_t i = 0; i < names->Length(); ++i) {
+            v8::Local<v8::Value> name;
+            v8::Local<v8::Value> value;
+            if (!Nan::Get(names, i).ToLocal(&name) || !Nan::Get(data, name).ToLocal(&value)) {
+                failure.ReThrow();
+                return;
+            }
+            std::string key = KWBoundary::toString(name);
+            std::string text = KWBoundary::toString(value);
+            if (failure.HasCaught()) {
+                failure.ReThrow();
+                return;
+            }
+            connectionData[key] = text;
+        }
+    }
+
+    v8::Local<v8::Function> eventCallback;
+    if (info[3]->IsFunction()) {
+        eventCallback = info[3].As<v8::Function>();
+    }
+    try {
+        auto* client =
+            new KWNodeClient(destinationId, destinationType, connectionData, eventCallback);
+        client->Wrap(self);
+    } catch (KW::Exception& e) {
+        KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::New error: ", e);
+    }
+}
+
+KW::Client* KWNodeClient::clientOf(Nan::FunctionCallbackInfo<v8::Value> const& info,
+                                   char const* method) {
+    auto* self = static_cast<KWNodeClient*>(Nan::GetInternalFieldPointer(info.This(), 0));
+    if (self == nullptr || !self->client) {
+        std::string const text =
+            std::string("Messaging Client ") + method + ": the client was not created";
+        Nan::ThrowError(text.c_str());
+        return nullptr;
+    }
+    return self->client.get();
+}
+
+NAN_METHOD(KWNodeClient::Connect) {
+    KW::Client* client = clientOf(info, "Connect");
+    if (client == nullptr) {
+        return;
+    }
+    try {
+        client->connect(0);
+    } catch (KW::Exception& e) {
+        KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Connect error: ", e);
+    }
+}
+
+NAN_METHOD(KWNodeClient::Disconnect) {
+    KW::Client* client = clientOf(info, "Disconnect");
+    if (client == nullptr) {
+        return;
+    }
+    try {
+        client->disconnect(0);
+    } catch (KW::Exception& e) {
+        KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Disconnect error: ", e);
+    }
+}
+
+NAN_METHOD(KWNodeClient::GetConnectionState) {
+    KW::Client* client = clientOf(info, "GetConnectionState");
+    if (client == nullptr) {
+        return;
+    }
+    try {
+        info.GetReturnValue().Set(
+            Nan::New<v8::Uint32>(static_cast<uint32_t>(client->getConnectionState())));
+    } catch (KW::Exception& e) {
+        KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::GetConnectionState error: ", e);
+    }
+}
+
+// Shapes by argument count n: (topic, payload), (topic, payload, done),
+// (topic, qos, payload), (topic, qos, payload, done[, ignored...]).
+NAN_METHOD(KWNodeClient::Publish) {
+    int const n = info.Length();
+    if (n < 2) {
+        Nan::ThrowError("Messaging Client Publish: insufficient parameter provided");
+    }
+    if (info[0].IsEmpty()) {
+        Nan::ThrowError("Messaging Client Publish: topic is missing");
+    }
+    std::string const topic = KWBoundary::toString(info[0]);
+    std::shared_ptr<KW::Reference> reference = KW::Reference::NONE;
+    KW::QOS::Enum qos = KW::QOS::AT_MOST_ONCE;
+    std::shared_ptr<KW::DataPacket> packet;
+    if (n < 2) {
+        // Carries on with no payload: the library sends a message without one.
+        Nan::ThrowError("Messaging Client Publish: payload parameter missing");
+    } else {
+        int payloadIndex = 1;
+        int callbackIndex = -1;
+        if (n == 3 && info[2]->IsFunction()) {
+            callbackIndex = 2;
+        } else if (n >= 3) {
+            payloadIndex = 2;
+            qos = qosOf(info[1]);
+            callbackIndex = n >= 4 ? 3 : -1;
+        }
+        packet = packetOf(info[payloadIndex]);
+        if (!packet) {
+            Nan::ThrowError("Messaging Client Publish: payload is neither a string nor a Buffer");
+            return;
+        }
+        if (callbackIndex >= 1) {
+            reference = referenceOf(info[callbackIndex]);
+        }
+    }
+    KW::Client* client = clientOf(info, "Publish");
+    if (client == nullptr) {
+        return;
+    }
+    try {
+        client->publish(packet, topic, qos, reference, false);
+    } catch (KW::Exception& e) {
+        KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Publish error: ", e);
+    }
+}
+
+// The shapes of publish, with a received KWNodeMessage in place of the payload.
+NAN_METHOD(KWNodeClient::Forward) {
+    int const n = info.Length();
+    if (n < 2) {
+        Nan::ThrowError("Messaging Client Forward: insufficient parameter provided");
+    }
+    if (info[0].IsEmpty()) {
+        Nan::ThrowError("Messaging Client Forward: topic is missing");
+    }
+    std::string const topic = KWBoundary::toString(info[0]);
+    if (n < 2) {
+        // There is no message object to forward: stop here.
+        Nan::ThrowError("Messaging Client Forward: payload parameter is missing");
+        return;
+    }
+    std::shared_ptr<KW::Reference> reference = KW::Reference::NONE;
+    KW::QOS::Enum qos = KW::QOS::AT_MOST_ONCE;
+    int messageIndex = 1;
+    int callbackIndex = -1;
+    if (n == 3 && info[2]->IsFunction()) {
+        callbackIndex = 2;
+    } else if (n >= 3) {
+        messageIndex = 2;
+        qos = qosOf(info[1]);
+        callbackIndex = n >= 4 ? 3 : -1;
+    }
+    std::shared_ptr<KW::Message> message = KWNodeMessage::messageOf(info[messageIndex]);
+    if (!message) {
+        Nan::ThrowError("Messaging Client Forward: message is not a received message");
+        return;
+    }
+    if (callbackIndex >= 1) {
+        reference = referenceOf(info[callbackIndex]);
+    }
+    KW::Client* client = clientOf(info, "Forward");
+    if (client == nullptr) {
+        return;
+    }
+    try {
+        client->forward(message, topic, qos, reference, false);
+    } catch (KW::Exception& e) {
+        KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Forward error: ", e);
+    }
+}
+
+// Shapes: (topic, handler), (topic, handler, done), (topic, qos, handler) when
+// argument 2 is not a function, (topic, qos, handler, done). So a three-argument
+// call with a QoS and a function handler reads the QoS as the handler and is
+// refused.
+NAN_METHOD(KWNodeClient::Subscribe) {
+    int const n = info.Length();
+    if (n < 2) {
+        Nan::ThrowError("Messaging Client Subscribe: insufficient parameter provided");
+    }
+    if (info[0].IsEmpty()) {
+        Nan::ThrowError("Messaging Client Subscribe: topic is missing");
+    }
+    std::string const topic = KWBoundary::toString(info[0]);
+    std::shared_ptr<KW::Reference> reference = KW::Reference::NONE;
+    KW::QOS::Enum qos = KW::QOS::AT_MOST_ONCE;
+    std::shared_ptr<KW::MessageHandler> handler;
+    if (n < 2) {
+        Nan::ThrowError("Messaging Client Subscribe: message handler callback is missing");
+    } else {
+        int handlerIndex = 1;
+        int callbackIndex = -1;
+        if (n == 3 && info[2]->IsFunction()) {
+            callbackIndex = 2;
+        } else if (n >= 3) {
+            handlerIndex = 2;
+            qos = qosOf(info[1]);
+            callbackIndex = n >= 4 ? 3 : -1;
+        }
+        if (info[handlerIndex]->IsFunction()) {
+            handler = std::make_shared<KWMessageHandler>(info[handlerIndex].As<v8::Function>());
+        } else {
+            Nan::ThrowError(
+                "Messaging Client Subscribe: message handler callback is not a function");
+        }
+        if (callbackIndex >= 1) {
+            reference = referenceOf(info[callbackIndex]);
+        }
+    }
+    // Without a handler there is nothing to deliver to: the argument error
+    // stands and no subscription is made.
+    if (!handler) {
+        return;
+    }
+    KW::Client* client = clientOf(info, "Subscribe");
+    if (client == nullptr) {
+        return;
+    }
+    try {
+        client->subscribe(handler, topic, qos, reference);
+    } catch (KW::Exception& e) {
+        KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Subscribe error: ", e);
+    }
+}
+
+// Shapes: (topic), (topic, done), (topic, qos), (topic, qos, done).
+NAN_METHOD(KWNodeClient::Unsubscribe) {
+    int const n = info.Length();
+    if (info[0].IsEmpty()) {
+        Nan::ThrowError("Messaging Client Unsubscribe: topic is empty");
+    }
+    std::string const topic = KWBoundary::toString(info[0]);
+    std::shared_ptr<KW::Reference> reference = KW::Reference::NONE;
+    KW::QOS::Enum qos = KW::QOS::AT_MOST_ONCE;
+    if (n == 2 && info[1]->IsFunction()) {
+        reference = referenceOf(info[1]);
+    } else if (n >= 2) {
+        qos = qosOf(info[1]);
+        if (n >= 3) {
+            reference = referenceOf(info[2]);
+        }
+    }
+    KW::Client* client = clientOf(info, "Unsubscribe");
+    if (client == nullptr) {
+        return;
+    }
+    try {
+        client->unsubscribe(topic, qos, reference);
+    } catch (KW::Exception& e) {
+        KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Unsubscribe error: ", e);
+    }
+}

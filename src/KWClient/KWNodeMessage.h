@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+
+#include <nan.h>
+
+#include "core/Message.h"
+
+// The JavaScript view of one received message. Every method asks the
+// underlying KW::Message at call time; nothing is cached.
+class KWNodeMessage : public Nan::ObjectWrap {
+  public:
+    static void Init(v8::Local<v8::Object> exports);
+    static v8::Local<v8::Object> NewInstance(v8::Local<v8::Value> arg);
+    // A new, empty object made through the constructor with no arguments.
+    static Nan::MaybeLocal<v8::Object> NewEmpty();
+    // The message held by value when value is an object of this class that
+    // holds one; empty otherwise (plain objects, other classes, script-made
+    // objects).
+    static std::shared_ptr<KW::Message> messageOf(v8::Local<v8::Value> value);
+
+    ~KWNodeMessage() override;
+    void setMessage(std::shared_ptr<KW::Message> message);
+
+    static Nan::Persistent<v8::Function> constructor;
+
+  private:
+    KWNodeMessage();
+    static KWNodeMessage* receiver(Nan::FunctionCallbackInfo<v8::Value> const& info);
+
+    static NAN_METHOD(New);
+    static NAN_METHOD(Acknowledge);
+    static NAN_METHOD(Topic);
+    static NAN_METHOD(Payload);
+    static NAN_METHOD(IsAckRequired);
+    static NAN_METHOD(IsRedelivered);
+    static NAN_METHOD(Qos);
+
+    static Nan::Persistent<v8::FunctionTemplate> classTemplate;
+
+    std::shared_ptr<KW::Message> message;
+};

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include <nan.h>
+
+#include "KWClient/KWCallbackItem.h"
+
+// The smallest useful callback item: calls fn(threadIndex, seq, batch) on the
+// JavaScript thread, batch being the number of the kw_item_callback run that
+// executed it. With pushNext set it queues a follow-up item while running.
+class KWProbeItem : public KWCallbackItem {
+  public:
+    KWProbeItem(std::shared_ptr<Nan::Callback> callback, uint32_t threadIndex, uint32_t seq);
+    ~KWProbeItem() override;
+    void executeCallback() override;
+
+    bool pushNext = false;
+
+  private:
+    std::shared_ptr<Nan::Callback> callback;
+    uint32_t threadIndex;
+    uint32_t seq;
+};
