@@ -43,8 +43,7 @@ long solEmu_queueDepth(const char* name);
 // Make the next `count` calls of the named vendor function fail: they return
 // `returnCode` and set the thread's last error to `subCode` and `text`.
 // count 0 removes the fault. Returns 0, or -1 for an unknown function name.
-int solEmu_failNext(const char* function, int count, int returnCode, int subCode,
-                    const char* text);
+int solEmu_failNext(const char* function, int count, int returnCode, int subCode, const char* text);
 
 // Refuse subscribe and unsubscribe requests for `topic` (exact subscription
 // text; NULL: every topic) with FAIL and the given sub-code (23, 24, 68, ...).
@@ -77,5 +76,11 @@ size_t solEmu_lastFlowProperties(char* buffer, size_t size);
 
 // Number of sessions alive (created and not destroyed).
 long solEmu_liveSessions(void);
+
+// ---- Additions ---------------------------------------------------------------------
+// The redelivered flag of a received guaranteed message (the vendor reads it
+// with a function outside the 30 this project uses): 1 redelivered, 0 not,
+// -1 for an invalid message handle.
+int solEmu_msgIsRedelivered(void* msg);
 
 }  // extern "C"

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+namespace solemu {
+
+class Broker;
+
+// Every broker of the process, by "host:port", and the queue names that are
+// provisioned on all of them.
+class BrokerRegistry {
+  public:
+    static BrokerRegistry& instance();
+
+    // The broker for `hostPort`, created (up) on first use.
+    std::shared_ptr<Broker> broker(const std::string& hostPort);
+
+    bool addQueue(const std::string& name);
+    bool removeQueue(const std::string& name);
+    bool isProvisioned(const std::string& name) const;
+    // Summed over every broker and VPN; -1 when not provisioned.
+    long queueDepth(const std::string& name) const;
+
+    // Brokers up, queues gone; broker objects stay so live sessions keep them.
+    void reset();
+
+  private:
+    BrokerRegistry() = default;
+    mutable std::mutex mutex_;
+    std::map<std::string, std::shared_ptr<Broker>> brokers_;
+    std::set<std::string> queues_;
+};
+
+}  // namespace solemu

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace solemu {
+
+// A solClient context: one thread that runs, in the order they were posted,
+// every callback of the sessions and flows created in it. Work is tagged with
+// its owner (a session) and, for flows, a second owner, so that destroying a
+// session or flow can discard its queued work and wait out a running callback.
+class Context {
+  public:
+    using Work = std::function<void()>;
+
+    Context();
+    ~Context();
+    Context(const Context&) = delete;
+    Context& operator=(const Context&) = delete;
+
+    void post(const void* owner, const void* subOwner, Work work);
+    // Discard queued work whose owner or sub-owner is `owner`; unless called on
+    // this context's thread, also wait until none of it is running.
+    void purge(const void* owner);
+    bool onThread() const { return std::this_thread::get_id() == threadId_; }
+    // Stop the thread, dropping queued work. Not from the thread itself.
+    void stop();
+
+    // Process-wide switch: while held, no context runs queued work.
+    static void setHeld(bool held);
+    static bool held() { return held_.load(); }
+    // Re-check the hold switch (after it was released).
+    void wake();
+
+  private:
+    struct Item {
+        const void* owner;
+        const void* subOwner;
+        Work work;
+    };
+    void run();
+
+    static std::atomic<bool> held_;
+
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    std::condition_variable idle_;
+    std::deque<Item> items_;
+    const void* runningOwner_ = nullptr;
+    const void* runningSubOwner_ = nullptr;
+    bool stopping_ = false;
+    std::thread thread_;
+    std::thread::id threadId_;
+};
+
+}  // namespace solemu

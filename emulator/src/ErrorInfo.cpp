@@ -1,0 +1,27 @@
+#include "ErrorInfo.h"
+
+#include <cstring>
+
+namespace solemu {
+
+solClient_errorInfo_t* ErrorInfo::current() {
+    thread_local solClient_errorInfo_t record{};
+    return &record;
+}
+
+void ErrorInfo::set(int subCode, unsigned responseCode, const std::string& text) {
+    solClient_errorInfo_t* info = current();
+    info->subCode = static_cast<solClient_subCode_t>(subCode);
+    info->responseCode = responseCode;
+    const size_t n = std::min(text.size(), sizeof(info->errorStr) - 1);
+    std::memcpy(info->errorStr, text.data(), n);
+    info->errorStr[n] = '\0';
+}
+
+solClient_returnCode_t ErrorInfo::fail(int subCode, const std::string& text,
+                                       solClient_returnCode_t rc) {
+    set(subCode, 0, text);
+    return rc;
+}
+
+}  // namespace solemu

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+#include "SolClientABI.h"
+
+namespace solemu {
+
+// The per-thread last-error record that solClient_getLastErrorInfo hands out.
+class ErrorInfo {
+  public:
+    // The calling thread's record; never null.
+    static solClient_errorInfo_t* current();
+
+    // Fill the calling thread's record.
+    static void set(int subCode, unsigned responseCode, const std::string& text);
+
+    // Fill the record and return `rc`: the usual tail of a failing call.
+    static solClient_returnCode_t fail(int subCode, const std::string& text,
+                                       solClient_returnCode_t rc = SOLCLIENT_FAIL);
+};
+
+}  // namespace solemu

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "PropertyList.h"
+
+namespace solemu {
+
+// A flow property list, checked and parsed. Only queue flows exist here, so
+// FLOW_BIND_ENTITY_ID must be "2" and FLOW_BIND_NAME must name the queue.
+class FlowProperties {
+  public:
+    bool parse(const PropertyList& list, std::string& error);
+
+    // Most messages handed out and not yet acknowledged.
+    size_t window() const;
+
+    bool bindBlocking = true;
+    bool clientAck = false;
+    long long windowSize = 255;
+    long long maxUnacked = -1;
+    std::string queueName;
+    bool startState = true;
+};
+
+}  // namespace solemu

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <shared_mutex>
+#include <vector>
+
+namespace solemu {
+
+// The live objects behind opaque handles. A handle is only trusted after it
+// is found here, so a stale or foreign pointer fails cleanly instead of
+// crashing; lookups share the lock.
+template <typename Entry>
+class HandleTable {
+  public:
+    void add(void* handle, Entry entry) {
+        std::unique_lock<std::shared_mutex> lock(mutex_);
+        entries_[handle] = std::move(entry);
+    }
+    // False when the handle is unknown.
+    bool find(void* handle, Entry& entry) const {
+        std::shared_lock<std::shared_mutex> lock(mutex_);
+        auto it = entries_.find(handle);
+        if (it == entries_.end()) {
+            return false;
+        }
+        entry = it->second;
+        return true;
+    }
+    bool remove(void* handle, Entry& entry) {
+        std::unique_lock<std::shared_mutex> lock(mutex_);
+        auto it = entries_.find(handle);
+        if (it == entries_.end()) {
+            return false;
+        }
+        entry = std::move(it->second);
+        entries_.erase(it);
+        return true;
+    }
+    std::vector<Entry> values() const {
+        std::shared_lock<std::shared_mutex> lock(mutex_);
+        std::vector<Entry> all;
+        for (const auto& item : entries_) {
+            all.push_back(item.second);
+        }
+        return all;
+    }
+    size_t size() const {
+        std::shared_lock<std::shared_mutex> lock(mutex_);
+        return entries_.size();
+    }
+
+  private:
+    mutable std::shared_mutex mutex_;
+    std::map<void*, Entry> entries_;
+};
+
+}  // namespace solemu

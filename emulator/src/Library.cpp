@@ -1,0 +1,326 @@
+#include "Library.h"
+
+#include <cstdlib>
+#include <sstream>
+#include <vector>
+
+#include "Broker.h"
+#include "BrokerRegistry.h"
+#include "Context.h"
+#include "ErrorInfo.h"
+#include "FaultInjector.h"
+#include "Flow.h"
+#include "FlowProperties.h"
+#include "PropertyList.h"
+#include "Session.h"
+#include "SessionProperties.h"
+
+namespace solemu {
+
+namespace {
+
+std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> parts;
+    std::string part;
+    std::istringstream stream(text);
+    while (std::getline(stream, part, separator)) {
+        if (!part.empty()) {
+            parts.push_back(part);
+        }
+    }
+    return parts;
+}
+
+bool envFailure(const char* variable, const std::string& entry) {
+    ErrorInfo::set(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, 0,
+                   std::string(variable) + ": malformed entry '" + entry + "'");
+    return false;
+}
+
+}  // namespace
+
+Library& Library::instance() {
+    // Never destroyed: context threads left running by a program must not
+    // outlive the tables they use.
+    static Library* library = new Library();
+    return *library;
+}
+
+bool Library::loadEnvironment() {
+    if (const char* queues = std::getenv("SOLCLIENT_EMULATOR_QUEUES")) {
+        for (const std::string& name : split(queues, ',')) {
+            BrokerRegistry::instance().addQueue(name);
+        }
+    }
+    if (const char* fail = std::getenv("SOLCLIENT_EMULATOR_FAIL")) {
+        // function:count:returnCode:subCode:text;...
+        for (const std::string& entry : split(fail, ';')) {
+            std::vector<std::string> fields;
+            size_t start = 0;
+            for (int i = 0; i < 4; ++i) {
+                const size_t colon = entry.find(':', start);
+                if (colon == std::string::npos) {
+                    return envFailure("SOLCLIENT_EMULATOR_FAIL", entry);
+                }
+                fields.push_back(entry.substr(start, colon - start));
+                start = colon + 1;
+            }
+            long long count = 0, rc = 0, sub = 0;
+            if (!PropertyList::isInteger(fields[1], count) ||
+                !PropertyList::isInteger(fields[2], rc) ||
+                !PropertyList::isInteger(fields[3], sub) ||
+                !FaultInjector::instance().failNext(fields[0], static_cast<int>(count),
+                                                    static_cast<int>(rc), static_cast<int>(sub),
+                                                    entry.substr(start))) {
+                return envFailure("SOLCLIENT_EMULATOR_FAIL", entry);
+            }
+        }
+    }
+    if (const char* refuse = std::getenv("SOLCLIENT_EMULATOR_REFUSE_SUBSCRIPTIONS")) {
+        // subCode[:topic];...  (no topic: every topic)
+        for (const std::string& entry : split(refuse, ';')) {
+            const size_t colon = entry.find(':');
+            long long sub = 0;
+            if (!PropertyList::isInteger(entry.substr(0, colon), sub)) {
+                return envFailure("SOLCLIENT_EMULATOR_REFUSE_SUBSCRIPTIONS", entry);
+            }
+            if (colon == std::string::npos) {
+                FaultInjector::instance().refuseSubscriptions(nullptr, static_cast<int>(sub));
+            } else {
+                const std::string topic = entry.substr(colon + 1);
+                FaultInjector::instance().refuseSubscriptions(&topic, static_cast<int>(sub));
+            }
+        }
+    }
+    if (const char* mode = std::getenv("SOLCLIENT_EMULATOR_ACK_MODE")) {
+        const std::string value(mode);
+        if (value == "ack" || value == "0") {
+            FaultInjector::instance().setAckMode(FaultInjector::AckMode::Acknowledge);
+        } else if (value == "reject" || value == "1") {
+            FaultInjector::instance().setAckMode(FaultInjector::AckMode::Reject);
+        } else if (value == "withhold" || value == "2") {
+            FaultInjector::instance().setAckMode(FaultInjector::AckMode::Withhold);
+        } else {
+            return envFailure("SOLCLIENT_EMULATOR_ACK_MODE", value);
+        }
+    }
+    if (const char* users = std::getenv("SOLCLIENT_EMULATOR_REFUSE_USERS")) {
+        for (const std::string& user : split(users, ',')) {
+            FaultInjector::instance().refuseUser(user.c_str());
+        }
+    }
+    if (const char* down = std::getenv("SOLCLIENT_EMULATOR_BROKERS_DOWN")) {
+        for (const std::string& hostPort : split(down, ',')) {
+            BrokerRegistry::instance().broker(hostPort)->setUp(false);
+        }
+    }
+    return true;
+}
+
+solClient_returnCode_t Library::initialize() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!environmentLoaded_) {
+        if (!loadEnvironment()) {
+            return SOLCLIENT_FAIL;
+        }
+        environmentLoaded_ = true;
+    }
+    if (auto injected = FaultInjector::instance().check("solClient_initialize")) {
+        return *injected;
+    }
+    initialized_ = true;
+    return SOLCLIENT_OK;
+}
+
+solClient_returnCode_t Library::cleanup() {
+    for (const auto& entry : contexts_.values()) {
+        destroyContext(entry.context.get());
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    initialized_ = false;
+    return SOLCLIENT_OK;
+}
+
+bool Library::checkInitialized() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!initialized_) {
+        ErrorInfo::set(SOLCLIENT_SUBCODE_INIT_NOT_CALLED, 0, "solClient_initialize not called");
+    }
+    return initialized_;
+}
+
+solClient_returnCode_t Library::createContext(solClient_propertyArray_pt props, void** handle) {
+    PropertyList list;
+    std::string error;
+    if (!list.read(props, error)) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, error);
+    }
+    for (const auto& entry : list.entries()) {
+        if (entry.first != "CONTEXT_CREATE_THREAD") {
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                                   "unknown context property " + entry.first);
+        }
+    }
+    // There is no processEvents here, so only contexts with their own thread work.
+    if (list.get("CONTEXT_CREATE_THREAD", "0") != "1") {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_CONFLICT,
+                               "the emulator needs CONTEXT_CREATE_THREAD \"1\"");
+    }
+    auto context = std::make_shared<Context>();
+    *handle = context.get();
+    contexts_.add(context.get(), ContextEntry{context});
+    return SOLCLIENT_OK;
+}
+
+solClient_returnCode_t Library::destroyContext(void* handle) {
+    ContextEntry entry;
+    if (!contexts_.find(handle, entry)) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown context handle");
+    }
+    if (entry.context->onThread()) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
+                               "context_destroy called on the context's own thread");
+    }
+    if (!contexts_.remove(handle, entry)) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown context handle");
+    }
+    // Its sessions go with it.
+    for (const auto& session : sessions_.values()) {
+        if (session.contextHandle == handle) {
+            destroySession(session.session.get());
+        }
+    }
+    entry.context->stop();
+    return SOLCLIENT_OK;
+}
+
+solClient_returnCode_t Library::createSession(solClient_propertyArray_pt props, void* contextHandle,
+                                              void** handle,
+                                              const solClient_session_createFuncInfo_t& funcs) {
+    PropertyList list;
+    std::string error;
+    const bool read = list.read(props, error);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lastSessionProperties_ = list.record();
+    }
+    if (!read) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, error);
+    }
+    SessionProperties properties;
+    if (!properties.parse(list, error)) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, error);
+    }
+    ContextEntry context;
+    if (!contexts_.find(contextHandle, context)) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown context handle");
+    }
+    auto session = std::make_shared<Session>(context.context, std::move(properties), funcs);
+    *handle = session->handle();
+    sessions_.add(session->handle(), SessionEntry{session, contextHandle});
+    return SOLCLIENT_OK;
+}
+
+solClient_returnCode_t Library::destroySession(void* handle) {
+    SessionEntry entry;
+    if (!sessions_.remove(handle, entry)) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown session handle");
+    }
+    for (const auto& flow : entry.session->destroy()) {
+        FlowEntry removed;
+        flows_.remove(flow->handle(), removed);
+    }
+    return SOLCLIENT_OK;
+}
+
+std::shared_ptr<Session> Library::session(void* handle) const {
+    SessionEntry entry;
+    if (!sessions_.find(handle, entry)) {
+        ErrorInfo::set(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, 0, "unknown session handle");
+        return nullptr;
+    }
+    return entry.session;
+}
+
+solClient_returnCode_t Library::createFlow(solClient_propertyArray_pt props, void* sessionHandle,
+                                           void** handle,
+                                           const solClient_flow_createFuncInfo_t& funcs) {
+    PropertyList list;
+    std::string error;
+    const bool read = list.read(props, error);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lastFlowProperties_ = list.record();
+    }
+    if (!read) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, error);
+    }
+    FlowProperties properties;
+    if (!properties.parse(list, error)) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, error);
+    }
+    std::shared_ptr<Session> owner = session(sessionHandle);
+    if (!owner) {
+        return SOLCLIENT_FAIL;
+    }
+    std::shared_ptr<Flow> created;
+    const solClient_returnCode_t rc = owner->createFlow(properties, funcs, created);
+    if (created) {
+        *handle = created->handle();
+        flows_.add(created->handle(), FlowEntry{created, owner});
+    }
+    return rc;
+}
+
+solClient_returnCode_t Library::destroyFlow(void* handle) {
+    FlowEntry entry;
+    if (!flows_.remove(handle, entry)) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown flow handle");
+    }
+    entry.flow->destroy();
+    entry.session->forgetFlow(entry.flow.get());
+    return SOLCLIENT_OK;
+}
+
+std::shared_ptr<Flow> Library::flow(void* handle) const {
+    FlowEntry entry;
+    if (!flows_.find(handle, entry)) {
+        ErrorInfo::set(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, 0, "unknown flow handle");
+        return nullptr;
+    }
+    return entry.flow;
+}
+
+std::string Library::lastSessionProperties() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lastSessionProperties_;
+}
+
+std::string Library::lastFlowProperties() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lastFlowProperties_;
+}
+
+void Library::releaseWithheld() {
+    for (const auto& entry : sessions_.values()) {
+        entry.session->releaseWithheld();
+    }
+}
+
+void Library::wakeContexts() {
+    for (const auto& entry : contexts_.values()) {
+        entry.context->wake();
+    }
+}
+
+void Library::reset() {
+    FaultInjector::instance().reset();
+    BrokerRegistry::instance().reset();
+    Context::setHeld(false);
+    wakeContexts();
+    std::lock_guard<std::mutex> lock(mutex_);
+    lastSessionProperties_.clear();
+    lastFlowProperties_.clear();
+}
+
+}  // namespace solemu

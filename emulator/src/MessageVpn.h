@@ -1,0 +1,43 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace solemu {
+
+class Message;
+class Queue;
+class Session;
+
+// One message VPN of one broker: the sessions connected to it (which receive
+// its direct messages) and its queues. Traffic never crosses VPNs.
+class MessageVpn {
+  public:
+    using SessionList = std::vector<std::shared_ptr<Session>>;
+
+    void attach(const std::shared_ptr<Session>& session);
+    void detach(const Session* session);
+    // The connected sessions; a snapshot, so publishers take no lock while
+    // they deliver.
+    std::shared_ptr<const SessionList> sessions() const;
+
+    // Deliver a direct message to every matching subscription.
+    void publish(const std::string& topic, const std::shared_ptr<const Message>& message) const;
+
+    // The queue of that name if it is provisioned (created on first use).
+    std::shared_ptr<Queue> queue(const std::string& name);
+    void removeQueue(const std::string& name);
+    // -1 when the queue was never used here.
+    long queueDepth(const std::string& name) const;
+    void clearQueues();
+
+  private:
+    mutable std::mutex mutex_;
+    std::shared_ptr<const SessionList> sessions_ = std::make_shared<SessionList>();
+    std::map<std::string, std::shared_ptr<Queue>> queues_;
+};
+
+}  // namespace solemu

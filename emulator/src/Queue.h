@@ -1,0 +1,59 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace solemu {
+
+class Flow;
+class Message;
+
+// A durable queue of one broker: spooled messages in id order, the flows
+// bound to it, and what each flow holds unacknowledged. Several flows share
+// the queue round-robin.
+class Queue : public std::enable_shared_from_this<Queue> {
+  public:
+    explicit Queue(std::string name) : name_(std::move(name)) {}
+
+    const std::string& name() const { return name_; }
+
+    void spool(std::shared_ptr<const Message> message);
+    void bind(const std::shared_ptr<Flow>& flow);
+    // The flow's unacknowledged messages go back to the queue, marked
+    // redelivered, and are offered to the remaining flows.
+    void unbind(const Flow* flow);
+    // Removes a message the flow holds; unknown ids are ignored.
+    void acknowledge(const Flow* flow, uint64_t id);
+    // Hand out messages to flows that are started and have room.
+    void pump();
+    // Spooled messages, handed out or not.
+    long depth() const;
+    void clear();
+
+  private:
+    struct Entry {
+        std::shared_ptr<const Message> message;
+        bool redelivered = false;
+    };
+    struct Binding {
+        const Flow* key;
+        std::weak_ptr<Flow> flow;
+        std::map<uint64_t, Entry> unacked;
+    };
+    void pumpLocked();
+
+    static std::atomic<uint64_t> nextId_;
+
+    const std::string name_;
+    mutable std::mutex mutex_;
+    std::map<uint64_t, Entry> available_;
+    std::vector<Binding> bindings_;
+    size_t nextBinding_ = 0;
+};
+
+}  // namespace solemu

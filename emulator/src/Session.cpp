@@ -1,0 +1,582 @@
+#include "Session.h"
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <set>
+#include <utility>
+
+#include "Broker.h"
+#include "BrokerRegistry.h"
+#include "Context.h"
+#include "ErrorInfo.h"
+#include "FaultInjector.h"
+#include "Flow.h"
+#include "FlowProperties.h"
+#include "Message.h"
+#include "MessageVpn.h"
+#include "Queue.h"
+#include "Scheduler.h"
+
+namespace solemu {
+
+namespace {
+
+bool isDirectory(const std::string& path) {
+    struct stat info {};
+    return !path.empty() && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+std::string subscriptionErrorText(int subCode) {
+    switch (subCode) {
+        case SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT:
+            return "Subscription Already Exists";
+        case SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND:
+            return "Subscription Not Found";
+        case SOLCLIENT_SUBCODE_SUBSCRIPTION_ACL_DENIED:
+            return "Subscription ACL Denied";
+        default:
+            return "Subscription refused by the emulator";
+    }
+}
+
+}  // namespace
+
+Session::Session(std::shared_ptr<Context> context, SessionProperties properties,
+                 const solClient_session_createFuncInfo_t& funcs)
+    : context_(std::move(context)),
+      properties_(std::move(properties)),
+      funcs_(funcs),
+      broker_(BrokerRegistry::instance().broker(properties_.hostPort)),
+      vpn_(broker_->vpn(properties_.vpn)) {}
+
+Session::~Session() = default;
+
+// ---- Connection -----------------------------------------------------------------
+
+solClient_returnCode_t Session::connect() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    switch (state_.load()) {
+        case State::Up:
+            return SOLCLIENT_OK;
+        case State::Connecting:
+        case State::Reconnecting:
+            return SOLCLIENT_IN_PROGRESS;
+        case State::Destroyed:
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "session destroyed");
+        case State::Idle:
+        case State::Down:
+            break;
+    }
+    if (properties_.connectBlocking && context_->onThread()) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
+                               "blocking connect from the context thread");
+    }
+    state_ = State::Connecting;
+    const uint64_t epoch = ++epoch_;
+    attempts_ = 0;
+    std::weak_ptr<Session> weak = weak_from_this();
+    context_->post(this, nullptr, [weak, epoch] {
+        if (auto self = weak.lock()) {
+            self->attempt(epoch);
+        }
+    });
+    if (!properties_.connectBlocking) {
+        return SOLCLIENT_IN_PROGRESS;
+    }
+    stateChanged_.wait(lock, [&] { return state_.load() != State::Connecting; });
+    if (state_.load() == State::Up) {
+        return SOLCLIENT_OK;
+    }
+    return ErrorInfo::fail(lastSubCode_, lastError_.empty() ? "connect failed" : lastError_);
+}
+
+std::string Session::loginRefusal() const {
+    if (properties_.vpn.empty()) {
+        return "Message VPN Not Allowed";
+    }
+    if (properties_.tls && properties_.validateCertificate &&
+        !isDirectory(properties_.trustStoreDir)) {
+        return "SSL: trust store directory '" + properties_.trustStoreDir + "' not found";
+    }
+    if (FaultInjector::instance().isUserRefused(properties_.user)) {
+        return "Unauthorized";
+    }
+    return std::string();
+}
+
+void Session::attempt(uint64_t epoch) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (epoch != epoch_ || state_.load() != State::Connecting) {
+        return;
+    }
+    if (properties_.vpn.empty()) {
+        failConnectLocked(SOLCLIENT_SUBCODE_MSG_VPN_NOT_ALLOWED, 403, loginRefusal());
+        return;
+    }
+    const std::string refusal = loginRefusal();
+    if (!refusal.empty()) {
+        const bool tlsFailure = refusal != "Unauthorized";
+        failConnectLocked(
+            tlsFailure ? SOLCLIENT_SUBCODE_COMMUNICATION_ERROR : SOLCLIENT_SUBCODE_LOGIN_FAILURE,
+            tlsFailure ? 0 : 401, refusal);
+        return;
+    }
+    if (broker_->isUp()) {
+        goUpLocked(false);
+        return;
+    }
+    // Down: wait for it (told by the broker); a finite retry count also runs a
+    // timer per attempt.
+    if (properties_.connectRetries >= 0) {
+        std::weak_ptr<Session> weak = weak_from_this();
+        Scheduler::instance().after(std::chrono::milliseconds(properties_.connectTimeoutMs),
+                                    [weak, epoch] {
+                                        if (auto self = weak.lock()) {
+                                            self->connectTimedOut(epoch);
+                                        }
+                                    });
+    }
+    broker_->waitForUp(shared_from_this());
+}
+
+void Session::connectTimedOut(uint64_t epoch) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (epoch != epoch_ || state_.load() != State::Connecting) {
+        return;
+    }
+    if (++attempts_ > properties_.connectRetries) {
+        failConnectLocked(SOLCLIENT_SUBCODE_COMMUNICATION_ERROR, 0,
+                          "TCP connection failure: broker " + broker_->hostPort() + " unreachable");
+        return;
+    }
+    std::weak_ptr<Session> weak = weak_from_this();
+    Scheduler::instance().after(std::chrono::milliseconds(properties_.connectTimeoutMs),
+                                [weak, epoch] {
+                                    if (auto self = weak.lock()) {
+                                        self->connectTimedOut(epoch);
+                                    }
+                                });
+}
+
+void Session::brokerCameUp() {
+    // Runs on whatever thread brought the broker up; the attempt itself runs on
+    // the context thread.
+    std::weak_ptr<Session> weak = weak_from_this();
+    context_->post(this, nullptr, [weak] {
+        auto self = weak.lock();
+        if (!self) {
+            return;
+        }
+        uint64_t epoch = 0;
+        {
+            std::lock_guard<std::mutex> lock(self->mutex_);
+            epoch = self->epoch_;
+        }
+        self->attempt(epoch);
+    });
+}
+
+void Session::failConnectLocked(int subCode, unsigned responseCode, const std::string& text) {
+    state_ = State::Down;
+    ++epoch_;
+    lastSubCode_ = subCode;
+    lastError_ = text;
+    postEvent(SOLCLIENT_SESSION_EVENT_CONNECT_FAILED_ERROR, responseCode, text);
+    stateChanged_.notify_all();
+}
+
+void Session::goUpLocked(bool reconnected) {
+    state_ = State::Up;
+    vpn_->attach(shared_from_this());
+    {
+        std::unique_lock<std::shared_mutex> lock(subscriptionsMutex_);
+        receiving_ = true;
+        if (reconnected && !properties_.reapplySubscriptions) {
+            subscriptions_.clear();
+        }
+    }
+    postEvent(reconnected ? SOLCLIENT_SESSION_EVENT_RECONNECTED_NOTICE
+                          : SOLCLIENT_SESSION_EVENT_UP_NOTICE,
+              200, "OK");
+    for (auto& entry : flows_) {
+        if (!entry.second->retired()) {
+            entry.second->bind(vpn_->queue(entry.second->queueName()));
+        }
+    }
+    for (auto it = pending_.begin(); it != pending_.end();) {
+        auto next = std::next(it);
+        transmitLocked(it);
+        it = next;
+    }
+    stateChanged_.notify_all();
+}
+
+void Session::detachLocked(bool clearSubscriptions) {
+    vpn_->detach(this);
+    std::unique_lock<std::shared_mutex> lock(subscriptionsMutex_);
+    receiving_ = false;
+    if (clearSubscriptions) {
+        subscriptions_.clear();
+    }
+}
+
+void Session::brokerWentDown() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (state_.load() != State::Up) {
+        return;
+    }
+    detachLocked(false);
+    for (auto& entry : flows_) {
+        entry.second->connectionLost();
+    }
+    state_ = State::Reconnecting;
+    ++epoch_;
+    attempts_ = 0;
+    postEvent(SOLCLIENT_SESSION_EVENT_RECONNECTING_NOTICE, 0,
+              "broker " + broker_->hostPort() + " went down");
+    if (properties_.reconnectRetries == 0) {
+        goDownLocked();
+        return;
+    }
+    scheduleReconnectLocked();
+}
+
+void Session::scheduleReconnectLocked() {
+    std::weak_ptr<Session> weak = weak_from_this();
+    const uint64_t epoch = epoch_;
+    Scheduler::instance().after(std::chrono::milliseconds(properties_.reconnectRetryWaitMs),
+                                [weak, epoch] {
+                                    if (auto self = weak.lock()) {
+                                        self->reconnectTick(epoch);
+                                    }
+                                });
+}
+
+void Session::reconnectTick(uint64_t epoch) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (epoch != epoch_ || state_.load() != State::Reconnecting) {
+        return;
+    }
+    if (broker_->isUp() && loginRefusal().empty()) {
+        goUpLocked(true);
+        return;
+    }
+    ++attempts_;
+    if (properties_.reconnectRetries >= 0 && attempts_ >= properties_.reconnectRetries) {
+        goDownLocked();
+        return;
+    }
+    scheduleReconnectLocked();
+}
+
+void Session::goDownLocked() {
+    state_ = State::Down;
+    ++epoch_;
+    detachLocked(true);
+    for (auto& entry : flows_) {
+        entry.second->retire(SOLCLIENT_FLOW_EVENT_SESSION_DOWN);
+    }
+    lastSubCode_ = SOLCLIENT_SUBCODE_COMMUNICATION_ERROR;
+    lastError_ = "reconnect retries exhausted";
+    postEvent(SOLCLIENT_SESSION_EVENT_DOWN_ERROR, 0, lastError_);
+    stateChanged_.notify_all();
+}
+
+solClient_returnCode_t Session::disconnect() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const State state = state_.load();
+    if (state == State::Idle || state == State::Down || state == State::Destroyed) {
+        return SOLCLIENT_OK;
+    }
+    detachLocked(true);
+    for (auto& entry : flows_) {
+        entry.second->retire(-1);
+    }
+    state_ = State::Idle;
+    ++epoch_;
+    stateChanged_.notify_all();
+    return SOLCLIENT_OK;
+}
+
+std::vector<std::shared_ptr<Flow>> Session::destroy() {
+    std::vector<std::shared_ptr<Flow>> flows;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        state_ = State::Destroyed;
+        ++epoch_;
+        detachLocked(true);
+        for (auto& entry : flows_) {
+            flows.push_back(entry.second);
+        }
+        flows_.clear();
+        pending_.clear();
+        stateChanged_.notify_all();
+    }
+    for (auto& flow : flows) {
+        flow->destroy();
+    }
+    context_->purge(this);
+    return flows;
+}
+
+// ---- Sending --------------------------------------------------------------------
+
+solClient_returnCode_t Session::send(const Message& message) {
+    if (message.hasAttachment() && message.attachmentSize() > MAX_MESSAGE_SIZE) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_MESSAGE_TOO_LARGE,
+                               "message larger than the emulator's limit of 30 MB");
+    }
+    const solClient_destinationType_t type = message.destinationType();
+    const std::string destination = message.destinationName();
+    if (type == SOLCLIENT_NULL_DESTINATION || destination.empty()) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_TOPIC_MISSING, "message has no destination");
+    }
+    const bool toQueue =
+        type == SOLCLIENT_QUEUE_DESTINATION || type == SOLCLIENT_QUEUE_TEMP_DESTINATION;
+
+    if (!message.isGuaranteed()) {
+        if (toQueue) {
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_CONFLICT,
+                                   "direct messages need a topic destination");
+        }
+        if (!TopicMatcher::isValidTopic(destination)) {
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_INVALID_TOPIC_SYNTAX,
+                                   "invalid topic '" + destination + "'");
+        }
+        const State state = state_.load();
+        if (state != State::Up) {
+            if (state == State::Connecting || state == State::Reconnecting) {
+                return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
+                                       "session is (re)connecting", SOLCLIENT_NOT_READY);
+            }
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
+                                   "session not established");
+        }
+        if (destination == DROP_TOPIC) {
+            std::string text;
+            if (message.hasAttachment()) {
+                text.assign(static_cast<const char*>(message.attachmentData()),
+                            message.attachmentSize());
+            }
+            long long ms = 0;
+            if (!PropertyList::isInteger(text, ms) || ms < 0) {
+                return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                                       "#emulator/drop needs a decimal number of milliseconds");
+            }
+            std::shared_ptr<Broker> broker = broker_;
+            broker->setUp(false);
+            Scheduler::instance().after(std::chrono::milliseconds(ms),
+                                        [broker] { broker->setUp(true); });
+            return SOLCLIENT_OK;
+        }
+        vpn_->publish(destination, Message::snapshot(message));
+        return SOLCLIENT_OK;
+    }
+
+    std::lock_guard<std::mutex> lock(mutex_);
+    switch (state_.load()) {
+        case State::Up:
+            pending_.push_back(PendingSend{Message::snapshot(message), false});
+            transmitLocked(std::prev(pending_.end()));
+            return SOLCLIENT_OK;
+        case State::Connecting:
+        case State::Reconnecting:
+            // Buffered; transmitted when the session is up.
+            pending_.push_back(PendingSend{Message::snapshot(message), false});
+            return SOLCLIENT_OK;
+        default:
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
+                                   "session not established");
+    }
+}
+
+void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
+    void* tag = entry->message->correlationTag();
+    if (entry->spooled) {
+        postEvent(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag);
+        pending_.erase(entry);
+        return;
+    }
+    std::shared_ptr<Queue> queue;
+    if (entry->message->destinationType() == SOLCLIENT_QUEUE_DESTINATION ||
+        entry->message->destinationType() == SOLCLIENT_QUEUE_TEMP_DESTINATION) {
+        queue = vpn_->queue(entry->message->destinationName());
+        if (!queue) {
+            postEvent(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 503, "Unknown Queue", tag);
+            pending_.erase(entry);
+            return;
+        }
+    }
+    const FaultInjector::AckMode mode = FaultInjector::instance().ackMode();
+    if (mode == FaultInjector::AckMode::Reject) {
+        postEvent(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 400, "Rejected by the emulator", tag);
+        pending_.erase(entry);
+        return;
+    }
+    if (queue) {
+        queue->spool(entry->message);
+    }
+    if (mode == FaultInjector::AckMode::Withhold) {
+        entry->spooled = true;
+        return;
+    }
+    postEvent(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag);
+    pending_.erase(entry);
+}
+
+void Session::releaseWithheld() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (state_.load() != State::Up) {
+        return;
+    }
+    for (auto it = pending_.begin(); it != pending_.end();) {
+        auto next = std::next(it);
+        if (it->spooled) {
+            transmitLocked(it);
+        }
+        it = next;
+    }
+}
+
+// ---- Subscriptions and delivery ---------------------------------------------------
+
+solClient_returnCode_t Session::changeSubscription(
+    bool add, solClient_subscribeFlags_t flags, const char* topic,
+    const solClient_session_rxMsgDispatchFuncInfo_t* dispatch, void* correlationTag) {
+    if (topic == nullptr) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "topic is NULL");
+    }
+    const std::string text(topic);
+    if (!TopicMatcher::isValidSubscription(text)) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_INVALID_TOPIC_SYNTAX,
+                               "invalid topic subscription '" + text + "'");
+    }
+    solClient_session_rxMsgCallbackFunc_t callback = funcs_.rxMsgInfo.callback_p;
+    void* user = funcs_.rxMsgInfo.user_p;
+    if (dispatch != nullptr && dispatch->callback_p != nullptr) {
+        if (dispatch->dispatchType != SOLCLIENT_DISPATCH_TYPE_CALLBACK) {
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "unknown dispatch type");
+        }
+        if (!properties_.topicDispatch) {
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_CONFLICT,
+                                   "a dispatch callback needs SESSION_TOPIC_DISPATCH \"1\"");
+        }
+        callback = dispatch->callback_p;
+        user = dispatch->user_p;
+    }
+    const bool wait = (flags & SOLCLIENT_SUBSCRIBE_FLAGS_WAITFORCONFIRM) != 0;
+    const bool confirm = !wait && (flags & SOLCLIENT_SUBSCRIBE_FLAGS_REQUEST_CONFIRM) != 0;
+    if (wait && context_->onThread()) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
+                               "cannot wait for confirmation on the context thread");
+    }
+
+    std::lock_guard<std::mutex> lock(mutex_);
+    const State state = state_.load();
+    if (state != State::Up && state != State::Reconnecting) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
+                               "session not established");
+    }
+    const int refusal = FaultInjector::instance().subscriptionRefusal(text);
+    if (refusal != 0) {
+        if (confirm) {
+            postEvent(SOLCLIENT_SESSION_EVENT_SUBSCRIPTION_ERROR, 403,
+                      subscriptionErrorText(refusal), correlationTag);
+            return SOLCLIENT_IN_PROGRESS;
+        }
+        return ErrorInfo::fail(refusal, subscriptionErrorText(refusal));
+    }
+    {
+        std::unique_lock<std::shared_mutex> subscriptionsLock(subscriptionsMutex_);
+        auto found = subscriptions_.end();
+        for (auto it = subscriptions_.begin(); it != subscriptions_.end(); ++it) {
+            if (it->matcher.text() == text && it->callback == callback && it->user == user) {
+                found = it;
+                break;
+            }
+        }
+        if (add && found == subscriptions_.end()) {
+            subscriptions_.push_back(Subscription{TopicMatcher(text), callback, user});
+        } else if (!add && found != subscriptions_.end()) {
+            subscriptions_.erase(found);
+        } else if (!properties_.ignoreDupSubscriptionError) {
+            const int subCode = add ? SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT
+                                    : SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND;
+            return ErrorInfo::fail(subCode, subscriptionErrorText(subCode) + ": " + text);
+        }
+    }
+    if (confirm) {
+        postEvent(SOLCLIENT_SESSION_EVENT_SUBSCRIPTION_OK, 200, "OK", correlationTag);
+        return SOLCLIENT_IN_PROGRESS;
+    }
+    return SOLCLIENT_OK;
+}
+
+void Session::deliverDirect(const std::string& topic,
+                            const std::shared_ptr<const Message>& message) {
+    std::shared_lock<std::shared_mutex> lock(subscriptionsMutex_);
+    if (!receiving_) {
+        return;
+    }
+    // One delivery per distinct callback, however many of its subscriptions match.
+    std::set<std::pair<solClient_session_rxMsgCallbackFunc_t, void*>> served;
+    void* handle = this;
+    for (const Subscription& subscription : subscriptions_) {
+        if (subscription.callback == nullptr || !subscription.matcher.matches(topic) ||
+            !served.emplace(subscription.callback, subscription.user).second) {
+            continue;
+        }
+        auto callback = subscription.callback;
+        void* user = subscription.user;
+        context_->post(this, nullptr, [message, callback, user, handle] {
+            std::unique_ptr<Message> copy = Message::deliveryCopy(*message);
+            if (callback(handle, copy.get(), user) == SOLCLIENT_CALLBACK_TAKE_MSG) {
+                copy.release();  // the application frees it with msg_free
+            }
+        });
+    }
+}
+
+// ---- Flows ------------------------------------------------------------------------
+
+solClient_returnCode_t Session::createFlow(const FlowProperties& properties,
+                                           const solClient_flow_createFuncInfo_t& funcs,
+                                           std::shared_ptr<Flow>& flow) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (state_.load() != State::Up) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
+                               "session not established");
+    }
+    std::shared_ptr<Queue> queue = vpn_->queue(properties.queueName);
+    if (properties.bindBlocking && !queue) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_QUEUE_NOT_FOUND,
+                               "Unknown Queue '" + properties.queueName + "'");
+    }
+    flow = std::make_shared<Flow>(context_, this, properties, funcs);
+    flows_.emplace(flow.get(), flow);
+    flow->bind(queue);  // non-blocking and unknown: BIND_FAILED_ERROR follows
+    return properties.bindBlocking ? SOLCLIENT_OK : SOLCLIENT_IN_PROGRESS;
+}
+
+void Session::forgetFlow(const Flow* flow) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    flows_.erase(flow);
+}
+
+void Session::postEvent(solClient_session_event_t event, unsigned responseCode, std::string info,
+                        void* correlation) {
+    auto callback = funcs_.eventInfo.callback_p;
+    if (callback == nullptr) {
+        return;
+    }
+    void* user = funcs_.eventInfo.user_p;
+    void* handle = this;
+    context_->post(this, nullptr, [=, info = std::move(info)] {
+        solClient_session_eventCallbackInfo_t record{event, responseCode, info.c_str(),
+                                                     correlation};
+        callback(handle, &record, user);
+    });
+}
+
+}  // namespace solemu

@@ -1,0 +1,112 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include "SessionProperties.h"
+#include "SolClientABI.h"
+#include "TopicMatcher.h"
+
+namespace solemu {
+
+class Broker;
+class Context;
+class Flow;
+class FlowProperties;
+class Message;
+class MessageVpn;
+
+// A client session: its connection to one broker VPN, its topic
+// subscriptions, its flows and its guaranteed sends awaiting an answer. Every
+// callback runs on the context thread; everything that posts a callback does
+// so under the lock that destroy() takes, so none runs after destroy().
+class Session : public std::enable_shared_from_this<Session> {
+  public:
+    // The largest binary attachment a send accepts.
+    static constexpr uint32_t MAX_MESSAGE_SIZE = 30u * 1024u * 1024u;
+    // Direct messages to this topic take the broker down for N ms (payload).
+    static constexpr const char* DROP_TOPIC = "#emulator/drop";
+
+    Session(std::shared_ptr<Context> context, SessionProperties properties,
+            const solClient_session_createFuncInfo_t& funcs);
+    ~Session();
+
+    void* handle() { return this; }
+    const std::shared_ptr<Context>& context() const { return context_; }
+
+    solClient_returnCode_t connect();
+    solClient_returnCode_t disconnect();
+    solClient_returnCode_t send(const Message& message);
+    solClient_returnCode_t changeSubscription(
+        bool add, solClient_subscribeFlags_t flags, const char* topic,
+        const solClient_session_rxMsgDispatchFuncInfo_t* dispatch, void* correlationTag);
+    solClient_returnCode_t createFlow(const FlowProperties& properties,
+                                      const solClient_flow_createFuncInfo_t& funcs,
+                                      std::shared_ptr<Flow>& flow);
+    // Forget a flow that flow_destroy has destroyed.
+    void forgetFlow(const Flow* flow);
+    // Stop everything and discard queued callbacks; the flows it had are
+    // returned (already destroyed) so that their handles can be dropped.
+    std::vector<std::shared_ptr<Flow>> destroy();
+
+    // Broker side.
+    void deliverDirect(const std::string& topic, const std::shared_ptr<const Message>& message);
+    void brokerWentDown();
+    void brokerCameUp();
+    void releaseWithheld();
+
+  private:
+    enum class State { Idle, Connecting, Up, Reconnecting, Down, Destroyed };
+    struct Subscription {
+        TopicMatcher matcher;
+        solClient_session_rxMsgCallbackFunc_t callback;
+        void* user;
+    };
+    struct PendingSend {
+        std::shared_ptr<const Message> message;
+        bool spooled;  // the broker has it; a retransmission is only acknowledged
+    };
+
+    void attempt(uint64_t epoch);
+    void connectTimedOut(uint64_t epoch);
+    void reconnectTick(uint64_t epoch);
+    void scheduleReconnectLocked();
+    void failConnectLocked(int subCode, unsigned responseCode, const std::string& text);
+    void goUpLocked(bool reconnected);
+    void goDownLocked();
+    void detachLocked(bool clearSubscriptions);
+    void transmitLocked(std::list<PendingSend>::iterator entry);
+    void postEvent(solClient_session_event_t event, unsigned responseCode, std::string info,
+                   void* correlation = nullptr);
+    std::string loginRefusal() const;
+
+    const std::shared_ptr<Context> context_;
+    const SessionProperties properties_;
+    const solClient_session_createFuncInfo_t funcs_;
+    const std::shared_ptr<Broker> broker_;
+    const std::shared_ptr<MessageVpn> vpn_;
+
+    std::mutex mutex_;
+    std::condition_variable stateChanged_;
+    std::atomic<State> state_{State::Idle};
+    uint64_t epoch_ = 0;  // bumped on every connection change; stale timers see it
+    long long attempts_ = 0;
+    int lastSubCode_ = 0;
+    std::string lastError_;
+    std::map<const Flow*, std::shared_ptr<Flow>> flows_;
+    std::list<PendingSend> pending_;
+
+    mutable std::shared_mutex subscriptionsMutex_;
+    std::vector<Subscription> subscriptions_;
+    bool receiving_ = false;
+};
+
+}  // namespace solemu

@@ -1,0 +1,121 @@
+// The emulator's control functions (solEmu_*): thin calls into its classes.
+
+#pragma GCC visibility push(default)
+#include "SolClientABI.h"
+#include "SolClientEmulator.h"
+#pragma GCC visibility pop
+
+#include <cstring>
+#include <string>
+
+#include "Broker.h"
+#include "BrokerRegistry.h"
+#include "Context.h"
+#include "FaultInjector.h"
+#include "Library.h"
+#include "Message.h"
+
+using solemu::BrokerRegistry;
+using solemu::Context;
+using solemu::FaultInjector;
+using solemu::Library;
+
+namespace {
+
+size_t copyOut(const std::string& text, char* buffer, size_t size) {
+    if (buffer != nullptr && size > 0) {
+        const size_t n = std::min(text.size(), size - 1);
+        std::memcpy(buffer, text.data(), n);
+        buffer[n] = '\0';
+    }
+    return text.size();
+}
+
+}  // namespace
+
+extern "C" {
+
+void solEmu_reset(void) {
+    Library::instance().reset();
+}
+
+void solEmu_setBrokerUp(const char* hostPort, int up) {
+    if (hostPort != nullptr) {
+        BrokerRegistry::instance().broker(hostPort)->setUp(up != 0);
+    }
+}
+
+void solEmu_refuseUser(const char* user) {
+    FaultInjector::instance().refuseUser(user);
+}
+
+int solEmu_addQueue(const char* name) {
+    return name != nullptr && BrokerRegistry::instance().addQueue(name) ? 0 : -1;
+}
+
+int solEmu_removeQueue(const char* name) {
+    return name != nullptr && BrokerRegistry::instance().removeQueue(name) ? 0 : -1;
+}
+
+long solEmu_queueDepth(const char* name) {
+    return name != nullptr ? BrokerRegistry::instance().queueDepth(name) : -1;
+}
+
+int solEmu_failNext(const char* function, int count, int returnCode, int subCode,
+                    const char* text) {
+    if (function == nullptr) {
+        return -1;
+    }
+    return FaultInjector::instance().failNext(function, count, returnCode, subCode,
+                                              text != nullptr ? text : "")
+               ? 0
+               : -1;
+}
+
+void solEmu_refuseSubscriptions(const char* topic, int subCode) {
+    if (topic == nullptr) {
+        FaultInjector::instance().refuseSubscriptions(nullptr, subCode);
+    } else {
+        const std::string text(topic);
+        FaultInjector::instance().refuseSubscriptions(&text, subCode);
+    }
+}
+
+void solEmu_setAckMode(int mode) {
+    using Mode = FaultInjector::AckMode;
+    const Mode next = mode == 1 ? Mode::Reject : mode == 2 ? Mode::Withhold : Mode::Acknowledge;
+    FaultInjector::instance().setAckMode(next);
+    if (next == Mode::Acknowledge) {
+        Library::instance().releaseWithheld();
+    }
+}
+
+void solEmu_holdDeliveries(int hold) {
+    Context::setHeld(hold != 0);
+    if (hold == 0) {
+        Library::instance().wakeContexts();
+    }
+}
+
+long solEmu_liveMessages(void) {
+    return solemu::Message::live();
+}
+
+size_t solEmu_lastSessionProperties(char* buffer, size_t size) {
+    return copyOut(Library::instance().lastSessionProperties(), buffer, size);
+}
+
+size_t solEmu_lastFlowProperties(char* buffer, size_t size) {
+    return copyOut(Library::instance().lastFlowProperties(), buffer, size);
+}
+
+long solEmu_liveSessions(void) {
+    return Library::instance().liveSessions();
+}
+
+int solEmu_msgIsRedelivered(void* msg) {
+    const solemu::Message* found = solemu::Message::fromHandle(msg);
+    return found == nullptr ? -1 : (found->redelivered() ? 1 : 0);
+}
+
+}  // extern "C"

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace solemu {
+
+// A compiled topic subscription in the vendor's grammar: levels separated by
+// "/", a level "*" matches exactly one level, "ab*" matches a level starting
+// with "ab", and a last level ">" matches one or more further levels.
+class TopicMatcher {
+  public:
+    // Empty text, an empty level, ">" anywhere but as the whole last level, or
+    // "*" anywhere but at the end of a level are refused.
+    static bool isValidSubscription(const std::string& subscription);
+    // A topic to publish on: non-empty, no empty level. Wildcard characters
+    // are plain characters here.
+    static bool isValidTopic(const std::string& topic);
+
+    // `subscription` must be valid.
+    explicit TopicMatcher(const std::string& subscription);
+
+    bool matches(const std::string& topic) const;
+    const std::string& text() const { return text_; }
+
+  private:
+    enum class Kind { Literal, AnyLevel, Prefix, Rest };
+    struct Level {
+        Kind kind;
+        std::string text;  // literal text, or the prefix before "*"
+    };
+    std::string text_;
+    std::vector<Level> levels_;
+};
+
+}  // namespace solemu
