@@ -1,0 +1,112 @@
+'use strict';
+// The callback bridge driven from native threads through the probe add-on.
+var assert = require('assert');
+var childProcess = require('child_process');
+var harness = require('./harness');
+var test = harness.test;
+var probe = harness.probe();
+
+test('items pushed from several threads all arrive, each thread in its own order', function (done) {
+  var THREADS = 4;
+  var PER_THREAD = 2500;
+  var next = [0, 0, 0, 0];
+  var total = 0;
+  var outOfOrder = null;
+  probe.pushFromThreads(THREADS, PER_THREAD, function (thread, seq) {
+    if (seq !== next[thread] && !outOfOrder) outOfOrder = 'thread ' + thread + ': ' + seq + ' after ' + next[thread];
+    next[thread] = seq + 1;
+    if (++total === THREADS * PER_THREAD) {
+      assert.strictEqual(outOfOrder, null);
+      assert.deepStrictEqual(next, [PER_THREAD, PER_THREAD, PER_THREAD, PER_THREAD]);
+      done();
+    }
+  });
+});
+
+test('items pushed before the loop runs are executed in one batch; work pushed during a batch waits for the next', function (done) {
+  var batches = [];
+  probe.pushFromThreads(5, 2, function (thread, seq, batch) { batches.push(batch); });
+  assert.strictEqual(probe.pendingCount(), 10);
+  var during = [];
+  probe.pushDuringBatch(function (thread, seq, batch) {
+    during.push(batch);
+    if (during.length < 2) return;
+    assert.strictEqual(batches.length, 10);
+    assert.ok(batches.every(function (b) { return b === batches[0]; }), 'one batch: ' + batches);
+    assert.strictEqual(during[0], batches[0], 'the first item ran with the others');
+    assert.ok(during[1] > during[0], 'the item pushed while running came in a later batch');
+    done();
+  });
+});
+
+test('request outcomes: success, repeated completion, failure with text and code, empty text', function () {
+  var s = harness;
+  var twice = [];
+  return Promise.all([
+    s.completion(function (done) {
+      probe.reportTwice(function (err) {
+        twice.push(err);
+        if (twice.length === 2) done();
+      });
+    }).then(function () { assert.deepStrictEqual(twice, [null, null]); }),
+    s.completion(function (done) { probe.completeWith('subscription refused', 7, done); }).then(function (err) {
+      assert.ok(err instanceof Error);
+      assert.strictEqual(err.message, 'subscription refused');
+      assert.strictEqual(err.errno, 7);
+    }),
+    // Success is decided by the text alone.
+    s.completion(function (done) { probe.completeWith('', 7, done); }).then(function (err) {
+      assert.strictEqual(err, null);
+    }),
+    s.completion(function (done) { probe.rejectWith('Message rejected', done); }).then(function (err) {
+      assert.strictEqual(err.message, 'Message rejected');
+      assert.strictEqual(err.errno, 1);
+    })
+  ]);
+});
+
+test('runtime errors reach the event function as KWNodeEvent objects', function () {
+  var KWNodeEvent = probe.KWNodeEvent;
+  var events = [];
+  probe.runtimeError(function (ev) { events.push(ev); }, 'x');
+  probe.runtimeError(function (ev) { events.push(ev); }, 'caf\u00e9 failed', 42);
+  return harness.waitFor(function () { return events.length === 2; }, 'events').then(function () {
+    assert.ok(events[0] instanceof KWNodeEvent);
+    assert.deepStrictEqual(events.map(function (ev) {
+      return [ev.eventCode(), ev.eventSubCode(), ev.what(), ev.message()];
+    }), [[2, 0, 'x', null], [2, 42, 'caf\u00e9 failed', null]]);
+    var blank = new KWNodeEvent();
+    assert.deepStrictEqual([blank.eventCode(), blank.eventSubCode(), blank.what(), blank.message()], [0, 0, '', null]);
+  });
+});
+
+test('a handler released last on a library thread hands its function to the JavaScript thread', function () {
+  var collected = false;
+  var registry = typeof FinalizationRegistry === 'function' && global.gc
+    ? new FinalizationRegistry(function () { collected = true; }) : null;
+  (function () {
+    var fn = function () { throw new Error('never called'); };
+    if (registry) registry.register(fn, 'fn');
+    // The function handle is queued, not disposed on the foreign thread.
+    assert.strictEqual(probe.releaseHandlerOnThread(fn), 1);
+  })();
+  return harness.waitFor(function () { return probe.pendingCount() === 0; }, 'the release to run').then(function () {
+    if (!registry) return undefined;
+    // Once disposed, nothing keeps the function alive.
+    return harness.waitFor(function () { global.gc(); return collected; }, 'the function to be collected');
+  });
+});
+
+test('an exception thrown by a callback is reported as uncaught and later items still run', function () {
+  var script = [
+    'var probe = require(' + JSON.stringify(require('path').join(harness.root, 'build', 'addon',
+      'node-v' + process.versions.modules, 'kwbridge_probe.node')) + ');',
+    'var caught = [];',
+    'process.on("uncaughtException", function (e) { caught.push(e.message); });',
+    'var calls = 0;',
+    'probe.pushFromThreads(1, 3, function (t, seq) { calls++; if (seq === 1) throw new Error("boom " + seq); });',
+    'setTimeout(function () { console.log(JSON.stringify({ calls: calls, caught: caught })); process.exit(0); }, 200);'
+  ].join('\n');
+  var out = childProcess.execFileSync(process.execPath, ['-e', script]).toString();
+  assert.deepStrictEqual(JSON.parse(out), { calls: 3, caught: ['boom 1'] });
+});
