@@ -27,7 +27,8 @@ class WorkerFunctor {
             if constexpr (batch) {
                 // The previous batch is released here, not earlier.
                 batchList.clear();
-                std::uint64_t limit = context->batchSize;
+                // An unset batch size still makes progress, one task at a time.
+                std::uint64_t limit = context->batchSize != 0 ? context->batchSize : 1;
                 while (!context->queue.empty() && batchList.size() < limit) {
                     batchList.push_back(std::move(context->queue.front()));
                     context->queue.pop();

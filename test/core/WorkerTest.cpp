@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -186,6 +187,16 @@ TEST(WorkerBatches, QueuedTasksArriveInBatchesOfFifty) {
     for (int i = 0; i < 120; ++i) {
         ASSERT_EQ(owner.processed[i], i) << "one thread keeps queue order";
     }
+
+    // A batch worker whose size was never set must not spin on empty batches.
+    Recorder unsetOwner;
+    BatchWorker unset;
+    tuneBatch(unset);
+    unset.batchSize = 0;
+    push(unset, 0, 3);
+    unset.setProcessor(&unsetOwner, 0);
+    ASSERT_TRUE(unsetOwner.waitUntil([](Recorder& r) { return r.processed.size() == 3; }));
+    EXPECT_EQ(unsetOwner.batchSizes, (std::vector<std::size_t>{1, 1, 1}));
 }
 
 TEST(WorkerQueue, FullBoundedQueueRefusesAfterThePushTimeout) {
@@ -200,24 +211,6 @@ TEST(WorkerQueue, FullBoundedQueueRefusesAfterThePushTimeout) {
     EXPECT_GE(waited, 90ms);
     EXPECT_EQ(extra.use_count(), 1) << "a refused task must not be kept";
     EXPECT_EQ(underLock(worker, [&] { return worker.queue.size(); }), 256u);
-}
-
-TEST(WorkerQueue, WaitingProducerGetsInOnceAWorkerTakesATask) {
-    Recorder owner;
-    SingleWorker worker;
-    tuneSingle(worker, 4);
-    worker.pushTimeoutMs = 20000;  // only bounds the wait
-    push(worker, 0, 4);
-    std::atomic<bool> accepted{false};
-    std::thread producer([&] {
-        Task task = std::make_shared<Job>(4);
-        accepted = worker.pushTask(task);
-    });
-    std::this_thread::sleep_for(20ms);
-    worker.setProcessor(&owner, 0);
-    producer.join();
-    EXPECT_TRUE(accepted);
-    ASSERT_TRUE(owner.waitUntil([](Recorder& r) { return r.processed.size() == 5; }));
 }
 
 TEST(WorkerStop, WithoutDrainingQueuedTasksStayAndAreDroppedWithTheWorker) {
