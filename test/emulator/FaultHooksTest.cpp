@@ -1,0 +1,99 @@
+#include <cstring>
+
+#include "EmulatorTest.h"
+
+namespace {
+
+using FaultHooks = EmulatorTest;
+
+TEST_F(FaultHooks, FailNextFailsExactlyCountCallsWithTheGivenError) {
+    auto session = harness.connected(hostPort);
+    EXPECT_EQ(-1, solEmu_failNext("solClient_no_such_function", 1, -1, 6, "x"));
+    ASSERT_EQ(0, solEmu_failNext("solClient_session_sendMsg", 2, SOLCLIENT_NOT_READY, 14,
+                                 "injected failure"));
+    EXPECT_EQ(SOLCLIENT_NOT_READY, harness.publish(session, "t", "1"));
+    EXPECT_EQ(14, solClient_getLastErrorInfo()->subCode);
+    EXPECT_STREQ("injected failure", solClient_getLastErrorInfo()->errorStr);
+    EXPECT_EQ(SOLCLIENT_NOT_READY, harness.publish(session, "t", "2"));
+    EXPECT_EQ(SOLCLIENT_OK, harness.publish(session, "t", "3"));
+
+    // Count 0 disarms; allocation failures are reachable too.
+    ASSERT_EQ(0, solEmu_failNext("solClient_msg_alloc", 5, -1, 7, "no memory"));
+    ASSERT_EQ(0, solEmu_failNext("solClient_msg_alloc", 0, 0, 0, nullptr));
+    solClient_opaqueMsg_pt msg = nullptr;
+    ASSERT_EQ(SOLCLIENT_OK, solClient_msg_alloc(&msg));
+    ASSERT_EQ(SOLCLIENT_OK, solClient_msg_free(&msg));
+    ASSERT_EQ(0, solEmu_failNext("solClient_context_create", 1, -1, 5, "no context"));
+    solClient_opaqueContext_pt context = nullptr;
+    EXPECT_EQ(SOLCLIENT_FAIL,
+              solClient_context_create(SOLCLIENT_CONTEXT_PROPS_DEFAULT_WITH_CREATE_THREAD, &context,
+                                       nullptr, 0));
+    EXPECT_EQ(nullptr, context);
+}
+
+TEST_F(FaultHooks, RefusedSubscriptionsFailOrRaiseSubscriptionError) {
+    auto session = harness.connected(hostPort);
+    solEmu_refuseSubscriptions("secret/>", SOLCLIENT_SUBCODE_SUBSCRIPTION_ACL_DENIED);
+    int tag = 0;
+    EXPECT_EQ(SOLCLIENT_FAIL, harness.subscribe(session, "secret/>", &tag));
+    EXPECT_EQ(SOLCLIENT_SUBCODE_SUBSCRIPTION_ACL_DENIED, solClient_getLastErrorInfo()->subCode);
+    EXPECT_EQ(SOLCLIENT_OK, harness.subscribe(session, "public", &tag));
+    EXPECT_EQ(SOLCLIENT_IN_PROGRESS, harness.subscribe(session, "secret/>", &tag,
+                                                       SOLCLIENT_SUBSCRIBE_FLAGS_REQUEST_CONFIRM));
+    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_SUBSCRIPTION_ERROR));
+    EXPECT_EQ(&tag, harness.events().back().correlation);
+
+    solEmu_refuseSubscriptions(nullptr, SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT);
+    EXPECT_EQ(SOLCLIENT_FAIL, harness.unsubscribe(session, "public", &tag));
+    EXPECT_EQ(SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT,
+              solClient_getLastErrorInfo()->subCode);
+    solEmu_refuseSubscriptions(nullptr, 0);
+    EXPECT_EQ(SOLCLIENT_OK, harness.unsubscribe(session, "public", &tag));
+}
+
+TEST_F(FaultHooks, RejectModeAndWithheldAcknowledgementsReleasedLater) {
+    ASSERT_EQ(0, solEmu_addQueue("q"));
+    auto session = harness.connected(hostPort);
+    int rejected = 0, withheld = 0;
+    solEmu_setAckMode(1);
+    ASSERT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(session, "q", "r", &rejected));
+    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR));
+    EXPECT_EQ(&rejected, harness.events().back().correlation);
+    EXPECT_EQ(0, solEmu_queueDepth("q"));
+
+    solEmu_setAckMode(2);
+    ASSERT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(session, "q", "w", &withheld));
+    EXPECT_EQ(1, solEmu_queueDepth("q"));  // spooled, just not answered
+    EXPECT_EQ(0u, harness.countEvents(false, SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT));
+    solEmu_setAckMode(0);
+    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT));
+    EXPECT_EQ(&withheld, harness.events().back().correlation);
+}
+
+// Held deliveries reach the callback that was current when they were queued,
+// which is how a message "in flight" across an unsubscribe looks.
+TEST_F(FaultHooks, HeldDeliveriesArriveAfterUnsubscribe) {
+    auto session = harness.connected(hostPort);
+    int tag = 0;
+    ASSERT_EQ(SOLCLIENT_OK, harness.subscribe(session, "t", &tag));
+    solEmu_holdDeliveries(1);
+    ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "t", "in flight"));
+    ASSERT_EQ(SOLCLIENT_OK, harness.unsubscribe(session, "t", &tag));
+    EXPECT_EQ(0u, harness.messages().size());
+    solEmu_holdDeliveries(0);
+    ASSERT_TRUE(harness.waitForMessageFrom(&tag));
+    EXPECT_EQ("in flight", harness.messages()[0].payload);
+}
+
+TEST_F(FaultHooks, CallsBeforeInitializeAndAfterCleanupFail) {
+    ASSERT_EQ(SOLCLIENT_OK, solClient_cleanup());  // also destroys the harness's context
+    solClient_opaqueMsg_pt msg = nullptr;
+    EXPECT_EQ(SOLCLIENT_FAIL, solClient_msg_alloc(&msg));
+    EXPECT_EQ(SOLCLIENT_SUBCODE_INIT_NOT_CALLED, solClient_getLastErrorInfo()->subCode);
+    ASSERT_EQ(0, solEmu_failNext("solClient_initialize", 1, -1, 6, "init refused"));
+    EXPECT_EQ(SOLCLIENT_FAIL, solClient_initialize(SOLCLIENT_LOG_NOTICE, nullptr));
+    EXPECT_EQ(SOLCLIENT_OK, solClient_initialize(SOLCLIENT_LOG_NOTICE, nullptr));
+    EXPECT_EQ(0, solEmu_liveSessions());
+}
+
+}  // namespace
