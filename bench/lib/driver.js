@@ -42,7 +42,7 @@ function makeProgressWaiter() {
 // that publishing goes on, and counted as drops at the end.
 async function runThroughput(transport, opts) {
   const { payload, count } = opts;
-  const window = opts.window || 1024;
+  const window = opts.window || 256;
   const burst = opts.burst || 64;
   const stallMs = opts.stallMs || 200;
   const waiter = makeProgressWaiter();

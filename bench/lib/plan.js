@@ -23,20 +23,30 @@ const PROFILES = {
   full: {
     reps: 5,
     memoryReps: 3,
-    direct: { sizes: [64, 1024, 65536], counts: { 64: 200000, 1024: 100000, 65536: 10000 }, window: 1024 },
+    direct: {
+      sizes: [64, 1024, 65536],
+      counts: { 64: 200000, 1024: 100000, 65536: 10000 },
+      window: 256,
+      flood: { size: 64, count: 50000, window: 4096 },
+    },
     latency: { rates: [10000, 100000], durationMs: 1000 },
     guaranteed: { size: 1024, count: 20000, window: 200 },
     bridge: { items: 1000000, threads: [1, 2] },
-    memory: { count: 1000000, window: 1024 },
+    memory: { count: 1000000, window: 256 },
   },
   short: {
     reps: 3,
     memoryReps: 1,
-    direct: { sizes: [64, 1024, 65536], counts: { 64: 20000, 1024: 10000, 65536: 1000 }, window: 1024 },
+    direct: {
+      sizes: [64, 1024, 65536],
+      counts: { 64: 20000, 1024: 10000, 65536: 1000 },
+      window: 256,
+      flood: { size: 64, count: 10000, window: 4096 },
+    },
     latency: { rates: [10000, 100000], durationMs: 200 },
     guaranteed: { size: 1024, count: 2000, window: 200 },
     bridge: { items: 100000, threads: [1, 2] },
-    memory: { count: 100000, window: 1024 },
+    memory: { count: 100000, window: 256 },
   },
 };
 
