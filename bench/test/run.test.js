@@ -37,7 +37,7 @@ test('a baseline-only run prints the table and writes matching JSON', () => {
     assert.deepEqual(doc.failures, []);
     // Two runs per case, and every direct payload size measured.
     const rates = doc.summaries.filter((s) => s.workload === 'direct' && s.metric === 'msgsPerSec');
-    assert.deepEqual(rates.map((s) => s.variant), ['64 B', '1 KiB', '64 KiB']);
+    assert.deepEqual(rates.map((s) => s.variant), ['64 B', '1 KiB', '64 KiB', '64 B, 4096 in flight']);
     for (const s of rates) {
       assert.equal(s.runs.length, 2);
       assert.ok(s.median > 0 && s.min <= s.median && s.median <= s.max);
