@@ -1,0 +1,32 @@
+// A vendor library that lacks one function cannot be loaded at all. This
+// executable finds a deliberately incomplete libsolclient.so first on its
+// library path.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "core/SharedLibraryHandleException.h"
+#include "solace/SolaceAPI.h"
+#include "solace/impl/Library.h"
+
+namespace {
+
+TEST(IncompleteVendorLibrary, CannotBeLoaded) {
+    try {
+        KW::Solace::SolaceAPI api;
+        FAIL() << "a library without solClient_flow_sendAck was accepted";
+    } catch (KW::SharedLibraryHandleException const& e) {
+        std::string const text = e.what();
+        EXPECT_EQ(text.rfind("libsolclient.so: ", 0), 0u) << text;
+        EXPECT_NE(text.find("solClient_flow_sendAck"), std::string::npos) << text;
+        EXPECT_EQ(text.back(), '\n');
+    }
+}
+
+TEST(IncompleteVendorLibrary, LibraryStartFailsAndStaysUnstarted) {
+    KW::Solace::Impl::Library library;
+    EXPECT_THROW(library.start(), KW::SharedLibraryHandleException);
+    EXPECT_EQ(library.getAPI(), nullptr);
+}
+
+}  // namespace
