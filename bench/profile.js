@@ -4,7 +4,7 @@
 // worker under `perf record` (all threads: main, stand-in context thread,
 // adapter workers) and prints where the CPU time per delivered message goes,
 // by area and by symbol. Needs perf (Debian: linux-perf).
-//   node bench/profile.js [--system kwnode] [--count 300000] [--size 64] [--top 25]
+//   node bench/profile.js [--system kwnode] [--count 300000] [--size 64] [--top 25] [--window 256]
 
 const fs = require('fs');
 const os = require('os');
@@ -31,7 +31,7 @@ const AREAS = [
 ];
 
 function parseArgs(argv) {
-  const o = { system: 'kwnode', count: 300000, size: 64, top: 25 };
+  const o = { system: 'kwnode', count: 300000, size: 64, top: 25, window: 256 };
   for (let i = 0; i < argv.length; i += 2) {
     const key = argv[i].replace(/^--/, '');
     if (!(key in o)) throw new Error(`unknown argument ${argv[i]}`);
@@ -73,7 +73,7 @@ function main() {
   const job = {
     workload: 'direct',
     system: o.system,
-    params: { sizes: [o.size], counts: { [o.size]: o.count }, window: 1024 },
+    params: { sizes: [o.size], counts: { [o.size]: o.count }, window: o.window },
   };
   const childEnv = { ...process.env, SOLCLIENT_EMULATOR_QUEUES: QUEUE };
   if (emulatorDir) childEnv.LD_LIBRARY_PATH = env.prependLibraryPath(emulatorDir, process.env.LD_LIBRARY_PATH);

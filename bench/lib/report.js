@@ -68,7 +68,10 @@ function formatCell(entry) {
 }
 
 function formatRatio(r) {
-  return r === null ? '–' : `${r >= 10 ? r.toFixed(1) : r.toFixed(2)}×`;
+  if (r === null) return '–';
+  if (r >= 10) return `${r.toFixed(1)}×`;
+  // Small ratios keep two significant digits instead of rounding to 0.00.
+  return `${r >= 0.01 ? r.toFixed(2) : r.toPrecision(2)}×`;
 }
 
 // One Markdown table: a row per (workload, variant, metric), a column per

@@ -4,7 +4,7 @@ const assert = require('node:assert/strict');
 const fs = require('fs');
 const os = require('os');
 const path = require('path');
-const { aggregate, markdownTable, writeResults, formatNumber, formatCell } = require('../lib/report');
+const { aggregate, markdownTable, writeResults, formatNumber, formatCell, formatRatio } = require('../lib/report');
 
 const run = (system, rep, metrics, variant = '64 B', workload = 'direct') => ({ workload, system, rep, variant, metrics });
 
@@ -76,6 +76,10 @@ test('number and cell formatting', () => {
   assert.equal(formatCell({ n: 3, median: 2.5, min: 1.25, max: 3 }), '2.50 (1.25–3)');
   assert.equal(formatCell({ n: 1, median: 2.5, min: 2.5, max: 2.5 }), '2.50');
   assert.equal(formatCell(undefined), '–');
+  assert.equal(formatRatio(0.5), '0.50×');
+  assert.equal(formatRatio(0.0000137), '0.000014×');
+  assert.equal(formatRatio(33.21), '33.2×');
+  assert.equal(formatRatio(null), '–');
 });
 
 test('results are written twice with the same content', () => {
