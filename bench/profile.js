@@ -80,7 +80,9 @@ function main() {
   const rec = spawnSync(
     'perf',
     ['record', '-F', '1999', '-g', '-o', data, '--', process.execPath, '--perf-basic-prof', path.join(__dirname, 'worker.js'), JSON.stringify(job)],
-    { env: childEnv, encoding: 'utf8', maxBuffer: 64 * 1024 * 1024 },
+    // V8's code-event log (isolate-*.log) lands in the working directory:
+    // keep it in the temporary one.
+    { env: childEnv, cwd: path.dirname(data), encoding: 'utf8', maxBuffer: 64 * 1024 * 1024 },
   );
   const line = (rec.stdout || '').split('\n').find((l) => l.startsWith(RESULT_TAG));
   if (rec.status !== 0 || !line) {
