@@ -26,17 +26,27 @@ function finishWhenAllSettled() {
   });
 }
 
+// Runs fn and calls done(err) exactly once: on completion, failure or
+// after TIMEOUT_MS.
 function runBody(fn, done) {
+  var finished = false;
+  var timer = setTimeout(function () { finish(new Error('timed out after ' + TIMEOUT_MS + ' ms')); }, TIMEOUT_MS);
+  function finish(err) {
+    if (finished) return;
+    finished = true;
+    clearTimeout(timer);
+    done(err);
+  }
   if (fn.length >= 1) {
-    fn(done);
+    fn(finish);
     return;
   }
-  Promise.resolve().then(fn).then(function () { done(); }, done);
+  Promise.resolve().then(fn).then(function () { finish(); }, finish);
 }
 
 function viaNodeTest(name, fn) {
   registered++;
-  nodeTest(name, { timeout: TIMEOUT_MS }, function (t, done) {
+  nodeTest(name, function (t, done) {
     runBody(fn, function (err) {
       done(err);
       finishWhenAllSettled();
@@ -55,12 +65,10 @@ function runNext() {
     process.exit(failed ? 1 : 0);
   }
   var finished = false;
-  var timer = setTimeout(function () { finish(new Error('timed out after ' + TIMEOUT_MS + ' ms')); }, TIMEOUT_MS);
   function onUncaught(err) { finish(err); }
   function finish(err) {
     if (finished) return;
     finished = true;
-    clearTimeout(timer);
     process.removeListener('uncaughtException', onUncaught);
     if (err) {
       failed++;
