@@ -22,7 +22,7 @@ struct Request {
 
 TEST_F(Stress, EveryRequestIsAnsweredExactlyOnce) {
     constexpr int sessions = 3;
-    constexpr int rounds = 120;
+    constexpr int rounds = 200;
     ASSERT_EQ(solEmu_addQueue("stress-q"), 0);
 
     std::vector<std::shared_ptr<KW::Client>> peers;
@@ -82,6 +82,18 @@ TEST_F(Stress, EveryRequestIsAnsweredExactlyOnce) {
             }
         });
     }
+    // A second consumer of the queue comes and goes, acknowledging as it
+    // receives, so that acknowledgements race with its flow being stopped.
+    auto flicker = makeHandler();
+    flicker->autoAcknowledge(true);
+    threads.emplace_back([&] {
+        for (int round = 0; round < rounds / 10; ++round) {
+            peers[sessions - 1]->subscribe(flicker, "stress-q", KW::QOS::GUARANTEED,
+                                           KW::Reference::NONE);
+            std::this_thread::sleep_for(5ms);
+            peers[sessions - 1]->unsubscribe("stress-q", KW::QOS::GUARANTEED, KW::Reference::NONE);
+        }
+    });
     threads.emplace_back([] {
         std::this_thread::sleep_for(50ms);
         solEmu_setBrokerUp(HOST_PORT, 0);

@@ -280,6 +280,21 @@ TEST_F(Flows, QueueMessagesNeedAndTakeAnAcknowledgement) {
     EXPECT_TRUE(events->events(Event::CREATE_ERROR).empty());
 }
 
+TEST_F(Flows, AcknowledgingAfterTheQueueWasUnsubscribedIsHarmless) {
+    auto handler = makeHandler();
+    ASSERT_TRUE(client->subscribe(handler, "work", KW::QOS::GUARANTEED, KW::Reference::NONE));
+    sendToQueue("kept");
+    ASSERT_TRUE(handler->waitFor(1, 5s));
+    ASSERT_TRUE(client->unsubscribe("work", KW::QOS::GUARANTEED, KW::Reference::NONE));
+    // The stop has run once a later subscription is answered.
+    subscribeTopic(client, handler, "marker");
+    auto message = handler->messages()[0];
+    message->acknowledge();
+    // The unacknowledged message went back to the queue with its flow.
+    EXPECT_EQ(solEmu_queueDepth("work"), 1);
+    EXPECT_TRUE(message->isAckRequired());
+}
+
 TEST_F(Flows, ABindToAnUnknownQueueIsReportedWithTheErrorRecord) {
     auto handler = makeHandler();
     auto tag = std::make_shared<Tag>(66);

@@ -17,7 +17,7 @@ class Session;
 
 // One session's binding to a durable queue through a library flow. Messages
 // are acknowledged by the client, one by one, whatever the flow's qos.
-class Flow {
+class Flow : public std::enable_shared_from_this<Flow> {
   public:
     enum State : int { CREATED = 0, UP = 1, DOWN = 2, INACTIVE = 3, ACTIVE = 4, FAILED = 5 };
 

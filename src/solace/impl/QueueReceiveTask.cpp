@@ -11,7 +11,7 @@ namespace Impl {
 QueueReceiveTask::QueueReceiveTask(void* msg, Flow* flow)
     : ReceiveTask(flow->getSession(), flow->getQOS(), flow->getName().c_str(), msg,
                   flow->getHandler()),
-      flow(flow) {}
+      flow(flow->shared_from_this()) {}
 
 QueueReceiveTask::~QueueReceiveTask() = default;
 

@@ -8,7 +8,9 @@ namespace Impl {
 
 class Flow;
 
-// A message of a queue flow; acknowledging it removes it from the queue.
+// A message of a queue flow; acknowledging it removes it from the queue. It
+// keeps its flow alive: once the flow is stopped there is nothing to
+// acknowledge on and the acknowledgement is dropped.
 class QueueReceiveTask : public ReceiveTask {
   public:
     QueueReceiveTask(void* msg, Flow* flow);
@@ -17,7 +19,7 @@ class QueueReceiveTask : public ReceiveTask {
     void acknowledge() override;
 
   private:
-    Flow* flow;
+    std::shared_ptr<Flow> flow;
 };
 
 }  // namespace Impl

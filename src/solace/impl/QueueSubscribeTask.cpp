@@ -6,18 +6,14 @@ namespace KW {
 namespace Solace {
 namespace Impl {
 
-QueueSubscribeTask::QueueSubscribeTask(Action action, Flow* flow,
+QueueSubscribeTask::QueueSubscribeTask(Action action, std::shared_ptr<Flow> flow,
                                        std::shared_ptr<KW::Reference> reference)
-    : SubscribeTask(action, std::move(reference)), flow(flow) {
-    if (action == UNSUBSCRIBE) {
-        owned.reset(flow);
-    }
-}
+    : SubscribeTask(action, std::move(reference)), flow(std::move(flow)) {}
 
 QueueSubscribeTask::~QueueSubscribeTask() = default;
 
 void QueueSubscribeTask::execute() {
-    if (flow == nullptr) {
+    if (!flow) {
         return;
     }
     switch (action) {

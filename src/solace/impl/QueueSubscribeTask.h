@@ -8,21 +8,22 @@ namespace Impl {
 
 class Flow;
 
-// Starts or stops one flow. An UNSUBSCRIBE task owns its target: the
-// session hands it over when it drops the flow from its map, and the
-// flow lives until its stop has run.
+// Starts or stops one flow. The flow is shared: besides the session's map
+// and this task, the messages received on it keep it, so that acknowledging
+// a message after its queue was unsubscribed finds a stopped flow rather
+// than a destroyed one.
 class QueueSubscribeTask : public SubscribeTask {
   public:
-    QueueSubscribeTask(Action action, Flow* flow, std::shared_ptr<KW::Reference> reference);
+    QueueSubscribeTask(Action action, std::shared_ptr<Flow> flow,
+                       std::shared_ptr<KW::Reference> reference);
     ~QueueSubscribeTask() override;
 
     void execute() override;
 
-    Flow* getFlow() const { return flow; }
+    Flow* getFlow() const { return flow.get(); }
 
   private:
-    Flow* flow;
-    std::unique_ptr<Flow> owned;
+    std::shared_ptr<Flow> flow;
 };
 
 }  // namespace Impl

@@ -521,29 +521,45 @@ std::size_t Session::getPendingCount() {
 
 namespace {
 
+// How the map's entry is handed to a start or stop task: a subscription
+// passes to its stop task alone, a flow is shared.
+template <typename TaskType, typename Target>
+std::shared_ptr<SubscribeTask> makeTask(SubscribeTask::Action action,
+                                        std::unique_ptr<Target>& target,
+                                        std::shared_ptr<KW::Reference> reference) {
+    std::shared_ptr<SubscribeTask> task =
+        std::make_shared<TaskType>(action, target.get(), std::move(reference));
+    if (action == SubscribeTask::UNSUBSCRIBE) {
+        target.release();  // the task owns it now
+    }
+    return task;
+}
+
+template <typename TaskType, typename Target>
+std::shared_ptr<SubscribeTask> makeTask(SubscribeTask::Action action,
+                                        std::shared_ptr<Target>& target,
+                                        std::shared_ptr<KW::Reference> reference) {
+    return std::make_shared<TaskType>(action, target, std::move(reference));
+}
+
 // Enters a new subscription or flow in its map and queues its start. A name
 // already present queues nothing: true when it has the same handler.
-template <typename TaskType, typename Target>
-bool addEntry(std::map<std::string, std::unique_ptr<Target>>& map, Session::SubscribeWorker& worker,
-              std::unique_ptr<Target> target, std::string const& name,
+template <typename TaskType, typename Map, typename Entry>
+bool addEntry(Map& map, Session::SubscribeWorker& worker, Entry entry, std::string const& name,
               std::shared_ptr<KW::Reference> reference) {
     auto it = map.find(name);
     if (it != map.end()) {
-        return it->second->getHandler() == target->getHandler();
+        return it->second->getHandler() == entry->getHandler();
     }
-    Target* raw = target.get();
-    map.emplace(name, std::move(target));
-    std::shared_ptr<SubscribeTask> task =
-        std::make_shared<TaskType>(SubscribeTask::SUBSCRIBE, raw, std::move(reference));
+    it = map.emplace(name, std::move(entry)).first;
+    auto task = makeTask<TaskType>(SubscribeTask::SUBSCRIBE, it->second, std::move(reference));
     worker.pushTask(task);
     return true;
 }
 
-// Takes every matching entry out of its map and queues its stop; the stop
-// task owns the target from then on.
-template <typename TaskType, typename Target, typename Match>
-bool removeEntries(std::map<std::string, std::unique_ptr<Target>>& map,
-                   Session::SubscribeWorker& worker, Match match,
+// Takes every matching entry out of its map and queues its stop.
+template <typename TaskType, typename Map, typename Match>
+bool removeEntries(Map& map, Session::SubscribeWorker& worker, Match match,
                    std::shared_ptr<KW::Reference> const& reference) {
     bool removed = false;
     for (auto it = map.begin(); it != map.end();) {
@@ -551,9 +567,7 @@ bool removeEntries(std::map<std::string, std::unique_ptr<Target>>& map,
             ++it;
             continue;
         }
-        std::shared_ptr<SubscribeTask> task =
-            std::make_shared<TaskType>(SubscribeTask::UNSUBSCRIBE, it->second.get(), reference);
-        it->second.release();
+        auto task = makeTask<TaskType>(SubscribeTask::UNSUBSCRIBE, it->second, reference);
         it = map.erase(it);
         worker.pushTask(task);
         removed = true;
@@ -561,17 +575,14 @@ bool removeEntries(std::map<std::string, std::unique_ptr<Target>>& map,
     return removed;
 }
 
-template <typename TaskType, typename Target>
-bool removeEntry(std::map<std::string, std::unique_ptr<Target>>& map,
-                 Session::SubscribeWorker& worker, std::string const& name,
+template <typename TaskType, typename Map>
+bool removeEntry(Map& map, Session::SubscribeWorker& worker, std::string const& name,
                  std::shared_ptr<KW::Reference> const& reference) {
     auto it = map.find(name);
     if (it == map.end()) {
         return false;
     }
-    std::shared_ptr<SubscribeTask> task =
-        std::make_shared<TaskType>(SubscribeTask::UNSUBSCRIBE, it->second.get(), reference);
-    it->second.release();
+    auto task = makeTask<TaskType>(SubscribeTask::UNSUBSCRIBE, it->second, reference);
     map.erase(it);
     worker.pushTask(task);
     return true;
@@ -617,7 +628,7 @@ bool Session::subscribeQueue(std::shared_ptr<KW::MessageHandler> handler, std::s
     }
     std::lock_guard<std::mutex> lock(subscriptionsMutex);
     return addEntry<QueueSubscribeTask>(flows, subscribeWorker,
-                                        std::make_unique<Flow>(*this, qos, queue, handler), queue,
+                                        std::make_shared<Flow>(*this, qos, queue, handler), queue,
                                         std::move(reference));
 }
 

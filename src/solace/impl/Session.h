@@ -145,7 +145,7 @@ class Session {
 
     std::mutex subscriptionsMutex;
     std::map<std::string, std::unique_ptr<Subscription>> subscriptions;
-    std::map<std::string, std::unique_ptr<Flow>> flows;
+    std::map<std::string, std::shared_ptr<Flow>> flows;
 
     std::map<unsigned long long, std::shared_ptr<MessageTask>> pending;
     std::mutex pendingMutex;
