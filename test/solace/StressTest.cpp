@@ -1,6 +1,6 @@
-// Several sessions publishing and receiving while subscriptions come and go
-// and the broker drops and returns: every request is answered exactly once
-// and no library message is left behind.
+// Several sessions publishing and receiving while subscriptions and flows
+// come and go and the broker drops and returns: every request is answered
+// exactly once, in the right family, and no library message is left behind.
 #include <atomic>
 #include <random>
 #include <thread>
@@ -15,83 +15,76 @@ namespace {
 
 using Stress = AdapterTest;
 
-struct Request {
-    std::shared_ptr<Tag> tag;
-    bool send;  // a send (else a subscription change)
-};
-
 TEST_F(Stress, EveryRequestIsAnsweredExactlyOnce) {
     constexpr int sessions = 3;
     constexpr int rounds = 200;
     ASSERT_EQ(solEmu_addQueue("stress-q"), 0);
-
     std::vector<std::shared_ptr<KW::Client>> peers;
-    std::vector<std::shared_ptr<RecordingMessageHandler>> receivers;
+    std::vector<std::shared_ptr<MessageRecorder>> receivers;
     for (int i = 0; i < sessions; ++i) {
         peers.push_back(connectedClient());
         receivers.push_back(makeHandler());
-        subscribeTopic(peers[i], receivers[i], "stress/" + std::to_string(i) + "/>");
+        subscribe(peers[i], receivers[i], "stress/" + std::to_string(i) + "/>");
     }
     auto consumer = makeHandler();
-    consumer->autoAcknowledge(true);
-    ASSERT_TRUE(
-        peers[0]->subscribe(consumer, "stress-q", KW::QOS::GUARANTEED, KW::Reference::NONE));
+    consumer->setAcknowledging(true);
+    ASSERT_TRUE(peers[0]->subscribe(consumer, "stress-q", KW::QOS::GUARANTEED, nullptr));
+    // A second consumer comes and goes, acknowledging as it receives, so
+    // that acknowledgements race with its flow being stopped.
+    auto flicker = makeHandler();
+    flicker->setAcknowledging(true);
 
-    std::atomic<int> nextTag{0};
-    std::mutex requestsMutex;
-    std::vector<Request> requests;
-    auto remember = [&](std::shared_ptr<Tag> tag, bool send) {
-        std::lock_guard<std::mutex> lock(requestsMutex);
-        requests.push_back({std::move(tag), send});
+    std::mutex mutex;
+    std::unordered_map<KW::Reference const*, bool> requests;  // true: a send
+    std::vector<std::shared_ptr<Tag>> tags;
+    auto request = [&](bool send) {
+        std::lock_guard<std::mutex> lock(mutex);
+        tags.push_back(std::make_shared<Tag>(static_cast<int>(tags.size())));
+        requests[tags.back().get()] = send;
+        return tags.back();
+    };
+    auto forget = [&](std::shared_ptr<Tag> const& tag) {
+        std::lock_guard<std::mutex> lock(mutex);
+        requests.erase(tag.get());
     };
 
     std::vector<std::thread> threads;
     for (int i = 0; i < sessions; ++i) {
-        threads.emplace_back([&, i] {
+        threads.emplace_back([&, i] {  // publishing
             std::mt19937 random(1000 + i);
             for (int round = 0; round < rounds; ++round) {
-                auto& client = peers[i];
-                std::string const topic =
-                    "stress/" + std::to_string(random() % sessions) + "/r" + std::to_string(round);
-                auto tag = std::make_shared<Tag>(nextTag++);
+                auto tag = request(true);
                 bool const async = random() % 2 == 0;
-                bool const guaranteed = random() % 3 == 0;
-                bool const taken =
-                    guaranteed
-                        ? client->publish(packet("g"), "stress-q", KW::QOS::GUARANTEED, tag, async)
-                        : client->publish(packet(topic), topic, KW::QOS::AT_MOST_ONCE, tag, async);
-                // A refused enqueue is the answer itself; a taken request is
-                // answered through the event handler.
-                if (taken || !async) {
-                    remember(tag, true);
+                std::string const topic = "stress/" + std::to_string(random() % sessions) + "/x";
+                bool const taken = random() % 3 == 0
+                                       ? peers[i]->publish(packet("g"), "stress-q",
+                                                           KW::QOS::GUARANTEED, tag, async)
+                                       : peers[i]->publish(packet(topic), topic,
+                                                           KW::QOS::AT_MOST_ONCE, tag, async);
+                if (async && !taken) {
+                    forget(tag);  // a refused enqueue is its own answer
                 }
             }
         });
-        threads.emplace_back([&, i] {
+        threads.emplace_back([&, i] {  // subscriptions coming and going
             std::string const topic = "stress/churn/" + std::to_string(i);
-            auto handler = receivers[i];
             for (int round = 0; round < rounds / 4; ++round) {
-                auto subscribeTag = std::make_shared<Tag>(nextTag++);
-                if (peers[i]->subscribe(handler, topic, KW::QOS::AT_MOST_ONCE, subscribeTag)) {
-                    remember(subscribeTag, false);
+                auto tag = request(false);
+                if (!peers[i]->subscribe(receivers[i], topic, KW::QOS::AT_MOST_ONCE, tag)) {
+                    forget(tag);
                 }
-                auto unsubscribeTag = std::make_shared<Tag>(nextTag++);
-                if (peers[i]->unsubscribe(topic, KW::QOS::AT_MOST_ONCE, unsubscribeTag)) {
-                    remember(unsubscribeTag, false);
+                tag = request(false);
+                if (!peers[i]->unsubscribe(topic, KW::QOS::AT_MOST_ONCE, tag)) {
+                    forget(tag);
                 }
             }
         });
     }
-    // A second consumer of the queue comes and goes, acknowledging as it
-    // receives, so that acknowledgements race with its flow being stopped.
-    auto flicker = makeHandler();
-    flicker->autoAcknowledge(true);
     threads.emplace_back([&] {
         for (int round = 0; round < rounds / 10; ++round) {
-            peers[sessions - 1]->subscribe(flicker, "stress-q", KW::QOS::GUARANTEED,
-                                           KW::Reference::NONE);
+            peers.back()->subscribe(flicker, "stress-q", KW::QOS::GUARANTEED, nullptr);
             std::this_thread::sleep_for(5ms);
-            peers[sessions - 1]->unsubscribe("stress-q", KW::QOS::GUARANTEED, KW::Reference::NONE);
+            peers.back()->unsubscribe("stress-q", KW::QOS::GUARANTEED, nullptr);
         }
     });
     threads.emplace_back([] {
@@ -104,44 +97,33 @@ TEST_F(Stress, EveryRequestIsAnsweredExactlyOnce) {
         thread.join();
     }
 
-    auto answered = [&](std::vector<Event> const& all) {
-        std::unordered_map<KW::Reference const*, int> counts;
+    auto answers = [&](std::vector<Event> const& all) {
+        std::unordered_map<KW::Reference const*, std::vector<Kind>> kinds;
         for (auto const& e : all) {
             if (e.reference) {
-                ++counts[e.reference.get()];
+                kinds[e.reference.get()].push_back(e.kind);
             }
         }
-        std::lock_guard<std::mutex> lock(requestsMutex);
-        return std::all_of(requests.begin(), requests.end(), [&](Request const& r) {
-            auto it = counts.find(r.tag.get());
-            return it != counts.end() && it->second >= 1;
-        });
+        return kinds;
     };
-    ASSERT_TRUE(events->waitUntil(answered, 60s)) << "some requests were never answered";
     ASSERT_TRUE(events->waitUntil(
-        [&](auto const&) {
-            return std::all_of(peers.begin(), peers.end(), [](auto const& peer) {
-                return peer->getConnectionState() == Impl::Connection::CONNECTED;
-            });
+        [&](std::vector<Event> const& all) {
+            auto kinds = answers(all);
+            return std::all_of(requests.begin(), requests.end(),
+                               [&](auto const& r) { return kinds.count(r.first) != 0; });
         },
-        10s));
-
-    // Exactly once, and of the right family.
-    std::unordered_map<KW::Reference const*, std::vector<Event::Kind>> kinds;
-    for (auto const& e : events->events()) {
-        if (e.reference) {
-            kinds[e.reference.get()].push_back(e.kind);
-        }
+        60s))
+        << "some requests were never answered";
+    ASSERT_TRUE(events->waitUntil([&](auto const&) {
+        return std::all_of(peers.begin(), peers.end(),
+                           [](auto const& p) { return p->getConnectionState() == CONNECTED; });
+    }));
+    auto kinds = answers(events->all());
+    for (auto const& [reference, send] : requests) {
+        auto const& got = kinds[reference];
+        ASSERT_EQ(got.size(), 1u) << static_cast<Tag const*>(reference)->id;
+        EXPECT_EQ(got[0] == SENT || got[0] == REJECTED || got[0] == SEND_ERROR, send);
     }
-    for (auto const& request : requests) {
-        auto const& got = kinds[request.tag.get()];
-        ASSERT_EQ(got.size(), 1u) << "request " << request.tag->id;
-        bool const sendOutcome = got[0] == Event::SEND_FINALIZE || got[0] == Event::SEND_REJECTED ||
-                                 got[0] == Event::SEND_ERROR;
-        EXPECT_EQ(sendOutcome, request.send) << "request " << request.tag->id;
-    }
-
-    // Wind down: everything unsubscribed and disconnected before teardown.
     for (auto& peer : peers) {
         peer->unsubscribe(KW::Reference::NONE);
         peer->disconnect(2000);
