@@ -191,16 +191,19 @@ void Session::failUnsent(char const* text) {
         entry.second->releaseMessageHandle();
         notifyHandlerOfSendError(entry.second, text);
     }
-    auto drain = [this, text](auto& worker) {
+    // Sends that never left their queue; the workers are stopped by now.
+    std::vector<std::shared_ptr<MessageTask>> unsent;
+    auto drain = [&unsent](auto& worker) {
         std::lock_guard<std::mutex> lock(worker.queueMutex);
-        while (!worker.queue.empty()) {
-            std::shared_ptr<MessageTask> task = worker.queue.front();
-            worker.queue.pop();
-            notifyHandlerOfSendError(task, text);
+        for (; !worker.queue.empty(); worker.queue.pop()) {
+            unsent.push_back(worker.queue.front());
         }
     };
     drain(publishWorker);
     drain(forwardWorker);
+    for (auto& task : unsent) {
+        notifyHandlerOfSendError(task, text);
+    }
 }
 
 bool Session::connect(unsigned long timeoutMs) {
@@ -674,12 +677,16 @@ bool Session::enqueue(std::shared_ptr<ReceiveTask> task) {
 }
 
 void Session::process(std::vector<std::shared_ptr<ReceiveTask>>& batch) {
-    for (auto& task : batch) {
-        process(task);
+    for (auto const& task : batch) {
+        deliver(task);
     }
 }
 
 void Session::process(std::shared_ptr<ReceiveTask> task) {
+    deliver(task);
+}
+
+void Session::deliver(std::shared_ptr<ReceiveTask> const& task) {
     KW::MessageHandler* handler = task->getHandler().get();
     if (handler == nullptr) {
         return;

@@ -132,6 +132,8 @@ class Session {
     void stopSendingWorkers(unsigned long timeoutMs);
     void settlePending(solClient_session_eventCallbackInfo* info, char const* rejectedText);
     void failUnsent(char const* text);
+    // The hot end of the receive path: one message to its handler.
+    void deliver(std::shared_ptr<ReceiveTask> const& task);
     void notifyHandlerOfSubscription(bool create, std::string const& name, KW::QOS::Enum qos,
                                      std::shared_ptr<KW::Reference> const& reference,
                                      solClient_errorInfo* info);
