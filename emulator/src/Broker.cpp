@@ -25,7 +25,10 @@ void Broker::setUp(bool up) {
         return;
     }
     for (const auto& vpn : vpns()) {
-        for (const auto& session : *vpn->sessions()) {
+        // Hold the snapshot: each session detaches itself, which replaces the
+        // VPN's list while we walk this one.
+        const auto sessions = vpn->sessions();
+        for (const auto& session : *sessions) {
             session->brokerWentDown();
         }
     }

@@ -37,7 +37,8 @@ std::shared_ptr<const MessageVpn::SessionList> MessageVpn::sessions() const {
 
 void MessageVpn::publish(const std::string& topic,
                          const std::shared_ptr<const Message>& message) const {
-    for (const auto& session : *sessions()) {
+    const auto snapshot = sessions();  // a concurrent detach may replace the list
+    for (const auto& session : *snapshot) {
         session->deliverDirect(topic, message);
     }
 }
