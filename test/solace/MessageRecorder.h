@@ -59,10 +59,6 @@ class MessageRecorder : public KW::MessageHandler {
                    }) >= static_cast<long>(n);
         });
     }
-    bool waitEntered(std::size_t n) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(5), [&] { return calls >= n; });
-    }
     void setHeld(bool hold) {
         std::lock_guard<std::mutex> lock(mutex);
         held = hold;
