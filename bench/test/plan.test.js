@@ -51,40 +51,26 @@ test('workloads only run for systems that have them and are available', () => {
   );
 });
 
-test('the short profile is smaller than the full one everywhere', () => {
-  const { full, short } = PROFILES;
-  for (const size of full.direct.sizes) assert.ok(short.direct.counts[size] < full.direct.counts[size]);
-  assert.ok(short.latency.durationMs < full.latency.durationMs);
-  assert.ok(short.memory.count < full.memory.count);
-  assert.ok(short.bridge.items < full.bridge.items);
-  assert.ok(short.guaranteed.count < full.guaranteed.count);
-});
-
-test('the stand-in library is looked for in the expected order', () => {
+test('the stand-in library is looked for in the expected order and put in front once', (t) => {
   const root = fs.mkdtempSync(path.join(os.tmpdir(), 'kwbench-root-'));
-  try {
-    const mk = (rel) => {
-      const d = path.join(root, rel);
-      fs.mkdirSync(d, { recursive: true });
-      fs.writeFileSync(path.join(d, 'libsolclient.so'), '');
-      return d;
-    };
-    assert.equal(findEmulatorDir({ root }), null);
-    const other = mk('build-other/emulator');
-    assert.equal(findEmulatorDir({ root }), other);
-    const main = mk('build/emulator');
-    assert.equal(findEmulatorDir({ root }), main);
-    const fromEnv = mk('elsewhere');
-    assert.equal(findEmulatorDir({ root, ldLibraryPath: `/nonexistent:${fromEnv}` }), fromEnv);
-    // An explicit choice wins, and a wrong one is not silently replaced.
-    assert.equal(findEmulatorDir({ root, explicit: other, ldLibraryPath: fromEnv }), other);
-    assert.equal(findEmulatorDir({ root, explicit: path.join(root, 'nothing') }), null);
-  } finally {
-    fs.rmSync(root, { recursive: true, force: true });
-  }
-});
+  t.after(() => fs.rmSync(root, { recursive: true, force: true }));
+  const mk = (rel) => {
+    const d = path.join(root, rel);
+    fs.mkdirSync(d, { recursive: true });
+    fs.writeFileSync(path.join(d, 'libsolclient.so'), '');
+    return d;
+  };
+  assert.equal(findEmulatorDir({ root }), null);
+  const other = mk('build-other/emulator');
+  assert.equal(findEmulatorDir({ root }), other);
+  const main = mk('build/emulator');
+  assert.equal(findEmulatorDir({ root }), main);
+  const fromEnv = mk('elsewhere');
+  assert.equal(findEmulatorDir({ root, ldLibraryPath: `/nonexistent:${fromEnv}` }), fromEnv);
+  // An explicit choice wins, and a wrong one is not silently replaced.
+  assert.equal(findEmulatorDir({ root, explicit: other, ldLibraryPath: fromEnv }), other);
+  assert.equal(findEmulatorDir({ root, explicit: path.join(root, 'nothing') }), null);
 
-test('the library path gets the stand-in in front exactly once', () => {
   assert.equal(prependLibraryPath('/a', undefined), '/a');
   assert.equal(prependLibraryPath('/a', '/b:/a::/c'), '/a:/b:/c');
 });

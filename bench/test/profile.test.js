@@ -26,7 +26,7 @@ const SAMPLE = `# Total Lost Samples: 0
        |--some call graph line that must not parse as a row
 `;
 
-test('perf report rows and the event count are read', () => {
+test('perf report rows and the event count are read and grouped by area', () => {
   const { rows, eventCount } = parsePerfReport(SAMPLE);
   assert.equal(eventCount, 1082250000);
   assert.equal(rows.length, 11);
@@ -34,10 +34,8 @@ test('perf report rows and the event count are read', () => {
   assert.equal(rows[7].kernel, true);
   // Symbols with spaces and templates are kept whole.
   assert.ok(rows[1].symbol.endsWith('ReceiveTask> >&)'));
-});
 
-test('rows fall into the areas that explain the hot path', () => {
-  const { rows } = parsePerfReport(SAMPLE);
+  // Each row falls into an area that explains the hot path.
   assert.deepEqual(rows.map(areaOf), [
     'stand-in broker (libsolclient.so)',
     'adapter receive/send path (KW::Solace)',

@@ -10,62 +10,48 @@ const path = require('path');
 const { spawnSync } = require('child_process');
 
 const BENCH = path.resolve(__dirname, '..');
-const node = (args, opts = {}) => spawnSync(process.execPath, args, { encoding: 'utf8', timeout: 60000, ...opts });
+const node = (script, ...args) =>
+  spawnSync(process.execPath, [path.join(BENCH, script), ...args], { encoding: 'utf8', timeout: 60000 });
 
-test('a baseline-only run prints the table and writes matching JSON', () => {
+test('a baseline-only run prints the table and writes matching JSON', (t) => {
   const out = fs.mkdtempSync(path.join(os.tmpdir(), 'kwbench-out-'));
-  try {
-    const r = node([
-      path.join(BENCH, 'run.js'),
-      '--short',
-      '--reps',
-      '2',
-      '--systems',
-      'baseline',
-      '--workloads',
-      'direct,latency',
-      '--no-install',
-      '--out',
-      out,
-    ]);
-    assert.equal(r.status, 0, r.stderr);
-    const files = fs.readdirSync(out).sort();
-    assert.equal(files.length, 2);
-    assert.ok(files.includes('latest.json'));
-    const doc = JSON.parse(fs.readFileSync(path.join(out, 'latest.json'), 'utf8'));
-    assert.equal(doc.mode, 'short');
-    assert.deepEqual(doc.failures, []);
-    // Two runs per case, and every direct payload size measured.
-    const rates = doc.summaries.filter((s) => s.workload === 'direct' && s.metric === 'msgsPerSec');
-    assert.deepEqual(rates.map((s) => s.variant), ['64 B', '1 KiB', '64 KiB', '64 B, 4096 in flight']);
-    for (const s of rates) {
-      assert.equal(s.runs.length, 2);
-      assert.ok(s.median > 0 && s.min <= s.median && s.median <= s.max);
-    }
-    const lat = doc.summaries.filter((s) => s.workload === 'latency' && s.metric === 'p50us');
-    assert.deepEqual(lat.map((s) => s.variant), ['10k/s', '100k/s']);
-    // The printed table is the one stored.
-    assert.ok(r.stdout.includes(doc.table));
-  } finally {
-    fs.rmSync(out, { recursive: true, force: true });
+  t.after(() => fs.rmSync(out, { recursive: true, force: true }));
+  const opts = ['--short', '--reps', '2', '--systems', 'baseline', '--workloads', 'direct,latency'];
+  const r = node('run.js', ...opts, '--no-install', '--out', out);
+  assert.equal(r.status, 0, r.stderr);
+  const files = fs.readdirSync(out);
+  assert.equal(files.length, 2);
+  assert.ok(files.includes('latest.json'));
+  const doc = JSON.parse(fs.readFileSync(path.join(out, 'latest.json'), 'utf8'));
+  assert.equal(doc.mode, 'short');
+  assert.deepEqual(doc.failures, []);
+  // Two runs per case, and every direct payload size measured.
+  const rates = doc.summaries.filter((s) => s.workload === 'direct' && s.metric === 'msgsPerSec');
+  assert.deepEqual(rates.map((s) => s.variant), ['64 B', '1 KiB', '64 KiB', '64 B, 4096 in flight']);
+  for (const s of rates) {
+    assert.equal(s.runs.length, 2);
+    assert.ok(s.median > 0 && s.min <= s.median && s.median <= s.max);
+  }
+  const lat = doc.summaries.filter((s) => s.workload === 'latency' && s.metric === 'p50us');
+  assert.deepEqual(lat.map((s) => s.variant), ['10k/s', '100k/s']);
+  assert.ok(r.stdout.includes(doc.table), 'the printed table is the one stored');
+});
+
+test('a worker that cannot run its job fails with the reason and no result', () => {
+  const cases = [
+    [JSON.stringify({ workload: 'nonsense', system: 'baseline', params: {} }), 1, /unknown workload nonsense/],
+    ['{not json', 2, /bad job argument/],
+  ];
+  for (const [job, status, reason] of cases) {
+    const r = node('worker.js', job);
+    assert.equal(r.status, status, job);
+    assert.match(r.stderr, reason);
+    assert.ok(!r.stdout.includes('RESULT'));
   }
 });
 
-test('a failing worker is reported with its error and fails the run', () => {
-  const r = node([path.join(BENCH, 'worker.js'), JSON.stringify({ workload: 'nonsense', system: 'baseline', params: {} })]);
-  assert.equal(r.status, 1);
-  assert.match(r.stderr, /unknown workload nonsense/);
-  assert.ok(!r.stdout.includes('RESULT'));
-});
-
-test('the worker rejects a job it cannot parse', () => {
-  const r = node([path.join(BENCH, 'worker.js'), '{not json']);
-  assert.equal(r.status, 2);
-  assert.match(r.stderr, /bad job argument/);
-});
-
 test('the inventory names every system it looked for', () => {
-  const r = node([path.join(BENCH, 'worker.js'), JSON.stringify({ workload: 'inventory' })]);
+  const r = node('worker.js', JSON.stringify({ workload: 'inventory' }));
   assert.equal(r.status, 0, r.stderr);
   const found = JSON.parse(r.stdout.trim().replace(/^RESULT /, ''));
   for (const key of ['kwnode', 'probe', 'zeromq']) {

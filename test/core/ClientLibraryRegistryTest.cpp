@@ -15,8 +15,9 @@
 namespace {
 
 using Properties = std::map<std::string, std::string>;
+using Strings = std::vector<std::string>;
 
-// Records what it is asked; creates no real clients.
+// Records what it is asked and can fail on request; creates no real clients.
 class FakeLibrary : public KW::ClientLibrary {
   public:
     void start() override {
@@ -39,14 +40,13 @@ class FakeLibrary : public KW::ClientLibrary {
         return nullptr;
     }
 
-    int starts = 0;
-    int shutdowns = 0;
-    bool failStart = false;
-    bool failShutdown = false;
-    std::vector<std::string> destinations;
+    int starts = 0, shutdowns = 0;
+    bool failStart = false, failShutdown = false;
+    Strings destinations;
     Properties lastProperties;
 };
 
+// Maps data to a type when it knows the data; always answers with properties.
 class MapConfiguration : public KW::Configuration {
   public:
     bool resolveDestination(std::string const& data, std::string& destinationType,
@@ -82,74 +82,68 @@ class ClientLibraryRegistryTest : public ::testing::Test {
         registry->registerConfiguration(nullptr);
     }
 
-    void add(std::string const& type, std::shared_ptr<KW::ClientLibrary> library) {
+    std::shared_ptr<FakeLibrary> add(std::string const& type,
+                                     std::shared_ptr<FakeLibrary> library = make()) {
         registered.push_back(type);
-        registry->registerClientLibrary(type, std::move(library));
+        registry->registerClientLibrary(type, library);
+        return library;
     }
+    static std::shared_ptr<FakeLibrary> make() { return std::make_shared<FakeLibrary>(); }
 
     void create(std::string const& destination, std::string type, Properties properties = {}) {
         registry->createClient(destination, type, properties, nullptr);
     }
+    std::string createFails(std::string const& type) {
+        return thrownText([&] { create("d", type); });
+    }
 
     KW::ClientLibraryRegistry* registry = KW::ClientLibraryRegistry::getInstance();
-    std::vector<std::string> registered;
+    Strings registered;
 };
 
-TEST_F(ClientLibraryRegistryTest, FirstRegistrationWinsAndIsTheFactory) {
+TEST_F(ClientLibraryRegistryTest, FirstRegistrationWinsAndOnlyExactTypesMatch) {
     EXPECT_EQ(KW::ClientFactory::getInstance(), registry);
-    auto first = std::make_shared<FakeLibrary>();
-    auto second = std::make_shared<FakeLibrary>();
-    add("FIRST_WINS", first);
-    add("FIRST_WINS", second);
+    auto first = add("FIRST_WINS");
+    auto second = add("FIRST_WINS");
     add("FIRST_WINS_EMPTY", nullptr);
     EXPECT_EQ(first->starts, 1);
     EXPECT_EQ(second->starts, 0);
 
-    // The library is chosen by type and receives the destination.
     create("dest-1", "FIRST_WINS", {{"host", "h"}});
-    EXPECT_EQ(first->destinations, std::vector<std::string>{"dest-1"});
+    EXPECT_EQ(first->destinations, Strings{"dest-1"});
     EXPECT_EQ(first->lastProperties, (Properties{{"host", "h"}}));
     EXPECT_TRUE(second->destinations.empty());
     EXPECT_EQ(first->starts, 1) << "creating a client never starts a library";
-}
 
-TEST_F(ClientLibraryRegistryTest, UnknownTypesAreInvalidDestinations) {
-    add("CASED", std::make_shared<FakeLibrary>());
-    for (std::string type : {"NEVER_REGISTERED", "cased", "CASED ", ""}) {
-        EXPECT_EQ(thrownText([&] { create("d", type); }), "Invalid destination data") << type;
+    for (std::string type : {"NEVER_REGISTERED", "first_wins", "FIRST_WINS ", ""}) {
+        EXPECT_EQ(createFails(type), "Invalid destination data") << type;
     }
 }
 
 TEST_F(ClientLibraryRegistryTest, ShutdownOnceThenTypeIsGoneUntilReregistered) {
-    auto library = std::make_shared<FakeLibrary>();
-    add("CYCLED", library);
+    auto library = add("CYCLED");
     registry->shutdownClientLibrary("CYCLED");
     registry->shutdownClientLibrary("CYCLED");
     registry->shutdownClientLibrary("CYCLED_NEVER_KNOWN");
     EXPECT_EQ(library->shutdowns, 1);
-    EXPECT_EQ(thrownText([&] { create("d", "CYCLED"); }), "Invalid destination data");
+    EXPECT_EQ(createFails("CYCLED"), "Invalid destination data");
 
-    auto replacement = std::make_shared<FakeLibrary>();
-    add("CYCLED", replacement);
+    auto replacement = add("CYCLED");
     EXPECT_EQ(replacement->starts, 1);
     create("d", "CYCLED");
     EXPECT_EQ(replacement->destinations.size(), 1u);
 }
 
 TEST_F(ClientLibraryRegistryTest, FailedStartOrShutdownLeavesTheTableAsItWas) {
-    auto failing = std::make_shared<FakeLibrary>();
+    auto failing = make();
     failing->failStart = true;
     EXPECT_THROW(add("FLAKY_START", failing), KW::Exception);
-    EXPECT_EQ(thrownText([&] { create("d", "FLAKY_START"); }), "Invalid destination data");
-
+    EXPECT_EQ(createFails("FLAKY_START"), "Invalid destination data");
     // Nothing was stored, so the next registration is attempted for real.
-    auto working = std::make_shared<FakeLibrary>();
-    add("FLAKY_START", working);
-    EXPECT_EQ(working->starts, 1);
+    EXPECT_EQ(add("FLAKY_START")->starts, 1);
 
-    auto stubborn = std::make_shared<FakeLibrary>();
+    auto stubborn = add("FLAKY_SHUTDOWN");
     stubborn->failShutdown = true;
-    add("FLAKY_SHUTDOWN", stubborn);
     EXPECT_THROW(registry->shutdownClientLibrary("FLAKY_SHUTDOWN"), std::runtime_error);
     create("d", "FLAKY_SHUTDOWN");
     EXPECT_EQ(stubborn->destinations.size(), 1u) << "entry stays after a failed shutdown";
@@ -160,16 +154,14 @@ TEST_F(ClientLibraryRegistryTest, ConfigurationResolvesDataIntoTypeAndProperties
     auto invalid = [&](std::string const& data) {
         return thrownText([&] { registry->createClient(data, nullptr); });
     };
-    EXPECT_EQ(invalid("any"), "Invalid destination data");
+    EXPECT_EQ(invalid("any"), "Invalid destination data") << "no configuration";
 
-    auto library = std::make_shared<FakeLibrary>();
-    add("CONFIGURED", library);
+    auto library = add("CONFIGURED");
     auto configuration = std::make_shared<MapConfiguration>();
     configuration->types = {{"known-data", "CONFIGURED"}, {"stray-data", "NOT_A_LIBRARY"}};
     registry->registerConfiguration(configuration);
-
     registry->createClient("known-data", nullptr);
-    EXPECT_EQ(library->destinations, std::vector<std::string>{"known-data"});
+    EXPECT_EQ(library->destinations, Strings{"known-data"});
     EXPECT_EQ(library->lastProperties, (Properties{{"data", "known-data"}}));
     EXPECT_EQ(invalid("stray-data"), "Invalid destination data");
     EXPECT_EQ(invalid("unmapped"), "Invalid destination data");

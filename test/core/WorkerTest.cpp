@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -19,12 +20,14 @@ namespace {
 using namespace std::chrono_literals;
 
 struct Job {
-    explicit Job(int id) : id(id) {}
     int id;
 };
 using Task = std::shared_ptr<Job>;
+using Ids = std::vector<int>;
+using Sizes = std::vector<std::size_t>;
 
-// Records every call; can hold callers at a gate and throw on chosen ids.
+// Records every call; holds callers while the gate is shut and runs `onTask`
+// (which may throw) outside its lock.
 class Recorder {
   public:
     void process(Task& task) { handle({task}); }
@@ -35,23 +38,26 @@ class Recorder {
         gateOpen = true;
         changed.notify_all();
     }
-
-    // Waits (bounded) until `predicate` holds over the recorded state.
     template <typename Predicate>
-    bool waitUntil(Predicate predicate, std::chrono::milliseconds limit = 10s) {
+    bool waitUntil(Predicate predicate) {
         std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, limit, [&] { return predicate(*this); });
+        return changed.wait_for(lock, 10s, predicate);
+    }
+    bool waitProcessed(std::size_t n) {
+        return waitUntil([&] { return processed.size() == n; });
+    }
+    bool waitEntered(int n) {
+        return waitUntil([&] { return entered == n; });
     }
 
     std::mutex mutex;
     std::condition_variable changed;
     bool gateOpen = true;
-    int throwOn = -1;
-    std::vector<int> processed;
-    std::vector<std::size_t> batchSizes;
-    std::set<std::thread::id> threads;
     int entered = 0;
-    std::function<void(int)> onTask;  // called outside the lock
+    Ids processed;
+    Sizes batchSizes;
+    std::set<std::thread::id> threads;
+    std::function<void(int)> onTask;
 
   private:
     void handle(std::vector<Task> const& tasks) {
@@ -65,324 +71,245 @@ class Recorder {
             processed.push_back(task->id);
         }
         changed.notify_all();
-        bool fail = false;
-        for (auto const& task : tasks) {
-            fail = fail || task->id == throwOn;
-        }
         auto hook = onTask;
         lock.unlock();
-        if (hook) {
-            for (auto const& task : tasks) {
+        for (auto const& task : tasks) {
+            if (hook) {
                 hook(task->id);
             }
-        }
-        if (fail) {
-            throw std::runtime_error("process failed");
         }
     }
 };
 
-using SingleWorker = KW::Worker<Task, Recorder, false>;
-using BatchWorker = KW::Worker<Task, Recorder, true>;
-
-// Tuning of the publish and receive pools.
-void tuneSingle(SingleWorker& worker, std::uint64_t maxQueue = 256) {
-    worker.maxQueueSize = maxQueue;
-    worker.pushTimeoutMs = 100;
-    worker.idleTimeoutMs = 100;
-    worker.jobThresholds = {0, 100};
-}
-
-void tuneBatch(BatchWorker& worker) {
-    worker.batchSize = 50;
-    worker.maxQueueSize = 512;
-    worker.pushTimeoutMs = 100;
-    worker.idleTimeoutMs = 100;
-    worker.jobThresholds = {0, 200};
-}
-
-template <typename W, typename F>
-auto underLock(W& worker, F read) {
-    std::lock_guard<std::mutex> lock(worker.queueMutex);
-    return read();
-}
-
-template <typename W>
-void push(W& worker, int first, int count) {
-    for (int id = first; id < first + count; ++id) {
-        Task task = std::make_shared<Job>(id);
-        ASSERT_TRUE(worker.pushTask(task));
+// A stopped pool that records its own tasks, tuned by default like the
+// publish pool (single tasks) or the receive pool (batches). The worker, a
+// member, stops its threads before the recorder base goes away.
+template <bool batch>
+struct Pool : Recorder {
+    explicit Pool(std::uint64_t batchSize = batch ? 50 : 0,
+                  std::uint64_t maxQueue = batch ? 512 : 256,
+                  std::uint64_t threshold = batch ? 200 : 100) {
+        worker.batchSize = batchSize;
+        worker.maxQueueSize = maxQueue;
+        worker.pushTimeoutMs = 100;
+        worker.idleTimeoutMs = 100;
+        worker.jobThresholds = {0, threshold};
     }
-}
+    void push(int first, int count) {
+        for (int id = first; id < first + count; ++id) {
+            Task task = std::make_shared<Job>(Job{id});
+            ASSERT_TRUE(worker.pushTask(task));
+        }
+    }
+    void start() { worker.setProcessor(this, 0); }
+    template <typename F>
+    auto locked(F read) {
+        std::lock_guard<std::mutex> lock(worker.queueMutex);
+        return read(worker);
+    }
+    std::size_t queued() {
+        return locked([](auto& w) { return w.queue.size(); });
+    }
+    bool stopped() {
+        return locked([](auto& w) { return w.processor == nullptr; });
+    }
+
+    KW::Worker<Task, Recorder, batch> worker;
+};
 
 template <typename F>
-bool eventually(F condition, std::chrono::milliseconds limit = 10s) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
+bool eventually(F condition) {
+    auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!condition() && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(1ms);
     }
-    return true;
+    return condition();
 }
 
-TEST(WorkerThreads, StartOnDemandAndSecondOnlyPastTheThreshold) {
-    Recorder owner;
-    BatchWorker worker;
-    tuneBatch(worker);
-    worker.setProcessor(&owner, 0);
-    EXPECT_EQ(underLock(worker, [&] { return worker.jobCount; }), 0);
-    EXPECT_TRUE(underLock(worker, [&] { return worker.jobs.empty(); }));
-
-    owner.gateOpen = false;
-    push(worker, 0, 1);
-    ASSERT_TRUE(owner.waitUntil([](Recorder& r) { return r.entered == 1; }));
-    EXPECT_EQ(underLock(worker, [&] { return worker.jobCount; }), 1);
-
+TEST(WorkerThreads, StartOnDemandSecondOnlyPastTheThresholdAndEndWhenIdle) {
+    Pool<true> pool;
+    auto jobCount = [&] { return pool.locked([](auto& w) { return int(w.jobCount); }); };
+    pool.start();
+    EXPECT_EQ(jobCount(), 0);
+    pool.gateOpen = false;
+    pool.push(0, 1);
+    ASSERT_TRUE(pool.waitEntered(1));
+    EXPECT_EQ(jobCount(), 1);
     // The first thread is held; 200 waiting tasks are not yet "more than 200".
-    push(worker, 1, 200);
-    EXPECT_EQ(underLock(worker, [&] { return worker.jobCount; }), 1);
-    push(worker, 201, 1);
-    EXPECT_EQ(underLock(worker, [&] { return worker.jobCount; }), 2);
-    ASSERT_TRUE(owner.waitUntil([](Recorder& r) { return r.entered == 2; }));
-    EXPECT_EQ(owner.threads.size(), 2u);
+    pool.push(1, 200);
+    EXPECT_EQ(jobCount(), 1);
+    pool.push(201, 1);
+    EXPECT_EQ(jobCount(), 2);
+    ASSERT_TRUE(pool.waitEntered(2));
+    EXPECT_EQ(pool.threads.size(), 2u);
 
-    owner.open();
-    ASSERT_TRUE(owner.waitUntil([](Recorder& r) { return r.processed.size() == 202; }));
-    std::set<int> ids(owner.processed.begin(), owner.processed.end());
-    EXPECT_EQ(ids.size(), 202u);
-    // Two threads at most, however long the queue.
-    push(worker, 202, 300);
-    EXPECT_LE(underLock(worker, [&] { return worker.jobCount; }), 2);
-}
-
-TEST(WorkerThreads, IdleThreadsEndAndDoNotPileUp) {
-    Recorder owner;
-    SingleWorker worker;
-    tuneSingle(worker);
-    worker.idleTimeoutMs = 5;
-    worker.setProcessor(&owner, 0);
-    for (int round = 0; round < 20; ++round) {
-        push(worker, round, 1);
-        ASSERT_TRUE(owner.waitUntil(
-            [&](Recorder& r) { return r.processed.size() == std::size_t(round + 1); }));
-        ASSERT_TRUE(eventually([&] {
-            return underLock(worker, [&] { return worker.jobCount; }) == 0;
-        })) << "idle thread did not end";
-    }
-    EXPECT_EQ(owner.processed.size(), 20u);
-    EXPECT_LE(underLock(worker, [&] { return worker.jobs.size(); }), 2u);
+    pool.open();
+    pool.push(202, 300);
+    EXPECT_LE(jobCount(), 2) << "two threads at most, however long the queue";
+    ASSERT_TRUE(pool.waitProcessed(502));
+    auto& ids = pool.processed;
+    EXPECT_EQ(std::set<int>(ids.begin(), ids.end()).size(), 502u);
+    // Idle threads end, and ended ones are cleared before new ones start.
+    ASSERT_TRUE(eventually([&] { return jobCount() == 0; }));
+    pool.push(502, 1);
+    EXPECT_LE(pool.locked([](auto& w) { return w.jobs.size(); }), 2u);
 }
 
 TEST(WorkerBatches, QueuedTasksArriveInBatchesOfFifty) {
-    Recorder owner;
-    BatchWorker worker;
-    tuneBatch(worker);
-    push(worker, 0, 120);  // stopped: they wait
-    EXPECT_EQ(underLock(worker, [&] { return worker.jobs.size(); }), 0u);
-    worker.setProcessor(&owner, 0);
-    ASSERT_TRUE(owner.waitUntil([](Recorder& r) { return r.processed.size() == 120; }));
-    EXPECT_EQ(owner.batchSizes, (std::vector<std::size_t>{50, 50, 20}));
+    Pool<true> pool;
+    pool.push(0, 120);  // stopped: they wait
+    EXPECT_TRUE(pool.locked([](auto& w) { return w.jobs.empty(); }));
+    pool.start();
+    ASSERT_TRUE(pool.waitProcessed(120));
+    EXPECT_EQ(pool.batchSizes, (Sizes{50, 50, 20}));
     for (int i = 0; i < 120; ++i) {
-        ASSERT_EQ(owner.processed[i], i) << "one thread keeps queue order";
+        ASSERT_EQ(pool.processed[i], i) << "one thread keeps queue order";
     }
 
     // A batch worker whose size was never set must not spin on empty batches.
-    Recorder unsetOwner;
-    BatchWorker unset;
-    tuneBatch(unset);
-    unset.batchSize = 0;
-    push(unset, 0, 3);
-    unset.setProcessor(&unsetOwner, 0);
-    ASSERT_TRUE(unsetOwner.waitUntil([](Recorder& r) { return r.processed.size() == 3; }));
-    EXPECT_EQ(unsetOwner.batchSizes, (std::vector<std::size_t>{1, 1, 1}));
-}
-
-TEST(WorkerQueue, FullBoundedQueueRefusesAfterThePushTimeout) {
-    SingleWorker worker;
-    tuneSingle(worker);
-    push(worker, 0, 256);  // nobody takes them
-
-    Task extra = std::make_shared<Job>(999);
-    auto begin = std::chrono::steady_clock::now();
-    EXPECT_FALSE(worker.pushTask(extra));
-    auto waited = std::chrono::steady_clock::now() - begin;
-    EXPECT_GE(waited, 90ms);
-    EXPECT_EQ(extra.use_count(), 1) << "a refused task must not be kept";
-    EXPECT_EQ(underLock(worker, [&] { return worker.queue.size(); }), 256u);
+    Pool<true> unset(0);
+    unset.push(0, 3);
+    unset.start();
+    ASSERT_TRUE(unset.waitProcessed(3));
+    EXPECT_EQ(unset.batchSizes, (Sizes{1, 1, 1}));
 }
 
 TEST(WorkerStop, WithoutDrainingQueuedTasksStayAndAreDroppedWithTheWorker) {
-    Recorder owner;
     std::vector<std::weak_ptr<Job>> left;
     {
-        SingleWorker worker;
-        tuneSingle(worker);
-        worker.setProcessor(&owner, 0);
-        owner.gateOpen = false;
-        push(worker, 0, 5);
-        ASSERT_TRUE(owner.waitUntil([](Recorder& r) { return r.entered == 1; }));
-        underLock(worker, [&] {
-            for (auto copy = worker.queue; !copy.empty(); copy.pop()) {
+        Pool<false> pool;
+        pool.start();
+        pool.gateOpen = false;
+        pool.push(0, 5);
+        ASSERT_TRUE(pool.waitEntered(1));
+        pool.locked([&](auto& w) {
+            for (auto copy = w.queue; !copy.empty(); copy.pop()) {
                 left.push_back(copy.front());
             }
             return 0;
         });
-        ASSERT_EQ(left.size(), 4u);
-
-        std::thread stopper([&] { worker.setProcessor(nullptr, 0); });
-        ASSERT_TRUE(eventually(
-            [&] { return underLock(worker, [&] { return worker.processor == nullptr; }); }));
-        owner.open();  // the running task finishes, nothing else starts
+        std::thread stopper([&] { pool.worker.setProcessor(nullptr, 0); });
+        ASSERT_TRUE(eventually([&] { return pool.stopped(); }));
+        pool.open();  // the running task finishes, nothing else starts
         stopper.join();
-        EXPECT_EQ(owner.processed, std::vector<int>{0});
-        EXPECT_EQ(underLock(worker, [&] { return worker.queue.size(); }), 4u);
-        EXPECT_TRUE(underLock(worker, [&] { return worker.jobs.empty(); }));
-        for (auto& task : left) {
-            EXPECT_FALSE(task.expired());
-        }
+        EXPECT_EQ(pool.processed, Ids{0});
+        EXPECT_EQ(pool.queued(), 4u);
+        EXPECT_TRUE(pool.locked([](auto& w) { return w.jobs.empty(); }));
     }
+    ASSERT_EQ(left.size(), 4u);
     for (auto& task : left) {
         EXPECT_TRUE(task.expired()) << "the destructor drops queued tasks";
     }
-    EXPECT_EQ(owner.processed.size(), 1u);
 }
 
-TEST(WorkerStop, WithDrainingEveryQueuedTaskIsProcessed) {
-    Recorder owner;
-    SingleWorker worker;
-    tuneSingle(worker);
-    owner.onTask = [](int) { std::this_thread::sleep_for(1ms); };
-    push(worker, 0, 150);
-    worker.setProcessor(&owner, 0);
+TEST(WorkerQueue, FullQueueRefusesAfterThePushTimeoutAndDrainsOnStop) {
+    Pool<false> pool;
+    pool.push(0, 256);  // nobody takes them
+    Task extra = std::make_shared<Job>(Job{999});
     auto begin = std::chrono::steady_clock::now();
-    worker.setProcessor(nullptr, 60000);
-    // The stop ends when the queue is empty, long before the drain time-out.
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 30s);
-    EXPECT_EQ(owner.processed.size(), 150u);
-    EXPECT_TRUE(worker.queue.empty());
-    EXPECT_EQ(worker.processor, nullptr);
+    EXPECT_FALSE(pool.worker.pushTask(extra));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 90ms);
+    EXPECT_EQ(extra.use_count(), 1) << "a refused task must not be kept";
+    EXPECT_EQ(pool.queued(), 256u);
 
-    // A stopped pool can be started again.
-    push(worker, 150, 3);
-    worker.setProcessor(&owner, 0);
-    ASSERT_TRUE(owner.waitUntil([](Recorder& r) { return r.processed.size() == 153; }));
-}
-
-TEST(WorkerFailures, ExceptionInProcessDoesNotEndTheThread) {
-    Recorder owner;
-    owner.throwOn = 0;
-    SingleWorker worker;
-    tuneSingle(worker);
-    push(worker, 0, 3);
-    worker.setProcessor(&owner, 0);
-    ASSERT_TRUE(owner.waitUntil([](Recorder& r) { return r.processed.size() == 3; }));
-    EXPECT_EQ(owner.processed, (std::vector<int>{0, 1, 2}));
-    EXPECT_EQ(owner.threads.size(), 1u);
-
-    BatchWorker batchWorker;
-    tuneBatch(batchWorker);
-    batchWorker.batchSize = 2;
-    Recorder batchOwner;
-    batchOwner.throwOn = 1;
-    push(batchWorker, 0, 5);
-    batchWorker.setProcessor(&batchOwner, 0);
-    ASSERT_TRUE(batchOwner.waitUntil([](Recorder& r) { return r.processed.size() == 5; }));
-    EXPECT_EQ(batchOwner.batchSizes, (std::vector<std::size_t>{2, 2, 1}));
+    pool.onTask = [](int) { std::this_thread::sleep_for(1ms); };
+    pool.start();
+    pool.worker.setProcessor(nullptr, 60000);  // returns once the queue is empty
+    EXPECT_EQ(pool.processed.size(), 256u);
+    EXPECT_EQ(pool.queued(), 0u);
+    EXPECT_TRUE(pool.stopped());
+    pool.push(256, 3);  // and a stopped pool starts again
+    pool.start();
+    ASSERT_TRUE(pool.waitProcessed(259));
 }
 
 TEST(WorkerStop, WorkerCanStopItsOwnPoolFromProcess) {
-    Recorder owner;
-    auto worker = std::make_unique<SingleWorker>();
-    tuneSingle(*worker);
-    owner.onTask = [&](int id) {
+    auto pool = std::make_unique<Pool<false>>();
+    pool->onTask = [&](int id) {
         if (id == 2) {
-            worker->setProcessor(nullptr, 0);
+            pool->worker.setProcessor(nullptr, 0);
         }
     };
-    push(*worker, 0, 6);
-    worker->setProcessor(&owner, 0);
-    ASSERT_TRUE(owner.waitUntil([](Recorder& r) { return r.processed.size() == 3; }));
-    ASSERT_TRUE(eventually(
-        [&] { return underLock(*worker, [&] { return worker->processor == nullptr; }); }));
+    pool->push(0, 6);
+    pool->start();
+    ASSERT_TRUE(pool->waitProcessed(3));
+    ASSERT_TRUE(eventually([&] { return pool->stopped(); }));
     // The rest stays queued until the pool is started again.
     std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(owner.processed, (std::vector<int>{0, 1, 2}));
-    EXPECT_EQ(underLock(*worker, [&] { return worker->queue.size(); }), 3u);
+    EXPECT_EQ(pool->processed, (Ids{0, 1, 2}));
+    EXPECT_EQ(pool->queued(), 3u);
 
-    owner.onTask = nullptr;
-    worker->setProcessor(&owner, 0);
-    ASSERT_TRUE(owner.waitUntil([](Recorder& r) { return r.processed.size() == 6; }));
-    worker.reset();  // must wait for the detached thread, not crash
-    EXPECT_EQ(owner.processed, (std::vector<int>{0, 1, 2, 3, 4, 5}));
+    pool->onTask = nullptr;
+    pool->start();
+    ASSERT_TRUE(pool->waitProcessed(6));
+    EXPECT_EQ(pool->processed, (Ids{0, 1, 2, 3, 4, 5}));
+    pool.reset();  // must wait for the detached thread, not crash
 }
 
-// Producers push while the processor is switched on and off; every accepted
-// task is processed exactly once after the final drain and no refused task is
-// processed at all.
-template <typename W>
-void stress(W& worker) {
-    constexpr int producers = 4;
-    constexpr int perProducer = 1500;
-    Recorder owner;
-    std::vector<std::atomic<int>> seen(producers * perProducer);
-    for (auto& count : seen) {
-        count = 0;
-    }
-    owner.onTask = [&](int id) { ++seen[id]; };
-    std::vector<char> accepted(seen.size(), 0);
+TEST(WorkerFailures, ExceptionInProcessDoesNotEndTheThread) {
+    auto failOnOne = [](int id) {
+        if (id == 1) {
+            throw std::runtime_error("process failed");
+        }
+    };
+    Pool<false> single;
+    Pool<true> batch(2);
+    single.onTask = batch.onTask = failOnOne;
+    single.push(0, 3);
+    batch.push(0, 5);
+    single.start();
+    batch.start();
+    ASSERT_TRUE(single.waitProcessed(3));
+    ASSERT_TRUE(batch.waitProcessed(5));
+    EXPECT_EQ(single.processed, (Ids{0, 1, 2}));
+    EXPECT_EQ(batch.batchSizes, (Sizes{2, 2, 1}));
+    EXPECT_EQ(single.threads.size(), 1u);
+    EXPECT_EQ(batch.threads.size(), 1u);
+}
 
+// Producers push while the processor is switched on and off; after a final
+// drain every accepted task was processed exactly once, no refused one at all.
+template <bool batch>
+void stress() {
+    constexpr int producers = 4, perProducer = 1500;
+    Pool<batch> pool(batch ? 7 : 0, 64, 8);
+    pool.worker.pushTimeoutMs = 2;
+    std::vector<int> accepted(producers * perProducer, 0), seen(accepted.size(), 0);
     std::atomic<bool> producing{true};
     std::thread toggler([&] {
         std::mt19937 rng(12345);
         while (producing) {
-            worker.setProcessor(&owner, rng() % 2);
+            pool.worker.setProcessor(&pool, rng() % 2);
             std::this_thread::sleep_for(std::chrono::microseconds(rng() % 500));
-            worker.setProcessor(nullptr, rng() % 2);
+            pool.worker.setProcessor(nullptr, rng() % 2);
         }
     });
     std::vector<std::thread> threads;
     for (int p = 0; p < producers; ++p) {
         threads.emplace_back([&, p] {
-            for (int i = 0; i < perProducer; ++i) {
-                int id = p * perProducer + i;
-                Task task = std::make_shared<Job>(id);
-                accepted[id] = worker.pushTask(task) ? 1 : 0;
+            for (int id = p * perProducer; id < (p + 1) * perProducer; ++id) {
+                Task task = std::make_shared<Job>(Job{id});
+                accepted[id] = pool.worker.pushTask(task) ? 1 : 0;
             }
         });
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    std::for_each(threads.begin(), threads.end(), [](auto& thread) { thread.join(); });
     producing = false;
     toggler.join();
-    worker.setProcessor(&owner, 0);
-    worker.setProcessor(nullptr, 30000);
+    pool.start();
+    pool.worker.setProcessor(nullptr, 30000);
 
-    int acceptedCount = 0;
-    for (std::size_t id = 0; id < seen.size(); ++id) {
-        acceptedCount += accepted[id];
-        ASSERT_EQ(seen[id].load(), accepted[id]) << "task " << id;
+    EXPECT_EQ(pool.queued(), 0u);
+    for (int id : pool.processed) {
+        ++seen[id];
     }
-    EXPECT_GT(acceptedCount, 0);
-    EXPECT_TRUE(worker.queue.empty());
+    EXPECT_EQ(seen, accepted);
+    EXPECT_GT(std::count(accepted.begin(), accepted.end(), 1), 0);
 }
 
 TEST(WorkerStress, ProducersAgainstASwitchingProcessor) {
-    SingleWorker single;
-    tuneSingle(single, 64);
-    single.pushTimeoutMs = 2;
-    single.jobThresholds = {0, 8};
-    stress(single);
-
-    BatchWorker batch;
-    tuneBatch(batch);
-    batch.maxQueueSize = 64;
-    batch.pushTimeoutMs = 2;
-    batch.batchSize = 7;
-    batch.jobThresholds = {0, 8};
-    stress(batch);
+    stress<false>();
+    stress<true>();
 }
 
 }  // namespace
