@@ -1,58 +1,9 @@
 'use strict';
-// test(name, fn) for Node 20 (node:test) and Node 6 (a small sequential
-// runner printing "N passed, M failed"). fn takes a done callback or returns
-// a Promise. Tests run one after another; every file ends with an explicit
-// exit because the add-on's async handle keeps the event loop alive.
-var TIMEOUT_MS = 60000;
-
-var nodeTest = null;
-try {
-  nodeTest = require('node:test');
-} catch (e) {
-  nodeTest = null;
-}
-
-var registered = 0;
-var settled = 0;
-
-function finishWhenAllSettled() {
-  settled++;
-  if (settled !== registered) return;
-  // node:test prints its summary on 'beforeExit', which never comes while the
-  // loop is kept alive; raise it ourselves and exit once the report is out.
-  setImmediate(function () {
-    process.emit('beforeExit', process.exitCode || 0);
-    setTimeout(function () { process.exit(); }, 300);
-  });
-}
-
-// Runs fn and calls done(err) exactly once: on completion, failure or
-// after TIMEOUT_MS.
-function runBody(fn, done) {
-  var finished = false;
-  var timer = setTimeout(function () { finish(new Error('timed out after ' + TIMEOUT_MS + ' ms')); }, TIMEOUT_MS);
-  function finish(err) {
-    if (finished) return;
-    finished = true;
-    clearTimeout(timer);
-    done(err);
-  }
-  if (fn.length >= 1) {
-    fn(finish);
-    return;
-  }
-  Promise.resolve().then(fn).then(function () { finish(); }, finish);
-}
-
-function viaNodeTest(name, fn) {
-  registered++;
-  nodeTest(name, function (t, done) {
-    runBody(fn, function (err) {
-      done(err);
-      finishWhenAllSettled();
-    });
-  });
-}
+// test(name, fn): a sequential runner that works the same on Node 6 and later.
+// fn takes a done callback or returns a Promise; a test fails on an error, a
+// rejection, an uncaught exception or after 60 s. The run ends with an
+// explicit exit because the add-on's async handle keeps the event loop alive.
+var path = require('path');
 
 var queue = [];
 var passed = 0;
@@ -65,49 +16,42 @@ function runNext() {
     process.exit(failed ? 1 : 0);
   }
   var finished = false;
-  function onUncaught(err) { finish(err); }
+  var timer = setTimeout(function () { finish(new Error('timed out after 60 s')); }, 60000);
   function finish(err) {
     if (finished) return;
     finished = true;
-    process.removeListener('uncaughtException', onUncaught);
-    if (err) {
-      failed++;
-      console.log('not ok - ' + entry.name + '\n  ' + String((err && err.stack) || err).replace(/\n/g, '\n  '));
-    } else {
-      passed++;
-      console.log('ok - ' + entry.name);
-    }
+    clearTimeout(timer);
+    process.removeListener('uncaughtException', finish);
+    if (err) failed++; else passed++;
+    console.log((err ? 'not ok - ' : 'ok - ') + entry.name +
+      (err ? '\n  ' + String(err.stack || err).replace(/\n/g, '\n  ') : ''));
     setImmediate(runNext);
   }
-  process.on('uncaughtException', onUncaught);
+  process.on('uncaughtException', finish);
   try {
-    runBody(entry.fn, finish);
+    if (entry.fn.length) entry.fn(finish);
+    else Promise.resolve().then(entry.fn).then(function () { finish(); }, finish);
   } catch (err) {
     finish(err);
   }
 }
 
-function viaOwnRunner(name, fn) {
-  if (registered++ === 0) setImmediate(runNext);
-  queue.push({ name: name, fn: fn });
-}
+exports.test = function (name, fn) {
+  if (queue.push({ name: name, fn: fn }) === 1) setImmediate(runNext);
+};
 
-exports.test = nodeTest && process.env.KW_OWN_RUNNER !== '1' ? viaNodeTest : viaOwnRunner;
-
-var root = require('path').resolve(__dirname, '..', '..');
-var addonDir = require('path').join(root, 'build', 'addon', 'node-v' + process.versions.modules);
-exports.root = root;
+var root = exports.root = path.resolve(__dirname, '..', '..');
+exports.probePath = path.join(root, 'build', 'addon', 'node-v' + process.versions.modules, 'kwbridge_probe.node');
 exports.kwnode = function () { return require(root); };
-exports.probe = function () { return require(require('path').join(addonDir, 'kwbridge_probe.node')); };
+exports.probe = function () { return require(exports.probePath); };
 
-// A Node-style completion as a Promise: completion(function (done) {...})
-// resolves with the argument done receives (null or an Error).
+// A Node-style completion as a Promise resolving with what done receives.
 exports.completion = function (start) {
   return new Promise(function (resolve) { start(resolve); });
 };
 
-// Resolves when predicate() holds, checking after each turn of the loop;
-// rejects with what() after timeoutMs. Bounds a wait, measures nothing.
+// Resolves once predicate() holds, rejects naming what after timeoutMs.
+// Bounds a wait, measures nothing.
 exports.waitFor = function (predicate, what, timeoutMs) {
   var deadline = Date.now() + (timeoutMs || 10000);
   return new Promise(function (resolve, reject) {
@@ -117,4 +61,25 @@ exports.waitFor = function (predicate, what, timeoutMs) {
       setTimeout(check, 5);
     })();
   });
+};
+
+// The messages one handler received, in arrival order.
+exports.collector = function () {
+  var got = [];
+  got.handler = function (m) { got.push(m); };
+  got.waitFor = function (n) {
+    return exports.waitFor(function () { return got.length >= n; }, n + ' messages', 30000);
+  };
+  return got;
+};
+
+// Resolves with { client, events } once a client on the stand-in broker
+// reports state 3; events holds [eventCode, eventSubCode, what] of each event.
+exports.connected = function (id, vpn) {
+  var events = [];
+  var client = new (exports.kwnode().KWNodeClient)(id, 'SOLACE', { host: 'localhost', port: 55555, vpn: vpn },
+    function (ev) { events.push([ev.eventCode(), ev.eventSubCode(), ev.what()]); });
+  client.connect();
+  return exports.waitFor(function () { return client.getConnectionState() === 3; }, 'connection')
+    .then(function () { return { client: client, events: events }; });
 };

@@ -20,26 +20,38 @@
 
 namespace {
 
-// Runs body on a new native thread and waits for it. body is moved into the
-// thread, so what it captures is released there.
-template <typename Body>
-void onForeignThread(Body&& body) {
-    std::thread thread(std::forward<Body>(body));
-    thread.join();
+bool functionAt(Nan::NAN_METHOD_ARGS_TYPE info, int index) {
+    if (info[index]->IsFunction())
+        return true;
+    Nan::ThrowTypeError("kwbridge_probe: the callback argument must be a function");
+    return false;
 }
 
-// pushFromThreads(threads, itemsPerThread, fn): starts `threads` native
-// threads, each pushing itemsPerThread items (push + trigger per item, as the
-// handlers do), and joins them before returning. The items then run on the
-// JavaScript thread as fn(threadIndex, seq, batch), seq counting from 0 per
-// thread. This is the bridge's floor: one minimal item per call, no message
-// or event object.
+using Done = std::shared_ptr<KW::Reference>;
+
+// Runs report(handler, done) on a native thread, as a library thread would,
+// and waits for it. The function at fnIndex becomes done, or with eventFn set
+// the handler's event function.
+template <typename Report>
+void reportFromThread(Nan::NAN_METHOD_ARGS_TYPE info, int fnIndex, bool eventFn, Report report) {
+    if (!functionAt(info, fnIndex))
+        return;
+    v8::Local<v8::Function> fn = info[fnIndex].As<v8::Function>();
+    auto handler = std::make_shared<KWEventHandler>(eventFn ? fn : v8::Local<v8::Function>());
+    Done done = eventFn ? nullptr : std::make_shared<KWDoneCallback>(fn);
+    std::thread([&] { report(*handler, done); }).join();
+}
+
+// pushFromThreads(threads, itemsPerThread, fn): `threads` native threads each
+// push itemsPerThread items (push + trigger per item, as the handlers do) and
+// are joined before returning. The items then run on the JavaScript thread as
+// fn(threadIndex, seq, batch), seq counting from 0 per thread. This is the
+// bridge's floor: one minimal item per call, no message or event object.
 NAN_METHOD(PushFromThreads) {
     uint32_t const threads = Nan::To<uint32_t>(info[0]).FromMaybe(0);
     uint32_t const perThread = Nan::To<uint32_t>(info[1]).FromMaybe(0);
-    if (!info[2]->IsFunction()) {
-        return Nan::ThrowTypeError("pushFromThreads: fn must be a function");
-    }
+    if (!functionAt(info, 2))
+        return;
     KWCallbackProcessor* processor = KWCallbackProcessor::getInstance();
     std::shared_ptr<Nan::Callback> callback = processor->shareFunction(info[2].As<v8::Function>());
     std::vector<std::thread> workers;
@@ -51,17 +63,15 @@ NAN_METHOD(PushFromThreads) {
             }
         });
     }
-    for (auto& worker : workers) {
+    for (auto& worker : workers)
         worker.join();
-    }
 }
 
-// pushDuringBatch(fn): one item that, while it runs, queues a second one;
+// pushDuringBatch(fn): one item that queues a second while it runs;
 // fn(0, 0, batch) then fn(0, 1, batch').
 NAN_METHOD(PushDuringBatch) {
-    if (!info[0]->IsFunction()) {
-        return Nan::ThrowTypeError("pushDuringBatch: fn must be a function");
-    }
+    if (!functionAt(info, 0))
+        return;
     KWCallbackProcessor* processor = KWCallbackProcessor::getInstance();
     auto item =
         std::make_shared<KWProbeItem>(processor->shareFunction(info[0].As<v8::Function>()), 0, 0);
@@ -70,91 +80,56 @@ NAN_METHOD(PushDuringBatch) {
     processor->triggerCallback();
 }
 
-// reportTwice(fn): a library thread reports one send's completion twice.
+// reportTwice(fn): one send's completion reported twice.
 NAN_METHOD(ReportTwice) {
-    if (!info[0]->IsFunction()) {
-        return Nan::ThrowTypeError("reportTwice: fn must be a function");
-    }
-    auto handler = std::make_shared<KWEventHandler>(v8::Local<v8::Function>());
-    std::shared_ptr<KW::Reference> done =
-        std::make_shared<KWDoneCallback>(info[0].As<v8::Function>());
-    onForeignThread([handler, done] {
-        handler->messageSendFinalize(nullptr, done);
-        handler->messageSendFinalize(nullptr, done);
+    reportFromThread(info, 0, false, [](KWEventHandler& handler, Done const& done) {
+        handler.messageSendFinalize(nullptr, done);
+        handler.messageSendFinalize(nullptr, done);
     });
 }
 
-// completeWith(text, code, fn): a library thread reports a failed subscribe.
+// completeWith(text, code, fn): a failed subscribe reported with text and code.
 NAN_METHOD(CompleteWith) {
-    if (!info[2]->IsFunction()) {
-        return Nan::ThrowTypeError("completeWith: fn must be a function");
-    }
     std::string const text = *Nan::Utf8String(info[0]);
     int const code = Nan::To<int32_t>(info[1]).FromMaybe(0);
-    auto handler = std::make_shared<KWEventHandler>(v8::Local<v8::Function>());
-    std::shared_ptr<KW::Reference> done =
-        std::make_shared<KWDoneCallback>(info[2].As<v8::Function>());
-    onForeignThread([handler, done, text, code] {
-        handler->subscriptionCreateError("probe/topic", KW::QOS::AT_MOST_ONCE, done, text.c_str(),
-                                         code);
+    reportFromThread(info, 2, false, [&](KWEventHandler& handler, Done const& done) {
+        handler.subscriptionCreateError("probe/topic", KW::QOS::AT_MOST_ONCE, done, text.c_str(),
+                                        code);
     });
 }
 
-// rejectWith(text, fn): a library thread reports a rejected send.
-NAN_METHOD(RejectWith) {
-    if (!info[1]->IsFunction()) {
-        return Nan::ThrowTypeError("rejectWith: fn must be a function");
-    }
-    std::string const text = *Nan::Utf8String(info[0]);
-    auto handler = std::make_shared<KWEventHandler>(v8::Local<v8::Function>());
-    std::shared_ptr<KW::Reference> done =
-        std::make_shared<KWDoneCallback>(info[1].As<v8::Function>());
-    onForeignThread(
-        [handler, done, text] { handler->messageSendRejected(nullptr, text.c_str(), done); });
-}
-
-// runtimeError(fn, text[, code]): a library thread raises a runtime error on
-// an event handler bound to fn; without code the one-argument form is used.
+// runtimeError(fn, text[, code]): a runtime error on an event handler bound to
+// fn; without code the one-argument form is used.
 NAN_METHOD(RuntimeError) {
-    if (!info[0]->IsFunction()) {
-        return Nan::ThrowTypeError("runtimeError: fn must be a function");
-    }
     std::string const text = *Nan::Utf8String(info[1]);
-    bool const withCode = info.Length() > 2;
     int const code = Nan::To<int32_t>(info[2]).FromMaybe(0);
-    auto handler = std::make_shared<KWEventHandler>(info[0].As<v8::Function>());
-    onForeignThread([handler, text, withCode, code] {
+    bool const withCode = info.Length() > 2;
+    reportFromThread(info, 0, true, [&](KWEventHandler& handler, Done const&) {
         if (withCode) {
-            handler->runtimeErrorOccurred(text.c_str(), code);
+            handler.runtimeErrorOccurred(text.c_str(), code);
         } else {
-            handler->runtimeErrorOccurred(text.c_str());
+            handler.runtimeErrorOccurred(text.c_str());
         }
     });
 }
 
 // releaseHandlerOnThread(fn): makes a message handler for fn and drops its
 // last reference on a native thread, as a library's subscribe worker may.
-// Returns the number of items that queued: the handed-over function handle,
-// to be disposed on this thread by the next run.
+// Returns how many items that queued: the handed-over function handle, to be
+// disposed on this thread by the next run.
 NAN_METHOD(ReleaseHandlerOnThread) {
-    if (!info[0]->IsFunction()) {
-        return Nan::ThrowTypeError("releaseHandlerOnThread: fn must be a function");
-    }
+    if (!functionAt(info, 0))
+        return;
     KWCallbackProcessor* processor = KWCallbackProcessor::getInstance();
     size_t const before = processor->pendingCount();
     auto handler = std::make_shared<KWMessageHandler>(info[0].As<v8::Function>());
-    onForeignThread([owned = std::move(handler)]() mutable { owned.reset(); });
+    std::thread([owned = std::move(handler)]() mutable { owned.reset(); }).join();
     info.GetReturnValue().Set(Nan::New(static_cast<double>(processor->pendingCount() - before)));
 }
 
 NAN_METHOD(PendingCount) {
     info.GetReturnValue().Set(
         Nan::New(static_cast<double>(KWCallbackProcessor::getInstance()->pendingCount())));
-}
-
-NAN_METHOD(BatchCount) {
-    info.GetReturnValue().Set(
-        Nan::New(static_cast<double>(KWCallbackProcessor::getInstance()->batchCount())));
 }
 
 NAN_MODULE_INIT(InitProbe) {
@@ -165,10 +140,8 @@ NAN_MODULE_INIT(InitProbe) {
     Nan::SetMethod(target, "pushDuringBatch", PushDuringBatch);
     Nan::SetMethod(target, "reportTwice", ReportTwice);
     Nan::SetMethod(target, "completeWith", CompleteWith);
-    Nan::SetMethod(target, "rejectWith", RejectWith);
     Nan::SetMethod(target, "runtimeError", RuntimeError);
     Nan::SetMethod(target, "releaseHandlerOnThread", ReleaseHandlerOnThread);
-    Nan::SetMethod(target, "batchCount", BatchCount);
     Nan::SetMethod(target, "pendingCount", PendingCount);
 }
 
