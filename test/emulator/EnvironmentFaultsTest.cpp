@@ -33,7 +33,7 @@ TEST(EnvironmentFaults, VariablesReadAtInitializeShapeTheBrokers) {
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR));
     EXPECT_EQ(0, solEmu_queueDepth("envq1"));
 
-    auto refused = harness.createSession("env.host:1", {"SESSION_USERNAME", "baduser"});
+    auto refused = harness.createSession("env.host:1", {{"SESSION_USERNAME", "baduser"}});
     EXPECT_EQ(SOLCLIENT_IN_PROGRESS, solClient_session_connect(refused));
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_CONNECT_FAILED_ERROR));
 

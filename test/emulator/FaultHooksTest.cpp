@@ -81,7 +81,7 @@ TEST_F(FaultHooks, HeldDeliveriesArriveAfterUnsubscribe) {
     ASSERT_EQ(SOLCLIENT_OK, harness.unsubscribe(session, "t", &tag));
     EXPECT_EQ(0u, harness.messages().size());
     solEmu_holdDeliveries(0);
-    ASSERT_TRUE(harness.waitForMessageFrom(&tag));
+    ASSERT_TRUE(harness.waitForMessages(1, &tag));
     EXPECT_EQ("in flight", harness.messages()[0].payload);
 }
 

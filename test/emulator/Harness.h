@@ -3,18 +3,24 @@
 // A small vendor-API program used by the stand-in's tests: it records every
 // callback (with the thread it ran on) and lets a test wait for them.
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "SolClientABI.h"
 #include "SolClientEmulator.h"
+
+// Property name/value pairs; a later value of the same name wins.
+using Props = std::vector<std::pair<std::string, std::string>>;
 
 struct SeenEvent {
     bool flow;
@@ -26,14 +32,13 @@ struct SeenEvent {
 };
 
 struct SeenMessage {
-    void* user;  // dispatch user pointer, or the flow
+    void* user = nullptr;  // the dispatch tag, the flow, or null for the session callback
     std::string destination;
-    int destinationType;
-    bool hasPayload;
+    int destinationType = -1;
     std::string payload;
-    bool hasId;
-    uint64_t id;
-    int redelivered;
+    bool hasId = false;
+    solClient_msgId_t id = 0;
+    int redelivered = 0;
     std::thread::id thread;
 };
 
@@ -41,60 +46,168 @@ class Harness {
   public:
     static constexpr std::chrono::milliseconds WAIT{5000};
 
-    Harness();
-    ~Harness();
+    Harness() {
+        EXPECT_EQ(SOLCLIENT_OK, solClient_initialize(SOLCLIENT_LOG_NOTICE, nullptr));
+        solClient_context_createFuncInfo_t info{};
+        EXPECT_EQ(SOLCLIENT_OK,
+                  solClient_context_create(SOLCLIENT_CONTEXT_PROPS_DEFAULT_WITH_CREATE_THREAD,
+                                           &context_, &info, sizeof(info)));
+    }
 
-    // A session with the adapter's property list and `extra` name/value pairs
-    // appended (a later value of the same name wins).
-    solClient_opaqueSession_pt createSession(const std::string& hostPort,
-                                             std::vector<std::string> extra = {});
+    ~Harness() {
+        for (auto& session : sessions_) {
+            solClient_session_destroy(&session);
+        }
+        if (context_ != nullptr) {
+            solClient_context_destroy(&context_);
+        }
+        for (auto msg : taken_) {
+            solClient_msg_free(&msg);
+        }
+    }
+
+    // A session with the adapter's property list for a plain TCP connection
+    // plus `extra`; null on failure.
+    solClient_opaqueSession_pt createSession(const std::string& hostPort, const Props& extra = {}) {
+        const auto props = merged({{"SESSION_HOST", "tcp:" + hostPort},
+                                   {"SESSION_VPN_NAME", "default"},
+                                   {"SESSION_USERNAME", "user"},
+                                   {"SESSION_PASSWORD", ""},
+                                   {"SESSION_SSL_VALIDATE_CERTIFICATE", "0"},
+                                   {"SESSION_CONNECT_BLOCKING", "0"},
+                                   {"SESSION_CONNECT_RETRIES", "-1"},
+                                   {"SESSION_CONNECT_TIMEOUT_MS", "10000"},
+                                   {"SESSION_RECONNECT_RETRIES", "-1"},
+                                   {"SESSION_RECONNECT_RETRY_WAIT_MS", "20"},
+                                   {"SESSION_SOCKET_SEND_BUF_SIZE", "10000000"},
+                                   {"SESSION_SOCKET_RCV_BUF_SIZE", "10000000"},
+                                   {"SESSION_TOPIC_DISPATCH", "1"},
+                                   {"SESSION_REAPPLY_SUBSCRIPTIONS", "1"},
+                                   {"SESSION_SUBSCRIBE_BLOCKING", "0"},
+                                   {"SESSION_IGNORE_DUP_SUBSCRIPTION_ERROR", "0"}},
+                                  extra);
+        std::vector<const char*> array = pointers(props);
+        solClient_session_createFuncInfo_t funcs{};
+        funcs.eventInfo.callback_p = [](solClient_opaqueSession_pt,
+                                        solClient_session_eventCallbackInfo_pt info, void* self) {
+            static_cast<Harness*>(self)->recordEvent(false, info->sessionEvent, info->responseCode,
+                                                     info->info_p, info->correlation_p);
+        };
+        funcs.rxMsgInfo.callback_p = [](solClient_opaqueSession_pt, solClient_opaqueMsg_pt msg,
+                                        void* self) {
+            return static_cast<Harness*>(self)->record(nullptr, msg);
+        };
+        funcs.eventInfo.user_p = funcs.rxMsgInfo.user_p = this;
+        solClient_opaqueSession_pt session = nullptr;
+        if (solClient_session_create(array.data(), context_, &session, &funcs, sizeof(funcs)) !=
+            SOLCLIENT_OK) {
+            return nullptr;
+        }
+        sessions_.push_back(session);
+        return session;
+    }
+
     // Create and connect, waiting for UP_NOTICE.
-    solClient_opaqueSession_pt connected(const std::string& hostPort,
-                                         std::vector<std::string> extra = {});
+    solClient_opaqueSession_pt connected(const std::string& hostPort, const Props& extra = {}) {
+        solClient_opaqueSession_pt session = createSession(hostPort, extra);
+        if (session == nullptr) {
+            ADD_FAILURE() << "session_create failed: " << solClient_getLastErrorInfo()->errorStr;
+            return nullptr;
+        }
+        const size_t before = countEvents(false, SOLCLIENT_SESSION_EVENT_UP_NOTICE);
+        EXPECT_EQ(SOLCLIENT_IN_PROGRESS, solClient_session_connect(session));
+        EXPECT_TRUE(waitForEvent(false, SOLCLIENT_SESSION_EVENT_UP_NOTICE, before + 1));
+        return session;
+    }
+
     solClient_returnCode_t subscribe(solClient_opaqueSession_pt session, const std::string& topic,
-                                     void* user, solClient_subscribeFlags_t flags = 0x12);
+                                     void* tag, solClient_subscribeFlags_t flags = 0x12) {
+        auto dispatch = dispatchFor(tag);
+        return solClient_session_topicSubscribeWithDispatch(session, flags, topic.c_str(),
+                                                            &dispatch, tag);
+    }
+
     solClient_returnCode_t unsubscribe(solClient_opaqueSession_pt session, const std::string& topic,
-                                       void* user);
+                                       void* tag) {
+        auto dispatch = dispatchFor(tag);
+        return solClient_session_topicUnsubscribeWithDispatch(session, 0x12, topic.c_str(),
+                                                              &dispatch, nullptr);
+    }
+
     solClient_returnCode_t publish(solClient_opaqueSession_pt session, const std::string& topic,
-                                   const std::string& payload);
+                                   const std::string& payload) {
+        return send(session, {SOLCLIENT_TOPIC_DESTINATION, topic.c_str()}, payload, nullptr);
+    }
+
     solClient_returnCode_t sendGuaranteed(solClient_opaqueSession_pt session,
                                           const std::string& queue, const std::string& payload,
-                                          void* tag);
-    // A started client-ack queue flow; `extra` overrides.
+                                          void* tag) {
+        return send(session, {SOLCLIENT_QUEUE_DESTINATION, queue.c_str()}, payload, tag);
+    }
+
+    // A started, blocking-bound, client-ack queue flow; `extra` overrides.
     solClient_returnCode_t createFlow(solClient_opaqueSession_pt session, const std::string& queue,
-                                      solClient_opaqueFlow_pt& flow,
-                                      std::vector<std::string> extra = {});
+                                      solClient_opaqueFlow_pt& flow, const Props& extra = {}) {
+        const auto props = merged({{"FLOW_BIND_BLOCKING", "1"},
+                                   {"FLOW_BIND_ENTITY_DURABLE", "1"},
+                                   {"FLOW_ACKMODE", "2"},
+                                   {"FLOW_MAX_BIND_TRIES", "1"},
+                                   {"FLOW_WINDOWSIZE", "255"},
+                                   {"FLOW_MAX_UNACKED_MESSAGES", "-1"},
+                                   {"FLOW_BIND_ENTITY_ID", "2"},
+                                   {"FLOW_BIND_NAME", queue},
+                                   {"FLOW_START_STATE", "1"}},
+                                  extra);
+        std::vector<const char*> array = pointers(props);
+        solClient_flow_createFuncInfo_t funcs{};
+        funcs.eventInfo.callback_p = [](solClient_opaqueFlow_pt,
+                                        solClient_flow_eventCallbackInfo_pt info, void* self) {
+            static_cast<Harness*>(self)->recordEvent(true, info->flowEvent, info->responseCode,
+                                                     info->info_p, nullptr);
+        };
+        funcs.rxMsgInfo.callback_p = [](solClient_opaqueFlow_pt f, solClient_opaqueMsg_pt msg,
+                                        void* self) {
+            return static_cast<Harness*>(self)->record(f, msg);
+        };
+        funcs.eventInfo.user_p = funcs.rxMsgInfo.user_p = this;
+        return solClient_session_createFlow(array.data(), session, &flow, &funcs, sizeof(funcs));
+    }
 
-    // Wait until `done` holds (checked under the recorder's lock).
-    bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = WAIT);
-    bool waitForEvent(bool flow, int event, size_t count = 1);
-    // For state outside the callbacks (counters of the library): re-check
-    // until true or the time is up.
-    static bool eventually(const std::function<bool()>& done,
-                           std::chrono::milliseconds timeout = WAIT);
-    bool waitForMessages(size_t count);
-    // Messages received for the dispatch tag (or flow) `user`.
-    bool waitForMessageFrom(void* user, size_t count = 1);
-    size_t countEvents(bool flow, int event);
-    std::vector<SeenMessage> messages();
-    std::vector<SeenEvent> events();
+    bool waitForEvent(bool flow, int event, size_t count = 1) {
+        return waitUntil([&] { return eventsLocked(flow, event) >= count; });
+    }
 
+    // Wait for `count` messages, of the dispatch tag or flow `from` if not null.
+    bool waitForMessages(size_t count, void* from = nullptr) {
+        return waitUntil([&] {
+            return std::count_if(messages_.begin(), messages_.end(), [&](const auto& m) {
+                       return from == nullptr || m.user == from;
+                   }) >= static_cast<long>(count);
+        });
+    }
+
+    // For state outside the callbacks (the library's counters): poll until true.
+    static bool eventually(const std::function<bool()>& done) {
+        const auto deadline = std::chrono::steady_clock::now() + WAIT;
+        while (!done()) {
+            if (std::chrono::steady_clock::now() >= deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return true;
+    }
+
+    size_t countEvents(bool flow, int event) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return eventsLocked(flow, event);
+    }
+    std::vector<SeenMessage> messages() { return snapshot(messages_); }
+    std::vector<SeenEvent> events() { return snapshot(events_); }
+    std::vector<solClient_opaqueMsg_pt> takenMessages() { return snapshot(taken_); }
     solClient_opaqueContext_pt context() const { return context_; }
-    // Return value of the receive callbacks from now on.
+    // From now on the receive callbacks keep (TAKE_MSG) what they get.
     void setTakeMessages(bool take) { take_ = take; }
-    std::vector<solClient_opaqueMsg_pt> takenMessages();
-    // Called on the context thread for every received message, after it is recorded.
-    std::function<void(solClient_opaqueFlow_pt flow, const SeenMessage&)> onFlowMessage;
-
-    static solClient_rxMsgCallback_returnCode_t sessionRx(solClient_opaqueSession_pt,
-                                                          solClient_opaqueMsg_pt, void*);
-    static void sessionEvent(solClient_opaqueSession_pt, solClient_session_eventCallbackInfo_pt,
-                             void*);
-    static solClient_rxMsgCallback_returnCode_t dispatchRx(solClient_opaqueSession_pt,
-                                                           solClient_opaqueMsg_pt, void*);
-    static solClient_rxMsgCallback_returnCode_t flowRx(solClient_opaqueFlow_pt,
-                                                       solClient_opaqueMsg_pt, void*);
-    static void flowEvent(solClient_opaqueFlow_pt, solClient_flow_eventCallbackInfo_pt, void*);
 
   private:
     // Dispatch users are (harness, tag) pairs so that a test names its own tag.
@@ -102,9 +215,127 @@ class Harness {
         Harness* harness;
         void* tag;
     };
-    void* dispatchUser(void* tag);
-    solClient_rxMsgCallback_returnCode_t record(void* user, solClient_opaqueMsg_pt msg,
-                                                solClient_opaqueFlow_pt flow);
+
+    // `base` with `extra` replacing the pairs of the same name or appended,
+    // flattened for a null-terminated array (see pointers).
+    static std::vector<std::string> merged(Props base, const Props& extra) {
+        for (const auto& pair : extra) {
+            auto same = std::find_if(base.begin(), base.end(),
+                                     [&](const auto& b) { return b.first == pair.first; });
+            if (same != base.end()) {
+                same->second = pair.second;
+            } else {
+                base.push_back(pair);
+            }
+        }
+        std::vector<std::string> flat;
+        for (const auto& pair : base) {
+            flat.insert(flat.end(), {pair.first, pair.second});
+        }
+        return flat;
+    }
+
+    static std::vector<const char*> pointers(const std::vector<std::string>& strings) {
+        std::vector<const char*> array;
+        for (const auto& s : strings) {
+            array.push_back(s.c_str());
+        }
+        array.push_back(nullptr);
+        return array;
+    }
+
+    // A fresh record each time, with the same content for the same tag:
+    // unsubscribe matches by content.
+    solClient_session_rxMsgDispatchFuncInfo_t dispatchFor(void* tag) {
+        auto known = std::find_if(users_.begin(), users_.end(),
+                                  [&](const auto& user) { return user->tag == tag; });
+        if (known == users_.end()) {
+            users_.push_back(std::make_unique<DispatchUser>(DispatchUser{this, tag}));
+            known = users_.end() - 1;
+        }
+        return {SOLCLIENT_DISPATCH_TYPE_CALLBACK,
+                [](solClient_opaqueSession_pt, solClient_opaqueMsg_pt msg, void* p) {
+                    auto* user = static_cast<DispatchUser*>(p);
+                    return user->harness->record(user->tag, msg);
+                },
+                known->get(), nullptr};
+    }
+
+    // Direct to a topic, or guaranteed with the correlation tag to a queue.
+    solClient_returnCode_t send(solClient_opaqueSession_pt session, solClient_destination_t dest,
+                                const std::string& payload, void* tag) {
+        const bool guaranteed = dest.destType == SOLCLIENT_QUEUE_DESTINATION;
+        solClient_opaqueMsg_pt msg = nullptr;
+        solClient_msg_alloc(&msg);
+        solClient_msg_setDeliveryMode(
+            msg, guaranteed ? SOLCLIENT_DELIVERY_MODE_PERSISTENT : SOLCLIENT_DELIVERY_MODE_DIRECT);
+        solClient_msg_setBinaryAttachmentPtr(msg, const_cast<char*>(payload.data()),
+                                             static_cast<solClient_uint32_t>(payload.size()));
+        solClient_msg_setDestination(msg, &dest, sizeof(dest));
+        if (guaranteed) {
+            solClient_msg_setCorrelationTagPtr(msg, tag, 0);
+        } else {
+            solClient_msg_setTopicPtr(msg, dest.dest);
+        }
+        const solClient_returnCode_t rc = solClient_session_sendMsg(session, msg);
+        solClient_msg_free(&msg);  // the library copied what it needs
+        return rc;
+    }
+
+    bool waitUntil(const std::function<bool()>& done) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, WAIT, done);
+    }
+
+    size_t eventsLocked(bool flow, int event) const {
+        return std::count_if(events_.begin(), events_.end(), [&](const SeenEvent& seen) {
+            return seen.flow == flow && seen.event == event;
+        });
+    }
+
+    template <class T>
+    std::vector<T> snapshot(const std::vector<T>& recorded) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return recorded;
+    }
+
+    solClient_rxMsgCallback_returnCode_t record(void* user, solClient_opaqueMsg_pt msg) {
+        SeenMessage seen;
+        seen.user = user;
+        seen.redelivered = solEmu_msgIsRedelivered(msg);
+        seen.thread = std::this_thread::get_id();
+        solClient_destination_t dest{};
+        if (solClient_msg_getDestination(msg, &dest, sizeof(dest)) == SOLCLIENT_OK) {
+            seen.destination = dest.dest;
+            seen.destinationType = dest.destType;
+        }
+        void* data = nullptr;
+        solClient_uint32_t size = 0;
+        if (solClient_msg_getBinaryAttachmentPtr(msg, &data, &size) == SOLCLIENT_OK) {
+            seen.payload.assign(static_cast<char*>(data), size);
+        }
+        seen.hasId = solClient_msg_getMsgId(msg, &seen.id) == SOLCLIENT_OK;
+        const bool take = take_;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            messages_.push_back(seen);
+            if (take) {
+                taken_.push_back(msg);
+            }
+        }
+        changed_.notify_all();
+        return take ? SOLCLIENT_CALLBACK_TAKE_MSG : SOLCLIENT_CALLBACK_OK;
+    }
+
+    void recordEvent(bool flow, int event, unsigned responseCode, const char* info,
+                     void* correlation) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            events_.push_back({flow, event, responseCode, info != nullptr ? info : "", correlation,
+                               std::this_thread::get_id()});
+        }
+        changed_.notify_all();
+    }
 
     solClient_opaqueContext_pt context_ = nullptr;
     std::vector<solClient_opaqueSession_pt> sessions_;

@@ -24,20 +24,19 @@ TEST_F(Reconnect, BrokerDropReappliesSubscriptionsAndRedeliversToFlows) {
     ASSERT_TRUE(harness.waitForEvent(true, SOLCLIENT_FLOW_EVENT_UP_NOTICE, 2));
 
     ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "live/x", "after"));
-    ASSERT_TRUE(harness.waitForMessageFrom(&tag));
-    ASSERT_TRUE(harness.waitForMessageFrom(flow, 2));
-    for (const auto& m : harness.messages()) {
-        if (m.user == flow && m.redelivered == 1) {
-            EXPECT_EQ("unacked", m.payload);
-            EXPECT_EQ(SOLCLIENT_OK, solClient_flow_sendAck(flow, m.id));
-        }
-    }
+    ASSERT_TRUE(harness.waitForMessages(1, &tag));
+    ASSERT_TRUE(harness.waitForMessages(2, flow));
+    const auto received = harness.messages();
+    const SeenMessage& again = received[received[1].user == flow ? 1 : 2];
+    EXPECT_EQ("unacked", again.payload);
+    EXPECT_EQ(1, again.redelivered);
+    EXPECT_EQ(SOLCLIENT_OK, solClient_flow_sendAck(flow, again.id));
     EXPECT_TRUE(Harness::eventually([] { return solEmu_queueDepth("q") == 0; }));
     ASSERT_EQ(SOLCLIENT_OK, solClient_flow_destroy(&flow));
 }
 
 TEST_F(Reconnect, SubscriptionsAreDroppedWithoutReapply) {
-    auto session = harness.connected(hostPort, {"SESSION_REAPPLY_SUBSCRIPTIONS", "0"});
+    auto session = harness.connected(hostPort, {{"SESSION_REAPPLY_SUBSCRIPTIONS", "0"}});
     int tag = 0, sentinel = 0;
     ASSERT_EQ(SOLCLIENT_OK, harness.subscribe(session, "gone", &tag));
     solEmu_setBrokerUp(hostPort.c_str(), 0);
@@ -46,7 +45,7 @@ TEST_F(Reconnect, SubscriptionsAreDroppedWithoutReapply) {
     ASSERT_EQ(SOLCLIENT_OK, harness.subscribe(session, "sentinel", &sentinel));
     ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "gone", "x"));
     ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "sentinel", "y"));
-    ASSERT_TRUE(harness.waitForMessageFrom(&sentinel));
+    ASSERT_TRUE(harness.waitForMessages(1, &sentinel));
     EXPECT_EQ(1u, harness.messages().size());
 }
 
@@ -72,9 +71,7 @@ TEST_F(Reconnect, RetransmitsUnacknowledgedSendsWithoutLossOrDuplicates) {
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 4));
     std::map<void*, int> acks;
     for (const auto& e : harness.events()) {
-        if (e.event == SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT) {
-            ++acks[e.correlation];
-        }
+        acks[e.correlation] += e.event == SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT ? 1 : 0;
     }
     for (auto& tag : tags) {
         EXPECT_EQ(1, acks[&tag]);
@@ -83,8 +80,8 @@ TEST_F(Reconnect, RetransmitsUnacknowledgedSendsWithoutLossOrDuplicates) {
 }
 
 TEST_F(Reconnect, FiniteRetriesEndInDownErrorAndConnectFailure) {
-    ASSERT_NE(nullptr, harness.connected(hostPort, {"SESSION_RECONNECT_RETRIES", "2",
-                                                    "SESSION_RECONNECT_RETRY_WAIT_MS", "5"}));
+    ASSERT_NE(nullptr, harness.connected(hostPort, {{"SESSION_RECONNECT_RETRIES", "2"},
+                                                    {"SESSION_RECONNECT_RETRY_WAIT_MS", "5"}}));
     solEmu_setBrokerUp(hostPort.c_str(), 0);
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_DOWN_ERROR));
     EXPECT_EQ(0u, harness.countEvents(false, SOLCLIENT_SESSION_EVENT_RECONNECTED_NOTICE));
@@ -92,14 +89,13 @@ TEST_F(Reconnect, FiniteRetriesEndInDownErrorAndConnectFailure) {
     // A fresh connect to the down broker with finite retries fails; with -1 it
     // waits silently and comes up with the broker.
     auto finite = harness.createSession(
-        hostPort, {"SESSION_CONNECT_RETRIES", "1", "SESSION_CONNECT_TIMEOUT_MS", "5"});
+        hostPort, {{"SESSION_CONNECT_RETRIES", "1"}, {"SESSION_CONNECT_TIMEOUT_MS", "5"}});
     EXPECT_EQ(SOLCLIENT_IN_PROGRESS, solClient_session_connect(finite));
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_CONNECT_FAILED_ERROR));
-    const size_t ups = harness.countEvents(false, SOLCLIENT_SESSION_EVENT_UP_NOTICE);
     auto patient = harness.createSession(hostPort);
     EXPECT_EQ(SOLCLIENT_IN_PROGRESS, solClient_session_connect(patient));
     solEmu_setBrokerUp(hostPort.c_str(), 1);
-    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_UP_NOTICE, ups + 1));
+    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_UP_NOTICE, 2));
     EXPECT_EQ(1u, harness.countEvents(false, SOLCLIENT_SESSION_EVENT_CONNECT_FAILED_ERROR));
 }
 
@@ -111,15 +107,14 @@ TEST_F(Reconnect, ReservedTopicDropsTheBrokerForAWhile) {
     EXPECT_EQ(SOLCLIENT_FAIL, harness.publish(session, "#emulator/drop", "soon"));
 }
 
-TEST_F(Reconnect, BlockingConnectAndDisconnect) {
-    auto session = harness.createSession(hostPort, {"SESSION_CONNECT_BLOCKING", "1"});
+TEST_F(Reconnect, BlockingConnectAndSilentDisconnect) {
+    auto session = harness.createSession(hostPort, {{"SESSION_CONNECT_BLOCKING", "1"}});
     EXPECT_EQ(SOLCLIENT_OK, solClient_session_connect(session));
     EXPECT_EQ(SOLCLIENT_OK, solClient_session_disconnect(session));
     int tag = 0;
     EXPECT_EQ(SOLCLIENT_FAIL, harness.subscribe(session, "a", &tag));
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_UP_NOTICE));
-    // disconnect raises no event
-    EXPECT_EQ(1u, harness.events().size());
+    EXPECT_EQ(1u, harness.events().size());  // the UP_NOTICE only
 }
 
 }  // namespace

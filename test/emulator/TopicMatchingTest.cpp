@@ -31,7 +31,7 @@ TEST_P(TopicMatching, DeliversExactlyWhenTheSubscriptionMatches) {
     ASSERT_EQ(SOLCLIENT_OK, harness.subscribe(session, "sentinel/topic", &sentinelTag));
     ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, c.topic, "x"));
     ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "sentinel/topic", "end"));
-    ASSERT_TRUE(harness.waitForMessageFrom(&sentinelTag));
+    ASSERT_TRUE(harness.waitForMessages(1, &sentinelTag));
     bool matched = false;
     for (const auto& m : harness.messages()) {
         if (m.user == &matchTag && m.payload == "x") {
