@@ -1,58 +1,286 @@
+// Fixture and recorders for the adapter tests against the stand-in.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <condition_variable>
 #include <map>
-#include <memory>
-#include <string>
-#include <vector>
+#include <mutex>
+#include <thread>
 
-#include "EventRecorder.h"
-#include "MessageRecorder.h"
 #include "SolClientEmulator.h"
+#include "core/DataPacket.h"
+#include "core/EventHandler.h"
+#include "core/Exception.h"
+#include "core/MessageHandler.h"
 #include "solace/impl/Client.h"
 #include "solace/impl/Connection.h"
 #include "solace/impl/Library.h"
+#include "solace/impl/MessageTask.h"
 #include "solace/impl/Session.h"
 
-namespace KW {
-namespace Solace {
-namespace Test {
+namespace KW::Solace::Test {
 
 using namespace std::chrono_literals;
 using Data = std::map<std::string, std::string>;
-
+using std::shared_ptr;
 constexpr char const* HOST_PORT = "localhost:55555";
 constexpr int CONNECTED = Impl::Connection::CONNECTED;
+constexpr QOS::Enum AMO = QOS::AT_MOST_ONCE, GUARANTEED = QOS::GUARANTEED;
 
-Data connectionData(std::string const& user = "alice");
-std::shared_ptr<KW::DataPacket> packet(std::string const& text);
-Impl::Session& sessionOf(std::shared_ptr<KW::Client> const& client);
-
-// A started library on a fresh stand-in. Clients and handlers made through
-// the fixture are released and their sessions terminated afterwards, and no
-// library message may be left alive.
-class AdapterTest : public ::testing::Test {
-  protected:
-    void SetUp() override;
-    void TearDown() override;
-
-    std::shared_ptr<KW::Client> makeClient(Data const& data = connectionData());
-    std::shared_ptr<KW::Client> connectedClient();
-    std::shared_ptr<MessageRecorder> makeHandler();
-    // Subscribes to a topic and waits for the broker's confirmation.
-    void subscribe(std::shared_ptr<KW::Client> const& client,
-                   std::shared_ptr<MessageRecorder> const& handler, std::string const& topic);
-    // Publishes a marker to a topic the handler receives and waits for it.
-    void flush(std::shared_ptr<KW::Client> const& client,
-               std::shared_ptr<MessageRecorder> const& handler, std::string const& topic);
-
-    std::shared_ptr<Impl::Library> library;
-    std::shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
-    std::vector<std::shared_ptr<KW::Client>> clients;
-    std::vector<std::shared_ptr<MessageRecorder>> handlers;
+// A completion reference that tests can tell apart.
+struct Tag : Reference {
+    explicit Tag(int id) : id(id) {}
+    int const id;
 };
 
-}  // namespace Test
-}  // namespace Solace
-}  // namespace KW
+enum Kind { STATE, SENT, REJECTED, UNSENT, CREATED, CREATE_ERROR, REMOVED, REMOVE_ERROR, FAULT };
+
+// One notification. number: the connection state or the sub-code; name: topic
+// or queue; id: the message id of a send.
+struct Event {
+    Kind kind;
+    int number = 0;
+    std::string text{}, name{};
+    int qos = 0;
+    unsigned long long id = 0;
+    shared_ptr<Reference> reference{};
+};
+
+// Items recorded under a mutex; tests wait for what they expect, bounded.
+template <typename T>
+class Record {
+  public:
+    std::vector<T> all() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return items;
+    }
+    template <typename Match>
+    std::vector<T> where(Match match) {
+        std::vector<T> result;
+        for (auto const& item : all()) {
+            if (match(item)) {
+                result.push_back(item);
+            }
+        }
+        return result;
+    }
+    template <typename Done>
+    bool waitUntil(Done done, std::chrono::milliseconds timeout = 5s) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, timeout, [&] { return done(items); });
+    }
+    template <typename Match>
+    bool waitCount(std::size_t n, Match match, std::chrono::milliseconds timeout = 5s) {
+        auto enough = [&](auto const& all) {
+            return std::count_if(all.begin(), all.end(), match) >= long(n);
+        };
+        return waitUntil(enough, timeout);
+    }
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex);
+        items.clear();
+    }
+
+  protected:
+    void add(T item) {
+        std::lock_guard<std::mutex> lock(mutex);
+        items.push_back(std::move(item));
+        changed.notify_all();
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<T> items;
+};
+
+class EventRecorder : public EventHandler, public Record<Event> {
+  public:
+    using Msg = shared_ptr<Message>;
+    using Ref = shared_ptr<Reference>;
+    void connectionStateChanged(shared_ptr<Client> c) override {
+        add({STATE, c->getConnectionState()});
+    }
+    void messageSendFinalize(Msg m, Ref r) override { send(SENT, m, "", r); }
+    void messageSendRejected(Msg m, char const* t, Ref r) override { send(REJECTED, m, t, r); }
+    void messageSendError(Msg m, char const* t, Ref r) override { send(UNSENT, m, t, r); }
+    void subscriptionCreateFinalize(std::string const& n, QOS::Enum q, Ref r) override {
+        add({CREATED, 0, "", n, q, 0, r});
+    }
+    void subscriptionCreateError(std::string const& n, QOS::Enum q, Ref r, char const* t,
+                                 int code) override {
+        add({CREATE_ERROR, code, t, n, q, 0, r});
+    }
+    void subscriptionRemoveFinalize(std::string const& n, QOS::Enum q, Ref r) override {
+        add({REMOVED, 0, "", n, q, 0, r});
+    }
+    void subscriptionRemoveError(std::string const& n, QOS::Enum q, Ref r, char const* t,
+                                 int code) override {
+        add({REMOVE_ERROR, code, t, n, q, 0, r});
+    }
+    void runtimeErrorOccurred(char const* text, int code) override { add({FAULT, code, text}); }
+    void runtimeErrorOccurred(char const* text) override { add({FAULT, 0, text}); }
+
+    std::vector<Event> of(Kind kind) {
+        return where([kind](Event const& e) { return e.kind == kind; });
+    }
+    bool waitFor(Kind kind, std::size_t n, std::chrono::milliseconds timeout = 5s) {
+        return waitCount(
+            n, [kind](Event const& e) { return e.kind == kind; }, timeout);
+    }
+    bool waitForState(int state) {
+        return waitCount(1,
+                         [state](Event const& e) { return e.kind == STATE && e.number == state; });
+    }
+
+  private:
+    void send(Kind kind, Msg const& m, char const* text, Ref r) {
+        Event event{kind, 0, text ? text : "", "", 0, 0, std::move(r)};
+        if (auto task = std::dynamic_pointer_cast<Impl::MessageTask>(m)) {
+            event.name = task->getTopic();
+            event.qos = task->getQOS();
+            event.id = task->getMessageID();
+        }
+        add(std::move(event));
+    }
+};
+
+// The payload as text; "<null>" for a message without one.
+inline std::string text(shared_ptr<Message> const& message) {
+    auto payload = message->getPayload();
+    return payload ? std::string(static_cast<char const*>(payload->data()), payload->size())
+                   : "<null>";
+}
+
+// Records received messages. It can throw on one chosen call, acknowledge what
+// it receives, and hold every call until released.
+class MessageRecorder : public MessageHandler, public Record<shared_ptr<Message>> {
+  public:
+    explicit MessageRecorder(bool acknowledging = false, std::size_t throwOn = SIZE_MAX)
+        : acknowledging(acknowledging), throwOn(throwOn) {}
+    void handleMessage(shared_ptr<Message> message) override {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, [this] { return !held; });
+        if (calls++ == throwOn) {
+            throw std::runtime_error("handler failed on message " + std::to_string(throwOn));
+        }
+        items.push_back(message);
+        changed.notify_all();
+        if (acknowledging) {
+            lock.unlock();
+            message->acknowledge();
+        }
+    }
+    std::size_t count() { return all().size(); }
+    // Waits until n messages with this payload ("" for any) have arrived.
+    bool waitFor(std::size_t n, std::string const& payload = "",
+                 std::chrono::milliseconds timeout = 5s) {
+        return waitCount(
+            n, [&](auto const& m) { return payload.empty() || text(m) == payload; }, timeout);
+    }
+    void setHeld(bool hold) {
+        std::lock_guard<std::mutex> lock(mutex);
+        held = hold;
+        changed.notify_all();
+    }
+
+  private:
+    bool const acknowledging;
+    std::size_t const throwOn;
+    std::size_t calls = 0;
+    bool held = false;
+};
+
+inline Data connectionData(std::string const& user = "alice") {
+    return {{"host", "localhost"},
+            {"port", "55555"},
+            {"vpn", "default"},
+            {"user", user},
+            {"password", "secret"}};
+}
+inline shared_ptr<DataPacket> packet(std::string const& text) {
+    return DataPacket::create(text.data(), text.size());
+}
+inline Impl::Session& sessionOf(shared_ptr<Client> const& client) {
+    return std::dynamic_pointer_cast<Impl::Client>(client)->getSession();
+}
+
+// A started library on a fresh stand-in. Clients and handlers made here are
+// released and their sessions terminated afterwards; no library message may
+// be left alive.
+class AdapterTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        solEmu_reset();
+        library = std::make_shared<Impl::Library>();
+        library->start();
+    }
+    void TearDown() override {
+        client.reset();
+        std::vector<Impl::Session*> sessions;
+        for (auto& client : clients) {
+            sessions.push_back(&sessionOf(client));
+        }
+        clients.clear();
+        for (auto* session : sessions) {
+            // A notification under way on the context thread holds the
+            // client for a moment.
+            for (int attempt = 1; attempt <= 500; ++attempt) {
+                try {
+                    session->terminate();
+                    break;
+                } catch (KW::Exception const& e) {
+                    EXPECT_LT(attempt, 500) << e.what();
+                    std::this_thread::sleep_for(10ms);
+                }
+            }
+        }
+        EXPECT_NO_THROW(library->shutdown());
+        for (auto& handler : handlers) {
+            handler->clear();  // received messages hold their handler
+        }
+        solEmu_reset();
+        EXPECT_EQ(solEmu_liveMessages(), 0) << "library messages leaked";
+    }
+
+    shared_ptr<Client> makeClient(Data const& data = connectionData()) {
+        clients.push_back(library->createClient("dev", data, events));
+        return clients.back();
+    }
+    shared_ptr<Client> connectedClient() {
+        auto const before = events->of(STATE).size();
+        auto client = makeClient();
+        EXPECT_EQ(client->connect(5000), 1);
+        // The waiter wakes before the handler is told: let the telling happen
+        // so that tests start from a settled record.
+        EXPECT_TRUE(events->waitFor(STATE, before + 1));
+        return client;
+    }
+    shared_ptr<MessageRecorder> makeHandler(bool acknowledging = false,
+                                            std::size_t throwOn = SIZE_MAX) {
+        handlers.push_back(std::make_shared<MessageRecorder>(acknowledging, throwOn));
+        return handlers.back();
+    }
+    // Subscribes to a topic and waits for the broker's confirmation.
+    void subscribe(shared_ptr<Client> const& client, shared_ptr<MessageRecorder> const& handler,
+                   std::string const& topic) {
+        auto const before = events->of(CREATED).size();
+        ASSERT_TRUE(client->subscribe(handler, topic, AMO, Reference::NONE));
+        ASSERT_TRUE(events->waitFor(CREATED, before + 1));
+    }
+    // Publishes a marker to a topic the handler receives and waits for it.
+    void flush(shared_ptr<Client> const& client, shared_ptr<MessageRecorder> const& handler,
+               std::string const& topic) {
+        auto const before = handler->where([](auto& m) { return text(m) == "marker"; }).size();
+        ASSERT_TRUE(client->publish(packet("marker"), topic, AMO, Reference::NONE, false));
+        ASSERT_TRUE(handler->waitFor(before + 1, "marker"));
+    }
+
+    shared_ptr<Impl::Library> library;
+    shared_ptr<Client> client;  // the test's main client, if it has one
+    shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
+    std::vector<shared_ptr<Client>> clients;
+    std::vector<shared_ptr<MessageRecorder>> handlers;
+};
+
+}  // namespace KW::Solace::Test

@@ -9,28 +9,28 @@
 #include "solace/LibraryException.h"
 #include "solace/RuntimeException.h"
 
-namespace KW {
-namespace Solace {
-namespace Test {
-namespace {
+namespace KW::Solace::Test {
 
 using Library = AdapterTest;
 
-// Arms the stand-in to fail the next call of a vendor function.
-void failNext(char const* function, int subCode, char const* text) {
+// Arms the stand-in to fail the next call of a vendor function, runs the call
+// and expects a LibraryException carrying the armed text and sub-code.
+template <typename Call>
+void expectLibraryFailure(char const* function, int subCode, char const* text, Call call) {
     ASSERT_EQ(solEmu_failNext(function, 1, SOLCLIENT_FAIL, subCode, text), 0);
+    try {
+        call();
+        ADD_FAILURE() << function << " failure not thrown";
+    } catch (LibraryException const& e) {
+        EXPECT_STREQ(e.what(), text);
+        EXPECT_EQ(e.getSubCode(), subCode);
+        EXPECT_EQ(e.code(), 0);
+    }
 }
 
 TEST_F(Library, StartingAgainInitialisesAgainAndAFailureLeavesNoTable) {
-    failNext("solClient_initialize", SOLCLIENT_SUBCODE_INIT_NOT_CALLED, "second initialize");
-    try {
-        library->start();
-        FAIL() << "start should have failed";
-    } catch (LibraryException const& e) {
-        EXPECT_STREQ(e.what(), "second initialize");
-        EXPECT_EQ(e.getSubCode(), SOLCLIENT_SUBCODE_INIT_NOT_CALLED);
-        EXPECT_EQ(e.code(), 0);
-    }
+    expectLibraryFailure("solClient_initialize", SOLCLIENT_SUBCODE_INIT_NOT_CALLED,
+                         "second initialize", [&] { library->start(); });
     EXPECT_EQ(library->getAPI(), nullptr);
     EXPECT_THROW(makeClient(), RuntimeException);
     library->start();
@@ -39,35 +39,29 @@ TEST_F(Library, StartingAgainInitialisesAgainAndAFailureLeavesNoTable) {
 
 TEST_F(Library, ShutdownAndTerminateAreRefusedWhileAClientLives) {
     auto client = makeClient();
-    try {
-        library->shutdown();
-        FAIL() << "shutdown should have been refused";
-    } catch (RuntimeException const& e) {
-        EXPECT_STREQ(e.what(), "context terminate failure, still active sessions runnning");
-    }
+    auto expectRefused = [](auto call, char const* text) {
+        try {
+            call();
+            ADD_FAILURE() << "not refused: " << text;
+        } catch (RuntimeException const& e) {
+            EXPECT_STREQ(e.what(), text);
+        }
+    };
+    expectRefused([&] { library->shutdown(); },
+                  "context terminate failure, still active sessions runnning");
     EXPECT_EQ(client->connect(5000), 1);  // still initialised
-    try {
-        sessionOf(client).terminate();
-        FAIL() << "terminate should have been refused";
-    } catch (RuntimeException const& e) {
-        EXPECT_STREQ(e.what(), "session terminate failure, corresponding client not expired");
-    }
-    EXPECT_EQ(std::static_pointer_cast<KW::Client>(sessionOf(client).createClient()), client);
+    expectRefused([&] { sessionOf(client).terminate(); },
+                  "session terminate failure, corresponding client not expired");
+    EXPECT_EQ(std::static_pointer_cast<Client>(sessionOf(client).createClient()), client);
 }
 
 TEST_F(Library, ContextAndSessionCreateFailuresAreThrownAndLeaveNothingBehind) {
-    failNext("solClient_context_create", SOLCLIENT_SUBCODE_OUT_OF_RESOURCES, "no context");
-    try {
-        makeClient();
-        FAIL() << "createClient should have failed";
-    } catch (LibraryException const& e) {
-        EXPECT_STREQ(e.what(), "no context");
-        EXPECT_EQ(e.getSubCode(), SOLCLIENT_SUBCODE_OUT_OF_RESOURCES);
-    }
-    failNext("solClient_session_create", SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "bad property");
-    EXPECT_THROW(makeClient(), LibraryException);
+    expectLibraryFailure("solClient_context_create", SOLCLIENT_SUBCODE_OUT_OF_RESOURCES,
+                         "no context", [&] { makeClient(); });
+    expectLibraryFailure("solClient_session_create", SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                         "bad property", [&] { makeClient(); });
     EXPECT_EQ(solEmu_liveSessions(), 0);
-    // One destination, one context, a session per client.
+    // One context per destination, a session per client.
     auto a = makeClient();
     auto b = makeClient();
     clients.push_back(library->createClient("prod", connectionData(), events));
@@ -81,26 +75,24 @@ TEST(LibraryExceptionText, FollowsTheErrorRecordAndItsQuirks) {
     info.subCode = SOLCLIENT_SUBCODE_LOGIN_FAILURE;
     info.responseCode = 401;
     std::strcpy(info.errorStr, "Connection refused");
-    LibraryException refused(&info, "solace library exception");
+    LibraryException refused(&info, "fallback");
     EXPECT_STREQ(refused.what(), "Connection refused");
     EXPECT_EQ(refused.getSubCode(), SOLCLIENT_SUBCODE_LOGIN_FAILURE);
     EXPECT_EQ(refused.getResponseCode(), 401);
     EXPECT_EQ(info.errorStr[SOLCLIENT_ERRORINFO_STR_SIZE - 1], '0');
-
     std::strcpy(info.errorStr, "0 leading digit");
-    EXPECT_STREQ(LibraryException(&info, "solace library exception").what(),
-                 "solace library exception");
+    EXPECT_STREQ(LibraryException(&info, "fallback").what(), "fallback");
     info.errorStr[0] = '\0';
-    EXPECT_STREQ(LibraryException(&info, "solace library exception").what(), "");
-    // A full buffer ends in the '0' and is not read beyond.
+    EXPECT_STREQ(LibraryException(&info, "fallback").what(), "");
+    // A full record ends in the '0' and is not read beyond.
     std::memset(info.errorStr, 'x', sizeof(info.errorStr));
-    std::string const full = LibraryException(&info, "fallback").what();
-    EXPECT_EQ(full, std::string(SOLCLIENT_ERRORINFO_STR_SIZE - 1, 'x') + "0");
+    EXPECT_EQ(std::string(LibraryException(&info, "fallback").what()),
+              std::string(SOLCLIENT_ERRORINFO_STR_SIZE - 1, 'x') + "0");
 }
 
 TEST(ClientLibraryRegistration, RegistersUnderSolaceUntilShutDown) {
     solEmu_reset();
-    auto* registry = KW::ClientLibraryRegistry::getInstance();
+    auto* registry = ClientLibraryRegistry::getInstance();
     ClientLibrary::start();
     std::string type = ClientLibrary::DESTINATION_TYPE;
     Data data = connectionData();
@@ -114,7 +106,4 @@ TEST(ClientLibraryRegistration, RegistersUnderSolaceUntilShutDown) {
     EXPECT_THROW(registry->createClient("dev", type, data, events), KW::Exception);
 }
 
-}  // namespace
-}  // namespace Test
-}  // namespace Solace
-}  // namespace KW
+}  // namespace KW::Solace::Test

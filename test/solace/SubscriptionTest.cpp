@@ -5,10 +5,7 @@
 #include "solace/impl/Flow.h"
 #include "solace/impl/Subscription.h"
 
-namespace KW {
-namespace Solace {
-namespace Test {
-namespace {
+namespace KW::Solace::Test {
 
 class Subscriptions : public AdapterTest {
   protected:
@@ -16,73 +13,63 @@ class Subscriptions : public AdapterTest {
         AdapterTest::SetUp();
         ASSERT_EQ(solEmu_addQueue("work"), 0);
         client = connectedClient();
-        session = &sessionOf(client);
     }
-    void TearDown() override {
-        client.reset();
-        AdapterTest::TearDown();
+    void publish(std::string const& topic, std::string const& payload, QOS::Enum qos = AMO) {
+        ASSERT_TRUE(client->publish(packet(payload), topic, qos, Reference::NONE, false));
     }
-    void publish(std::string const& topic, std::string const& payload,
-                 KW::QOS::Enum qos = KW::QOS::AT_MOST_ONCE) {
-        ASSERT_TRUE(client->publish(packet(payload), topic, qos, KW::Reference::NONE, false));
+    bool subscribe(shared_ptr<MessageRecorder> const& handler, std::string const& name,
+                   QOS::Enum qos, shared_ptr<Reference> tag = Reference::NONE) {
+        return client->subscribe(handler, name, qos, tag);
     }
-    bool subscribeQueue(std::shared_ptr<MessageRecorder> const& handler, std::string const& name,
-                        std::shared_ptr<KW::Reference> tag = KW::Reference::NONE) {
-        return client->subscribe(handler, name, KW::QOS::GUARANTEED, tag);
+    bool unsubscribe(std::string const& name, QOS::Enum qos) {
+        return client->unsubscribe(name, qos, Reference::NONE);
     }
+    using AdapterTest::subscribe;
     // Answers to subscription requests.
     std::size_t answers() {
-        return events->of(CREATED).size() + events->of(CREATE_ERROR).size() +
-               events->of(REMOVED).size() + events->of(REMOVE_ERROR).size();
+        return events->where([](auto& e) { return e.kind >= CREATED && e.kind <= REMOVE_ERROR; })
+            .size();
     }
-
-    std::shared_ptr<KW::Client> client;
-    Impl::Session* session = nullptr;
+    Impl::Session& session() { return sessionOf(client); }
 };
 
-TEST_F(Subscriptions, DuplicatesUnknownNamesAndNullHandlers) {
+TEST_F(Subscriptions, DuplicatesUnknownNamesAndRemovalByHandler) {
     auto handler = makeHandler();
     auto other = makeHandler();
     subscribe(client, handler, "dup");
-    EXPECT_TRUE(client->subscribe(handler, "dup", KW::QOS::AT_MOST_ONCE, KW::Reference::NONE));
-    EXPECT_FALSE(client->subscribe(other, "dup", KW::QOS::AT_MOST_ONCE, KW::Reference::NONE));
-    EXPECT_FALSE(client->subscribe(nullptr, "none", KW::QOS::AT_MOST_ONCE, KW::Reference::NONE));
-    EXPECT_FALSE(subscribeQueue(nullptr, "work"));
-    EXPECT_FALSE(client->unsubscribe("never", KW::QOS::AT_MOST_ONCE, KW::Reference::NONE));
-    EXPECT_FALSE(client->unsubscribe(other, KW::Reference::NONE));
+    EXPECT_TRUE(subscribe(handler, "dup", AMO));
+    EXPECT_FALSE(subscribe(other, "dup", AMO));
+    EXPECT_FALSE(subscribe(nullptr, "none", AMO));
+    EXPECT_FALSE(subscribe(nullptr, "work", GUARANTEED));
+    EXPECT_FALSE(unsubscribe("never", AMO));
+    EXPECT_FALSE(client->unsubscribe(other, Reference::NONE));
     // A queue is not a topic of the same name, and vice versa.
-    ASSERT_TRUE(subscribeQueue(other, "work"));
-    EXPECT_FALSE(client->unsubscribe("work", KW::QOS::AT_MOST_ONCE, KW::Reference::NONE));
-    EXPECT_FALSE(client->unsubscribe("dup", KW::QOS::GUARANTEED, KW::Reference::NONE));
-    // None of that queued anything: the next subscription is the second answer.
-    subscribe(client, handler, "marker");
-    EXPECT_EQ(answers(), 2u);
+    ASSERT_TRUE(subscribe(other, "work", GUARANTEED));
+    EXPECT_FALSE(unsubscribe("work", AMO));
+    EXPECT_FALSE(unsubscribe("dup", GUARANTEED));
+    // None of that queued anything: the next subscriptions are the next answers.
+    subscribe(client, handler, "a");
+    subscribe(client, other, "marker");
+    EXPECT_EQ(answers(), 3u);
     publish("dup", "once");
-    flush(client, handler, "marker");
-    EXPECT_EQ(handler->count(), 2u);
-    // Removing by handler finds the handler that holds only a queue.
-    EXPECT_TRUE(client->unsubscribe(other, KW::Reference::NONE));
-    EXPECT_EQ(session->findFlow("work"), nullptr);
-}
+    flush(client, other, "marker");
+    EXPECT_EQ(handler->count(), 1u);  // subscribed twice, delivered once
 
-TEST_F(Subscriptions, UnsubscribeByHandlerRemovesOnlyItsTopicsInOrder) {
-    auto mine = makeHandler();
-    auto theirs = makeHandler();
-    subscribe(client, mine, "b");
-    subscribe(client, mine, "a");
-    subscribe(client, theirs, "c");
+    // By handler: only its topics go, in name order, the last with the tag.
     auto tag = std::make_shared<Tag>(1);
-    EXPECT_TRUE(client->unsubscribe(mine, tag));
+    EXPECT_TRUE(client->unsubscribe(handler, tag));
     ASSERT_TRUE(events->waitFor(REMOVED, 2));
     auto removed = events->of(REMOVED);
     EXPECT_EQ(removed[0].name, "a");
-    EXPECT_EQ(removed[1].name, "b");
+    EXPECT_EQ(removed[1].name, "dup");
     EXPECT_EQ(removed[1].reference, tag);
-    publish("a", "gone");
-    flush(client, theirs, "c");
-    EXPECT_EQ(mine->count(), 0u);
-    EXPECT_TRUE(client->unsubscribe(KW::Reference::NONE));
-    EXPECT_EQ(session->findSubscription("c"), nullptr);
+    publish("dup", "gone");
+    flush(client, other, "marker");
+    EXPECT_EQ(handler->count(), 1u);
+    // The handler that holds a queue besides a topic loses both.
+    EXPECT_TRUE(client->unsubscribe(other, Reference::NONE));
+    EXPECT_EQ(session().findFlow("work"), nullptr);
+    EXPECT_EQ(session().findSubscription("marker"), nullptr);
 }
 
 TEST_F(Subscriptions, RefusalsLeaveTheirStates) {
@@ -97,8 +84,7 @@ TEST_F(Subscriptions, RefusalsLeaveTheirStates) {
     auto handler = makeHandler();
     for (auto const& c : cases) {
         solEmu_refuseSubscriptions(c.topic, c.subCode);
-        auto tag = std::make_shared<Tag>(c.subCode);
-        ASSERT_TRUE(client->subscribe(handler, c.topic, KW::QOS::AT_MOST_ONCE, tag));
+        ASSERT_TRUE(subscribe(handler, c.topic, AMO, std::make_shared<Tag>(c.subCode)));
     }
     ASSERT_TRUE(events->waitFor(CREATE_ERROR, 3));
     auto const errors = events->of(CREATE_ERROR);
@@ -106,14 +92,12 @@ TEST_F(Subscriptions, RefusalsLeaveTheirStates) {
         EXPECT_EQ(errors[i].number, cases[i].subCode);
         EXPECT_EQ(std::dynamic_pointer_cast<Tag>(errors[i].reference)->id, cases[i].subCode);
         EXPECT_FALSE(errors[i].text.empty());
-        auto* subscription = session->findSubscription(cases[i].topic);
+        auto* subscription = session().findSubscription(cases[i].topic);
         EXPECT_EQ(subscription->getState(), cases[i].state) << cases[i].topic;
         EXPECT_EQ(subscription->getLastSubCode(), cases[i].subCode);
+        solEmu_refuseSubscriptions(cases[i].topic, 0);
     }
     // Counted as subscribed, yet nothing arrives through it.
-    for (auto const& c : cases) {
-        solEmu_refuseSubscriptions(c.topic, 0);
-    }
     subscribe(client, handler, "marker");
     publish("present", "unseen");
     flush(client, handler, "marker");
@@ -122,14 +106,14 @@ TEST_F(Subscriptions, RefusalsLeaveTheirStates) {
 
 TEST_F(Subscriptions, NothingArrivesAfterAStopEvenARefusedOne) {
     auto handler = makeHandler();
-    subscribe(client, handler, "late");
-    subscribe(client, handler, "sticky");
-    subscribe(client, handler, "marker");
+    for (auto topic : {"late", "sticky", "marker"}) {
+        subscribe(client, handler, topic);
+    }
     solEmu_refuseSubscriptions("sticky", SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND);
     solEmu_holdDeliveries(1);
     publish("late", "in flight");
-    ASSERT_TRUE(client->unsubscribe("late", KW::QOS::AT_MOST_ONCE, KW::Reference::NONE));
-    ASSERT_TRUE(client->unsubscribe("sticky", KW::QOS::AT_MOST_ONCE, KW::Reference::NONE));
+    ASSERT_TRUE(unsubscribe("late", AMO));
+    ASSERT_TRUE(unsubscribe("sticky", AMO));
     ASSERT_TRUE(events->waitFor(REMOVE_ERROR, 1));
     EXPECT_EQ(events->of(REMOVE_ERROR)[0].number, SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND);
     EXPECT_EQ(events->of(REMOVED).size(), 1u);
@@ -140,8 +124,7 @@ TEST_F(Subscriptions, NothingArrivesAfterAStopEvenARefusedOne) {
 }
 
 TEST_F(Subscriptions, AThrowingHandlerIsReportedAndTheNextMessageStillArrives) {
-    auto handler = makeHandler();
-    handler->setThrowOn(0);
+    auto handler = makeHandler(false, 0);
     subscribe(client, handler, "fragile");
     publish("fragile", "first");
     publish("fragile", "second");
@@ -177,12 +160,12 @@ TEST_F(Subscriptions, ABlockedHandlerMakesTheReceiveQueueDropTopicMessages) {
 
 TEST_F(Subscriptions, QueueMessagesAreAcknowledgedOneByOne) {
     auto handler = makeHandler();
-    ASSERT_TRUE(subscribeQueue(handler, "work"));
-    publish("work", "job", KW::QOS::GUARANTEED);
+    ASSERT_TRUE(subscribe(handler, "work", GUARANTEED));
+    publish("work", "job", GUARANTEED);
     ASSERT_TRUE(handler->waitFor(1));
-    auto message = handler->messages()[0];
+    auto message = handler->all()[0];
     EXPECT_EQ(message->getTopic(), "work");
-    EXPECT_EQ(message->getQOS(), KW::QOS::GUARANTEED);
+    EXPECT_EQ(message->getQOS(), GUARANTEED);
     EXPECT_TRUE(message->isAckRequired());
     EXPECT_EQ(solEmu_queueDepth("work"), 1);
     message->acknowledge();
@@ -190,42 +173,44 @@ TEST_F(Subscriptions, QueueMessagesAreAcknowledgedOneByOne) {
     message->acknowledge();  // twice does no harm
     // A started flow is not announced; its state shows it.
     EXPECT_EQ(answers(), 0u);
-    int const state = session->findFlow("work")->getState();
+    int const state = session().findFlow("work")->getState();
     EXPECT_TRUE(state == Impl::Flow::ACTIVE || state == Impl::Flow::UP) << state;
 
     // Unsubscribed: a late acknowledgement finds a stopped flow, and the
     // unacknowledged message goes back to the queue.
-    publish("work", "kept", KW::QOS::GUARANTEED);
+    publish("work", "kept", GUARANTEED);
     ASSERT_TRUE(handler->waitFor(1, "kept"));
-    ASSERT_TRUE(client->unsubscribe("work", KW::QOS::GUARANTEED, KW::Reference::NONE));
+    ASSERT_TRUE(unsubscribe("work", GUARANTEED));
     subscribe(client, handler, "marker");  // answered after the stop has run
-    handler->messages()[1]->acknowledge();
+    handler->all()[1]->acknowledge();
     EXPECT_EQ(solEmu_queueDepth("work"), 1);
+    EXPECT_TRUE(client->unsubscribe(Reference::NONE));
+    EXPECT_EQ(session().findSubscription("marker"), nullptr);
 }
 
 TEST_F(Subscriptions, FlowFailuresAndHowTheyAreTold) {
     auto handler = makeHandler();
     auto tag = std::make_shared<Tag>(66);
-    ASSERT_TRUE(subscribeQueue(handler, "missing", tag));
+    ASSERT_TRUE(subscribe(handler, "missing", GUARANTEED, tag));
     ASSERT_TRUE(events->waitFor(CREATE_ERROR, 1));
     Event const error = events->of(CREATE_ERROR)[0];
     EXPECT_EQ(error.number, SOLCLIENT_SUBCODE_QUEUE_NOT_FOUND);
-    EXPECT_EQ(error.qos, KW::QOS::GUARANTEED);
+    EXPECT_EQ(error.qos, GUARANTEED);
     EXPECT_EQ(error.reference, tag);
-    EXPECT_EQ(session->findFlow("missing")->getState(), Impl::Flow::FAILED);
+    EXPECT_EQ(session().findFlow("missing")->getState(), Impl::Flow::FAILED);
     // Never created: its unsubscribe is not answered a second time.
-    EXPECT_TRUE(client->unsubscribe("missing", KW::QOS::GUARANTEED, tag));
+    EXPECT_TRUE(client->unsubscribe("missing", GUARANTEED, tag));
 
     // A failed start reads as a finalize: it is told without the record.
     solEmu_failNext("solClient_flow_start", 1, SOLCLIENT_FAIL, 6, "will not start");
-    ASSERT_TRUE(subscribeQueue(handler, "work", tag));
+    ASSERT_TRUE(subscribe(handler, "work", GUARANTEED, tag));
     ASSERT_TRUE(events->waitFor(CREATED, 1));
-    EXPECT_EQ(session->findFlow("work")->getLastSubCode(), 6);
-    publish("work", "stuck", KW::QOS::GUARANTEED);
+    EXPECT_EQ(session().findFlow("work")->getLastSubCode(), 6);
+    publish("work", "stuck", GUARANTEED);
 
     // A failed stop is told, and the flow is destroyed all the same.
     solEmu_failNext("solClient_flow_stop", 1, SOLCLIENT_FAIL, 6, "will not stop");
-    ASSERT_TRUE(client->unsubscribe("work", KW::QOS::GUARANTEED, tag));
+    ASSERT_TRUE(client->unsubscribe("work", GUARANTEED, tag));
     ASSERT_TRUE(events->waitFor(REMOVE_ERROR, 1));
     EXPECT_EQ(events->of(REMOVE_ERROR)[0].text, "will not stop");
     EXPECT_EQ(answers(), 3u);
@@ -235,7 +220,4 @@ TEST_F(Subscriptions, FlowFailuresAndHowTheyAreTold) {
     EXPECT_EQ(solEmu_queueDepth("work"), 1);
 }
 
-}  // namespace
-}  // namespace Test
-}  // namespace Solace
-}  // namespace KW
+}  // namespace KW::Solace::Test
