@@ -376,10 +376,8 @@ solClient_returnCode_t solClient_msg_setCorrelationTagPtr(solClient_opaqueMsg_pt
                                                           void* correlation_p,
                                                           solClient_uint32_t size);
 solClient_returnCode_t solClient_msg_setBinaryAttachmentPtr(solClient_opaqueMsg_pt msg_p,
-                                                            void* buf_p,
-                                                            solClient_uint32_t size);
-solClient_returnCode_t solClient_msg_setTopicPtr(solClient_opaqueMsg_pt msg_p,
-                                                 const char* topic_p);
+                                                            void* buf_p, solClient_uint32_t size);
+solClient_returnCode_t solClient_msg_setTopicPtr(solClient_opaqueMsg_pt msg_p, const char* topic_p);
 solClient_returnCode_t solClient_msg_setDeliveryMode(solClient_opaqueMsg_pt msg_p,
                                                      solClient_uint32_t mode);
 
@@ -427,8 +425,7 @@ static_assert(offsetof(solClient_flow_createFuncInfo_t, rxMsgInfo) == 32, "flow 
 static_assert(sizeof(solClient_session_rxMsgDispatchFuncInfo_t) == 32, "dispatch info size");
 static_assert(offsetof(solClient_session_rxMsgDispatchFuncInfo_t, callback_p) == 8,
               "dispatch callback_p");
-static_assert(offsetof(solClient_session_rxMsgDispatchFuncInfo_t, user_p) == 16,
-              "dispatch user_p");
+static_assert(offsetof(solClient_session_rxMsgDispatchFuncInfo_t, user_p) == 16, "dispatch user_p");
 static_assert(offsetof(solClient_session_rxMsgDispatchFuncInfo_t, rfu_p) == 24, "dispatch rfu_p");
 
 static_assert(sizeof(solClient_destination_t) == 16, "destination size");
