@@ -23,11 +23,7 @@ class Worker : public Context {
     Worker() = default;
 
     ~Worker() override {
-        {
-            std::lock_guard<std::mutex> processorLock(this->processorMutex);
-            unsigned long timeoutMs = 0;
-            this->freeJobs(timeoutMs);
-        }
+        this->setProcessor(nullptr, 0);
         this->awaitDetachedJobs();
     }
 

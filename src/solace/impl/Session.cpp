@@ -129,36 +129,23 @@ Session::Session(std::string const& destination,
     }
 }
 
-template <typename W>
-void Session::stopWorker(W& worker, unsigned long timeoutMs) {
-    std::lock_guard<std::mutex> processorLock(worker.processorMutex);
-    bool running;
-    {
-        std::lock_guard<std::mutex> queueLock(worker.queueMutex);
-        running = worker.processor != nullptr;
-    }
-    if (running) {
-        worker.freeJobs(timeoutMs);
-    }
-}
-
 void Session::stopSendingWorkers(unsigned long timeoutMs) {
-    stopWorker(subscribeWorker, timeoutMs);
-    stopWorker(publishWorker, timeoutMs);
-    stopWorker(forwardWorker, timeoutMs);
+    subscribeWorker.setProcessor(nullptr, timeoutMs);
+    publishWorker.setProcessor(nullptr, timeoutMs);
+    forwardWorker.setProcessor(nullptr, timeoutMs);
 }
 
 Session::~Session() {
-    stopWorker(subscribeWorker, 0);
-    stopWorker(forwardWorker, 0);
-    stopWorker(publishWorker, 0);
-    stopWorker(receiveWorker, 0);
+    auto stopWorkers = [this] {
+        subscribeWorker.setProcessor(nullptr, 0);
+        forwardWorker.setProcessor(nullptr, 0);
+        publishWorker.setProcessor(nullptr, 0);
+        receiveWorker.setProcessor(nullptr, 0);
+    };
+    stopWorkers();
     {
         std::lock_guard<std::mutex> lock(subscriptionsMutex);
         subscriptions.clear();
-    }
-    {
-        std::lock_guard<std::mutex> lock(subscriptionsMutex);
         // The library would go on calling a live flow's callbacks until its
         // flow is destroyed, so do that before the Flow object goes.
         for (auto& entry : flows) {
@@ -172,10 +159,7 @@ Session::~Session() {
     if (handle != nullptr) {
         api.sessionDestroy(&handle);
     }
-    stopWorker(subscribeWorker, 0);
-    stopWorker(forwardWorker, 0);
-    stopWorker(publishWorker, 0);
-    stopWorker(receiveWorker, 0);
+    stopWorkers();
     // No answer can come any more: every send still open ends here, so that
     // no request is left unanswered and no library message is left behind.
     failUnsent("session terminated before the message was sent");

@@ -127,8 +127,6 @@ class Session {
     Flow* findFlow(std::string const& queue);
 
   private:
-    template <typename W>
-    static void stopWorker(W& worker, unsigned long timeoutMs);
     void stopSendingWorkers(unsigned long timeoutMs);
     void settlePending(solClient_session_eventCallbackInfo* info, char const* rejectedText);
     void failUnsent(char const* text);
