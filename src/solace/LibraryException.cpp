@@ -5,16 +5,20 @@
 namespace KW {
 namespace Solace {
 
-std::string LibraryException::readErrorText(solClient_errorInfo* info, char const* fallback) {
-    if (info == nullptr) {
-        return fallback ? fallback : "";
-    }
+std::string LibraryException::readRecordText(solClient_errorInfo* info) {
     info->errorStr[SOLCLIENT_ERRORINFO_STR_SIZE - 1] = '0';
-    if (info->errorStr[0] == '0') {
-        return fallback ? fallback : "";
-    }
     // Bounded: after the '0' above the text may have no terminator left.
     return std::string(info->errorStr, strnlen(info->errorStr, SOLCLIENT_ERRORINFO_STR_SIZE));
+}
+
+std::string LibraryException::readErrorText(solClient_errorInfo* info, char const* fallback) {
+    if (info != nullptr) {
+        std::string text = readRecordText(info);
+        if (text.empty() || text[0] != '0') {
+            return text;
+        }
+    }
+    return fallback ? fallback : "";
 }
 
 LibraryException::LibraryException(solClient_errorInfo* info, char const* fallback)

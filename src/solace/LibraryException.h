@@ -22,6 +22,8 @@ class LibraryException : public Exception {
     // did; a text starting with '0' selects the fallback. A null record gives
     // the fallback too.
     static std::string readErrorText(solClient_errorInfo* info, char const* fallback);
+    // The record's text as is, after that same '0'; info must not be null.
+    static std::string readRecordText(solClient_errorInfo* info);
 
   private:
     int subCode;

@@ -1,6 +1,5 @@
 #include "solace/impl/Session.h"
 
-#include <cstring>
 #include <exception>
 
 #include "core/DataPacket.h"
@@ -38,14 +37,6 @@ char const* const CIPHER_SUITES =
 
 // The most a solClient attachment can hold (its size is 32 bits).
 constexpr unsigned long MAX_ATTACHMENT = 0xFFFFFFFFul;
-
-// The text of an error record as the library's readers take it: the last
-// byte of the text is first set to the character '0'. Bounded, since that
-// may leave no terminator.
-std::string recordText(solClient_errorInfo* info) {
-    info->errorStr[SOLCLIENT_ERRORINFO_STR_SIZE - 1] = '0';
-    return std::string(info->errorStr, strnlen(info->errorStr, SOLCLIENT_ERRORINFO_STR_SIZE));
-}
 
 }  // namespace
 
@@ -345,7 +336,7 @@ void Session::notifyHandlerOfRuntimeError(solClient_errorInfo* info) {
         return;
     }
     try {
-        std::string const text = recordText(info);
+        std::string const text = LibraryException::readRecordText(info);
         eventHandler->runtimeErrorOccurred(text.c_str(), static_cast<int>(info->subCode));
     } catch (...) {
     }
@@ -701,7 +692,7 @@ void Session::notifyHandlerOfSubscription(bool create, std::string const& name, 
             }
             return;
         }
-        std::string const text = recordText(info);
+        std::string const text = LibraryException::readRecordText(info);
         int const subCode = static_cast<int>(info->subCode);
         if (create) {
             eventHandler->subscriptionCreateError(name, qos, reference, text.c_str(), subCode);
