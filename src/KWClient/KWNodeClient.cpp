@@ -30,6 +30,35 @@ std::shared_ptr<KW::Reference> referenceOf(v8::Local<v8::Value> value) {
     return std::make_shared<KWDoneCallback>(value.As<v8::Function>());
 }
 
+// Where publish, forward and subscribe find their arguments once there are at
+// least two, by count n: (topic, x), (topic, x, done), (topic, qos, x) when
+// argument 2 is not a function, (topic, qos, x, done[, ignored...]); x is the
+// payload, message or handler.
+struct Shape {
+    int subject = 1;
+    int callback = -1;  // none
+    KW::QOS::Enum qos = KW::QOS::AT_MOST_ONCE;
+
+    // Made only when asked for, after the caller's own checks.
+    std::shared_ptr<KW::Reference> reference(
+        Nan::FunctionCallbackInfo<v8::Value> const& info) const {
+        return callback >= 1 ? referenceOf(info[callback]) : KW::Reference::NONE;
+    }
+};
+
+Shape shapeOf(Nan::FunctionCallbackInfo<v8::Value> const& info) {
+    int const n = info.Length();
+    Shape shape;
+    if (n == 3 && info[2]->IsFunction()) {
+        shape.callback = 2;
+    } else if (n >= 3) {
+        shape.subject = 2;
+        shape.qos = qosOf(info[1]);
+        shape.callback = n >= 4 ? 3 : -1;
+    }
+    return shape;
+}
+
 // A string's UTF-8 bytes or a Buffer's bytes, copied; null for anything else.
 std::shared_ptr<KW::DataPacket> packetOf(v8::Local<v8::Value> value) {
     if (value->IsString()) {
@@ -211,8 +240,7 @@ NAN_METHOD(KWNodeClient::GetConnectionState) {
     }
 }
 
-// Shapes by argument count n: (topic, payload), (topic, payload, done),
-// (topic, qos, payload), (topic, qos, payload, done[, ignored...]).
+// The shapes of shapeOf, with the payload (a string or a Buffer) as x.
 NAN_METHOD(KWNodeClient::Publish) {
     int const n = info.Length();
     if (n < 2) {
@@ -229,23 +257,14 @@ NAN_METHOD(KWNodeClient::Publish) {
         // Carries on with no payload: the library sends a message without one.
         Nan::ThrowError("Messaging Client Publish: payload parameter missing");
     } else {
-        int payloadIndex = 1;
-        int callbackIndex = -1;
-        if (n == 3 && info[2]->IsFunction()) {
-            callbackIndex = 2;
-        } else if (n >= 3) {
-            payloadIndex = 2;
-            qos = qosOf(info[1]);
-            callbackIndex = n >= 4 ? 3 : -1;
-        }
-        packet = packetOf(info[payloadIndex]);
+        Shape const shape = shapeOf(info);
+        qos = shape.qos;
+        packet = packetOf(info[shape.subject]);
         if (!packet) {
             Nan::ThrowError("Messaging Client Publish: payload is neither a string nor a Buffer");
             return;
         }
-        if (callbackIndex >= 1) {
-            reference = referenceOf(info[callbackIndex]);
-        }
+        reference = shape.reference(info);
     }
     KW::Client* client = clientOf(info, "Publish");
     if (client == nullptr) {
@@ -273,40 +292,26 @@ NAN_METHOD(KWNodeClient::Forward) {
         Nan::ThrowError("Messaging Client Forward: payload parameter is missing");
         return;
     }
-    std::shared_ptr<KW::Reference> reference = KW::Reference::NONE;
-    KW::QOS::Enum qos = KW::QOS::AT_MOST_ONCE;
-    int messageIndex = 1;
-    int callbackIndex = -1;
-    if (n == 3 && info[2]->IsFunction()) {
-        callbackIndex = 2;
-    } else if (n >= 3) {
-        messageIndex = 2;
-        qos = qosOf(info[1]);
-        callbackIndex = n >= 4 ? 3 : -1;
-    }
-    std::shared_ptr<KW::Message> message = KWNodeMessage::messageOf(info[messageIndex]);
+    Shape const shape = shapeOf(info);
+    std::shared_ptr<KW::Message> message = KWNodeMessage::messageOf(info[shape.subject]);
     if (!message) {
         Nan::ThrowError("Messaging Client Forward: message is not a received message");
         return;
     }
-    if (callbackIndex >= 1) {
-        reference = referenceOf(info[callbackIndex]);
-    }
+    std::shared_ptr<KW::Reference> reference = shape.reference(info);
     KW::Client* client = clientOf(info, "Forward");
     if (client == nullptr) {
         return;
     }
     try {
-        client->forward(message, topic, qos, reference, false);
+        client->forward(message, topic, shape.qos, reference, false);
     } catch (KW::Exception& e) {
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Forward error: ", e);
     }
 }
 
-// Shapes: (topic, handler), (topic, handler, done), (topic, qos, handler) when
-// argument 2 is not a function, (topic, qos, handler, done). So a three-argument
-// call with a QoS and a function handler reads the QoS as the handler and is
-// refused.
+// The shapes of shapeOf, with the handler as x. So a three-argument call with
+// a QoS and a function handler reads the QoS as the handler and is refused.
 NAN_METHOD(KWNodeClient::Subscribe) {
     int const n = info.Length();
     if (n < 2) {
@@ -322,24 +327,16 @@ NAN_METHOD(KWNodeClient::Subscribe) {
     if (n < 2) {
         Nan::ThrowError("Messaging Client Subscribe: message handler callback is missing");
     } else {
-        int handlerIndex = 1;
-        int callbackIndex = -1;
-        if (n == 3 && info[2]->IsFunction()) {
-            callbackIndex = 2;
-        } else if (n >= 3) {
-            handlerIndex = 2;
-            qos = qosOf(info[1]);
-            callbackIndex = n >= 4 ? 3 : -1;
-        }
-        if (info[handlerIndex]->IsFunction()) {
-            handler = std::make_shared<KWMessageHandler>(info[handlerIndex].As<v8::Function>());
+        Shape const shape = shapeOf(info);
+        qos = shape.qos;
+        v8::Local<v8::Value> const fn = info[shape.subject];
+        if (fn->IsFunction()) {
+            handler = std::make_shared<KWMessageHandler>(fn.As<v8::Function>());
         } else {
             Nan::ThrowError(
                 "Messaging Client Subscribe: message handler callback is not a function");
         }
-        if (callbackIndex >= 1) {
-            reference = referenceOf(info[callbackIndex]);
-        }
+        reference = shape.reference(info);
     }
     // Without a handler there is nothing to deliver to: the argument error
     // stands and no subscription is made.
