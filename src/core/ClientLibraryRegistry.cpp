@@ -23,6 +23,15 @@ class ClientLibraryRegistry::Impl {
     std::map<std::string, std::shared_ptr<ClientLibrary>> libraries;
     std::mutex mutex;
     std::shared_ptr<Configuration> configuration;
+
+    // The library registered for the type; the caller holds the mutex.
+    ClientLibrary& find(std::string const& destinationType) {
+        auto found = libraries.find(destinationType);
+        if (found == libraries.end()) {
+            throw Exception(INVALID_DESTINATION);
+        }
+        return *found->second;
+    }
 };
 
 ClientLibraryRegistry* ClientLibraryRegistry::getInstance() {
@@ -77,11 +86,7 @@ std::shared_ptr<Client> ClientLibraryRegistry::createClient(
     std::string const& destination, std::string& destinationType,
     std::map<std::string, std::string>& properties, std::shared_ptr<EventHandler> handler) {
     std::lock_guard<std::mutex> lock(impl->mutex);
-    auto found = impl->libraries.find(destinationType);
-    if (found == impl->libraries.end()) {
-        throw Exception(INVALID_DESTINATION);
-    }
-    return found->second->createClient(destination, properties, std::move(handler));
+    return impl->find(destinationType).createClient(destination, properties, std::move(handler));
 }
 
 std::shared_ptr<Client> ClientLibraryRegistry::createClient(std::string const& data,
@@ -93,11 +98,7 @@ std::shared_ptr<Client> ClientLibraryRegistry::createClient(std::string const& d
         throw Exception(INVALID_DESTINATION);
     }
     impl->configuration->resolveDestination(data, destinationType, properties);
-    auto found = impl->libraries.find(destinationType);
-    if (found == impl->libraries.end()) {
-        throw Exception(INVALID_DESTINATION);
-    }
-    return found->second->createClient(data, properties, std::move(handler));
+    return impl->find(destinationType).createClient(data, properties, std::move(handler));
 }
 
 }  // namespace KW
