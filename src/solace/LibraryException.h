@@ -11,6 +11,9 @@ namespace Solace {
 // stays 0.
 class LibraryException : public Exception {
   public:
+    // The fallback text of every failed vendor call.
+    static constexpr char const* DEFAULT_TEXT = "solace library exception";
+
     LibraryException(solClient_errorInfo* info, char const* fallback);
     ~LibraryException() override;
 

@@ -13,7 +13,7 @@ Context::Context(SolaceAPI const& api) : api(api), handle(nullptr) {
     solClient_context_createFuncInfo_t funcInfo{};
     if (api.contextCreate(api.contextPropsDefaultWithCreateThread, &handle, &funcInfo,
                           sizeof(funcInfo)) != SOLCLIENT_OK) {
-        throw LibraryException(api.getLastErrorInfo(), "solace library exception");
+        throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
     }
 }
 

@@ -25,7 +25,7 @@ void Library::start() {
     api = std::make_unique<SolaceAPI>();
     if (api->initialize(SOLCLIENT_LOG_NOTICE, nullptr) != SOLCLIENT_OK) {
         std::unique_ptr<SolaceAPI> failed(std::move(api));
-        throw LibraryException(failed->getLastErrorInfo(), "solace library exception");
+        throw LibraryException(failed->getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
     }
 }
 
@@ -55,7 +55,7 @@ void Library::shutdown() {
         return;
     }
     if (api->cleanup() != SOLCLIENT_OK) {
-        throw LibraryException(api->getLastErrorInfo(), "solace library exception");
+        throw LibraryException(api->getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
     }
     api.reset();
 }

@@ -42,7 +42,7 @@ solClient_opaqueMsg_pt* MessageTask::provideMessageHandle() {
         SolaceAPI const& api = session.getAPI();
         if (api.msgAlloc(&messageHandle) != SOLCLIENT_OK) {
             messageHandle = nullptr;
-            throw LibraryException(api.getLastErrorInfo(), "solace library exception");
+            throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
         }
     }
     return &messageHandle;

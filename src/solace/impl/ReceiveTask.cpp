@@ -26,7 +26,7 @@ unsigned long long ReceiveTask::readId(SolaceAPI const& api, void* msg) {
     if (rc == SOLCLIENT_NOT_FOUND) {
         return 0;
     }
-    throw LibraryException(api.getLastErrorInfo(), "solace library exception");
+    throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
 }
 
 std::shared_ptr<KW::DataPacket> ReceiveTask::readPayload(SolaceAPI const& api, void* msg) {
@@ -39,7 +39,7 @@ std::shared_ptr<KW::DataPacket> ReceiveTask::readPayload(SolaceAPI const& api, v
     if (rc == SOLCLIENT_NOT_FOUND) {
         return nullptr;
     }
-    throw LibraryException(api.getLastErrorInfo(), "solace library exception");
+    throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
 }
 
 char const* ReceiveTask::readTopic(SolaceAPI const& api, void* msg) {
@@ -51,7 +51,7 @@ char const* ReceiveTask::readTopic(SolaceAPI const& api, void* msg) {
     if (rc == SOLCLIENT_NOT_FOUND) {
         throw RuntimeException("solace client runtime exception");
     }
-    throw LibraryException(api.getLastErrorInfo(), "solace library exception");
+    throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
 }
 
 }  // namespace Impl

@@ -25,8 +25,6 @@ namespace Impl {
 
 namespace {
 
-char const* const LIBRARY_EXCEPTION = "solace library exception";
-
 char const* const CIPHER_SUITES =
     "TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384,TLS_ECDHE_RSA_WITH_AES_256_CBC_SHA384,"
     "TLS_ECDHE_RSA_WITH_AES_256_CBC_SHA,TLS_ECDHE_RSA_WITH_AES_128_GCM_SHA256,"
@@ -116,7 +114,7 @@ Session::Session(std::string const& destination,
     if (api.sessionCreate(properties.data(), context.getHandle(), &handle, &funcInfo,
                           sizeof(funcInfo)) != SOLCLIENT_OK) {
         handle = nullptr;
-        throw LibraryException(api.getLastErrorInfo(), LIBRARY_EXCEPTION);
+        throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
     }
 }
 
@@ -186,7 +184,7 @@ bool Session::connect(unsigned long timeoutMs) {
         return true;
     }
     if (api.sessionConnect(handle) == SOLCLIENT_FAIL) {
-        throw LibraryException(api.getLastErrorInfo(), LIBRARY_EXCEPTION);
+        throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
     }
     if (timeoutMs == 0) {
         return true;
@@ -198,7 +196,7 @@ void Session::disconnect(unsigned long timeoutMs) {
     stopSendingWorkers(timeoutMs);
     if (connection.getState() != Connection::DISCONNECTED) {
         if (api.sessionDisconnect(handle) != SOLCLIENT_OK) {
-            throw LibraryException(api.getLastErrorInfo(), LIBRARY_EXCEPTION);
+            throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
         }
         connection.setDisconnected();
         notifyHandlerOfConnectState();
@@ -368,6 +366,12 @@ bool Session::process(std::shared_ptr<ForwardTask> task) {
 
 namespace {
 
+void check(SolaceAPI const& api, solClient_returnCode_t rc) {
+    if (rc != SOLCLIENT_OK) {
+        throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
+    }
+}
+
 // Attaches the payload, if any; it stays owned by the task until the
 // message has been sent or settled.
 void attachPayload(SolaceAPI const& api, solClient_opaqueMsg_pt msg,
@@ -379,16 +383,8 @@ void attachPayload(SolaceAPI const& api, solClient_opaqueMsg_pt msg,
     if (size > MAX_ATTACHMENT) {
         throw RuntimeException("Message rejected, too big");
     }
-    if (api.msgSetBinaryAttachmentPtr(msg, payload->data(),
-                                      static_cast<solClient_uint32_t>(size)) != SOLCLIENT_OK) {
-        throw LibraryException(api.getLastErrorInfo(), LIBRARY_EXCEPTION);
-    }
-}
-
-void check(SolaceAPI const& api, solClient_returnCode_t rc) {
-    if (rc != SOLCLIENT_OK) {
-        throw LibraryException(api.getLastErrorInfo(), LIBRARY_EXCEPTION);
-    }
+    check(api, api.msgSetBinaryAttachmentPtr(msg, payload->data(),
+                                             static_cast<solClient_uint32_t>(size)));
 }
 
 // The task's library message with delivery mode, payload and destination
@@ -447,7 +443,7 @@ bool Session::sendMessageGuaranteed(std::shared_ptr<MessageTask> task) {
                 std::lock_guard<std::mutex> lock(pendingMutex);
                 pending.erase(id);
             }
-            throw LibraryException(api.getLastErrorInfo(), LIBRARY_EXCEPTION);
+            throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
         }
         return true;
     } catch (std::exception const& e) {
