@@ -329,7 +329,7 @@ NAN_METHOD(KWNodeClient::Subscribe) {
     } else {
         Shape const shape = shapeOf(info);
         qos = shape.qos;
-        v8::Local<v8::Value> const fn = info[shape.subject];
+        v8::Local<v8::Value> fn = info[shape.subject];
         if (fn->IsFunction()) {
             handler = std::make_shared<KWMessageHandler>(fn.As<v8::Function>());
         } else {
