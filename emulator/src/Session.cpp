@@ -129,15 +129,19 @@ void Session::attempt(uint64_t epoch) {
     // Down: wait for it (told by the broker); a finite retry count also runs a
     // timer per attempt.
     if (properties_.connectRetries >= 0) {
-        std::weak_ptr<Session> weak = weak_from_this();
-        Scheduler::instance().after(std::chrono::milliseconds(properties_.connectTimeoutMs),
-                                    [weak, epoch] {
-                                        if (auto self = weak.lock()) {
-                                            self->connectTimedOut(epoch);
-                                        }
-                                    });
+        scheduleConnectTimeout(epoch);
     }
     broker_->waitForUp(shared_from_this());
+}
+
+void Session::scheduleConnectTimeout(uint64_t epoch) {
+    std::weak_ptr<Session> weak = weak_from_this();
+    Scheduler::instance().after(std::chrono::milliseconds(properties_.connectTimeoutMs),
+                                [weak, epoch] {
+                                    if (auto self = weak.lock()) {
+                                        self->connectTimedOut(epoch);
+                                    }
+                                });
 }
 
 void Session::connectTimedOut(uint64_t epoch) {
@@ -150,13 +154,7 @@ void Session::connectTimedOut(uint64_t epoch) {
                           "TCP connection failure: broker " + broker_->hostPort() + " unreachable");
         return;
     }
-    std::weak_ptr<Session> weak = weak_from_this();
-    Scheduler::instance().after(std::chrono::milliseconds(properties_.connectTimeoutMs),
-                                [weak, epoch] {
-                                    if (auto self = weak.lock()) {
-                                        self->connectTimedOut(epoch);
-                                    }
-                                });
+    scheduleConnectTimeout(epoch);
 }
 
 void Session::brokerCameUp() {

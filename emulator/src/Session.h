@@ -76,6 +76,7 @@ class Session : public std::enable_shared_from_this<Session> {
     };
 
     void attempt(uint64_t epoch);
+    void scheduleConnectTimeout(uint64_t epoch);
     void connectTimedOut(uint64_t epoch);
     void reconnectTick(uint64_t epoch);
     void scheduleReconnectLocked();
