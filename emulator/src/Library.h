@@ -5,7 +5,7 @@
 #include <string>
 
 #include "HandleTable.h"
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 
 namespace solemu {
 

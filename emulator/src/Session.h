@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "SessionProperties.h"
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 #include "TopicMatcher.h"
 
 namespace solemu {

@@ -1,7 +1,7 @@
 // The emulator's control functions (solEmu_*): thin calls into its classes.
 
 #pragma GCC visibility push(default)
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 #include "SolClientEmulator.h"
 #pragma GCC visibility pop
 

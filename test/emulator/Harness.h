@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 #include "SolClientEmulator.h"
 
 // Property name/value pairs; a later value of the same name wins.
