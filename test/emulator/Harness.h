@@ -46,6 +46,9 @@ class Harness {
   public:
     static constexpr std::chrono::milliseconds WAIT{5000};
 
+    // Runs on the context thread at the start of every event callback.
+    std::function<void(bool flow, int event)> inEvent;
+
     Harness() {
         EXPECT_EQ(SOLCLIENT_OK, solClient_initialize(SOLCLIENT_LOG_NOTICE, nullptr));
         solClient_context_createFuncInfo_t info{};
@@ -128,9 +131,9 @@ class Harness {
     }
 
     solClient_returnCode_t unsubscribe(solClient_opaqueSession_pt session, const std::string& topic,
-                                       void* tag) {
+                                       void* tag, solClient_subscribeFlags_t flags = 0x12) {
         auto dispatch = dispatchFor(tag);
-        return solClient_session_topicUnsubscribeWithDispatch(session, 0x12, topic.c_str(),
+        return solClient_session_topicUnsubscribeWithDispatch(session, flags, topic.c_str(),
                                                               &dispatch, nullptr);
     }
 
@@ -329,6 +332,9 @@ class Harness {
 
     void recordEvent(bool flow, int event, unsigned responseCode, const char* info,
                      void* correlation) {
+        if (inEvent) {
+            inEvent(flow, event);
+        }
         {
             std::lock_guard<std::mutex> lock(mutex_);
             events_.push_back({flow, event, responseCode, info != nullptr ? info : "", correlation,

@@ -119,9 +119,11 @@ Session::Session(std::string const& destination,
 }
 
 void Session::stopSendingWorkers(unsigned long timeoutMs) {
-    subscribeWorker.setProcessor(nullptr, timeoutMs);
-    publishWorker.setProcessor(nullptr, timeoutMs);
-    forwardWorker.setProcessor(nullptr, timeoutMs);
+    // Not joined: a worker may be in a blocking library call that only the
+    // context thread (or the disconnect that follows) can end.
+    subscribeWorker.releaseProcessor(timeoutMs);
+    publishWorker.releaseProcessor(timeoutMs);
+    forwardWorker.releaseProcessor(timeoutMs);
 }
 
 Session::~Session() {
@@ -131,6 +133,21 @@ Session::~Session() {
         publishWorker.setProcessor(nullptr, 0);
         receiveWorker.setProcessor(nullptr, 0);
     };
+    // Stopped without joining, then disconnected (before the subscriptions go,
+    // not after): the disconnect wakes workers blocked in library calls, and
+    // only then are they joined.
+    subscribeWorker.releaseProcessor(0);
+    forwardWorker.releaseProcessor(0);
+    publishWorker.releaseProcessor(0);
+    receiveWorker.releaseProcessor(0);
+    int const state = connection.getState();
+    if (state == Connection::CONNECTED || state == Connection::CONNECTING) {
+        api.sessionDisconnect(handle);
+    }
+    subscribeWorker.awaitDetachedJobs();
+    forwardWorker.awaitDetachedJobs();
+    publishWorker.awaitDetachedJobs();
+    receiveWorker.awaitDetachedJobs();
     stopWorkers();
     {
         std::lock_guard<std::mutex> lock(subscriptionsMutex);
@@ -141,9 +158,6 @@ Session::~Session() {
             entry.second->destroyHandle();
         }
         flows.clear();
-    }
-    if (connection.getState() == Connection::CONNECTED) {
-        api.sessionDisconnect(handle);
     }
     if (handle != nullptr) {
         api.sessionDestroy(&handle);
