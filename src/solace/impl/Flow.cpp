@@ -84,9 +84,7 @@ bool Flow::stop(std::shared_ptr<KW::Reference>& reference) {
     SolaceAPI const& api = session.getAPI();
     solClient_opaqueFlow_pt current = handle;
     if (current == nullptr) {
-        // Never created (its bind failed): answered as a failed stop, so that
-        // the unsubscribe's completion still runs. No library call is made
-        // with a null handle.
+        // Never bound: answered as a failed stop so that the completion runs.
         solClient_errorInfo info{};
         info.subCode = SOLCLIENT_SUBCODE_PARAM_NULL_PTR;
         std::snprintf(info.errorStr, sizeof(info.errorStr), "flow for queue '%s' was never bound",

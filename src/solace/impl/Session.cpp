@@ -133,9 +133,7 @@ Session::~Session() {
         publishWorker.setProcessor(nullptr, 0);
         receiveWorker.setProcessor(nullptr, 0);
     };
-    // Stopped without joining, then disconnected (before the subscriptions go,
-    // not after): the disconnect wakes workers blocked in library calls, and
-    // only then are they joined.
+    // Not joined until disconnected: the disconnect wakes workers blocked in library calls.
     subscribeWorker.releaseProcessor(0);
     forwardWorker.releaseProcessor(0);
     publishWorker.releaseProcessor(0);
@@ -207,6 +205,7 @@ bool Session::connect(unsigned long timeoutMs) {
 }
 
 void Session::disconnect(unsigned long timeoutMs) {
+    // Not joined: the JavaScript thread never waits for a blocked worker.
     stopSendingWorkers(timeoutMs);
     if (connection.getState() != Connection::DISCONNECTED) {
         if (api.sessionDisconnect(handle) != SOLCLIENT_OK) {
@@ -276,7 +275,7 @@ void Session::handleEvent(solClient_session_eventCallbackInfo* info) {
             break;
         case SOLCLIENT_SESSION_EVENT_DOWN_ERROR:
             connection.setDisconnected();
-            stopSendingWorkers(0);
+            stopSendingWorkers(0);  // not joined: a worker may be blocked waiting for this thread
             notifyHandlerOfConnectState();
             break;
         case SOLCLIENT_SESSION_EVENT_CONNECT_FAILED_ERROR:
