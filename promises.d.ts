@@ -78,6 +78,7 @@ export declare class Subscription implements AsyncIterable<KWNodeMessage> {
   readonly buffered: number;
   /** Resolves when the subscription ends normally; rejects with the failure that ended it. */
   readonly closed: Promise<void>;
+  /** Resolves at once when the subscription has already ended. */
   unsubscribe(options?: WaitOptions): Promise<void>;
   /** The one iterator over the messages (a subscription made without a handler). */
   messages(options?: { signal?: AbortSignalLike }): MessageIterator;

@@ -123,7 +123,9 @@ class Subscription {
     return this._buffer.length;
   }
 
+  // Once ended (break, overflow, abort, failure) there is nothing to undo.
   unsubscribe(options) {
+    if (this._ended) return Promise.resolve();
     return this.client.unsubscribe(this.topic, Object.assign({}, options, { qos: this.qos }));
   }
 
