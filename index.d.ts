@@ -75,7 +75,8 @@ export interface LibraryError extends Error {
 export type DoneCallback = (err: CompletionError | null) => void;
 export type MessageHandler = (message: KWNodeMessage) => void;
 export type EventCallback = (event: KWNodeEvent) => void;
-export type Payload = string | Buffer;
+/** A string (sent as UTF-8) or bytes (a Buffer or another Uint8Array), copied at the call. */
+export type Payload = string | Uint8Array;
 
 export declare class KWNodeClient {
   /**
@@ -99,7 +100,7 @@ export declare class KWNodeClient {
   publish(topic: string, qos: QoS, payload: Payload): void;
   publish(topic: string, qos: QoS, payload: Payload, done: DoneCallback): void;
 
-  /** Re-sends a received message to another topic (or queue with qos 2). */
+  /** Re-sends a received message to another topic (or queue with qos 2); success acknowledges the original. */
   forward(topic: string, message: KWNodeMessage): void;
   forward(topic: string, message: KWNodeMessage, done: DoneCallback): void;
   forward(topic: string, qos: QoS, message: KWNodeMessage): void;

@@ -263,7 +263,7 @@ class Client extends EventEmitter {
   }
 
   publish(topic, payload, options) {
-    if (typeof payload !== 'string' && !Buffer.isBuffer(payload)) {
+    if (typeof payload !== 'string' && !(payload instanceof Uint8Array)) {
       return Promise.reject(new TypeError('kwnode: a payload is a string or a Buffer'));
     }
     const qos = qosOf(options);

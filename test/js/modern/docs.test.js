@@ -10,7 +10,8 @@ const path = require('path');
 const harness = require('../harness');
 
 const root = harness.root;
-const env = Object.assign({}, process.env, { SOLCLIENT_EMULATOR_QUEUES: 'orders,jobs,demo.orders' });
+const env = Object.assign({}, process.env,
+  { SOLCLIENT_EMULATOR_QUEUES: 'orders,jobs,demo.orders', SOLCLIENT_EMULATOR_BROKERS_DOWN: 'nowhere:1' });
 const scratch = fs.mkdtempSync(path.join(os.tmpdir(), 'kwnode-docs-'));
 fs.mkdirSync(path.join(scratch, 'node_modules'));
 fs.symlinkSync(root, path.join(scratch, 'node_modules', 'kwnode'), 'dir');
@@ -28,7 +29,7 @@ assert.ok(examples.length >= 4 && blocks.length >= 4, 'examples and runnable blo
 
 for (const [name, file] of examples.concat(blocks)) {
   harness.test(name, (done) => {
-    childProcess.execFile(process.execPath, [file], { cwd: scratch, env, timeout: 50000 }, (err, stdout, stderr) => {
+    childProcess.execFile(process.execPath, [file], { cwd: scratch, env, timeout: 30000 }, (err, stdout, stderr) => {
       done(err && new Error(`${err.message}\n${stdout}${stderr}`));
     });
   });
