@@ -280,7 +280,7 @@ class Client extends EventEmitter {
 
   subscribe(topic, handler, options) {
     if (typeof handler !== 'function') {
-      options = handler;
+      if (options === undefined) options = handler;
       handler = null;
     }
     options = options || {};
