@@ -10,8 +10,12 @@ const path = require('path');
 const harness = require('../harness');
 
 const root = harness.root;
-const env = Object.assign({}, process.env,
-  { SOLCLIENT_EMULATOR_QUEUES: 'orders,jobs,demo.orders', SOLCLIENT_EMULATOR_BROKERS_DOWN: 'nowhere:1' });
+// The scripts run in a scratch directory: library paths are made absolute.
+const env = Object.assign({}, process.env, {
+  LD_LIBRARY_PATH: (process.env.LD_LIBRARY_PATH || '').split(':').map((dir) => dir && path.resolve(dir)).join(':'),
+  SOLCLIENT_EMULATOR_QUEUES: 'orders,jobs,demo.orders',
+  SOLCLIENT_EMULATOR_BROKERS_DOWN: 'nowhere:1'
+});
 const scratch = fs.mkdtempSync(path.join(os.tmpdir(), 'kwnode-docs-'));
 fs.mkdirSync(path.join(scratch, 'node_modules'));
 fs.symlinkSync(root, path.join(scratch, 'node_modules', 'kwnode'), 'dir');
