@@ -29,7 +29,7 @@ const blocks = fs.readFileSync(path.join(root, 'docs', 'api.md'), 'utf8')
     fs.writeFileSync(file, block.split(/^```$/m)[0]);
     return [`docs/api.md runnable block ${i + 1}`, file];
   });
-assert.ok(examples.length >= 4 && blocks.length >= 4, 'examples and runnable blocks found');
+assert.ok(examples.length >= 4 && blocks.length >= 6, 'examples and runnable blocks found');
 
 for (const [name, file] of examples.concat(blocks)) {
   harness.test(name, (done) => {
