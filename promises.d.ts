@@ -72,7 +72,7 @@ export declare class Subscription implements AsyncIterable<KWNodeMessage> {
   readonly topic: string;
   readonly qos: QoS;
   /** True once the broker confirmed a topic subscription; stays false for queues (never confirmed). */
-  confirmed: boolean;
+  readonly confirmed: boolean;
   readonly highWaterMark: number;
   /** Messages waiting in the iterator's buffer. */
   readonly buffered: number;
