@@ -80,6 +80,9 @@ exports.connected = function (id, vpn) {
   var client = new (exports.kwnode().KWNodeClient)(id, 'SOLACE', { host: 'localhost', port: 55555, vpn: vpn },
     function (ev) { events.push([ev.eventCode(), ev.eventSubCode(), ev.what()]); });
   client.connect();
-  return exports.waitFor(function () { return client.getConnectionState() === 3; }, 'connection')
+  // The state changes on the library's thread before its event reaches this one: wait for both.
+  return exports.waitFor(function () {
+    return client.getConnectionState() === 3 && events.some(function (e) { return e[0] === 1 && e[1] === 3; });
+  }, 'connection')
     .then(function () { return { client: client, events: events }; });
 };
