@@ -250,6 +250,7 @@ class Harness {
     // A fresh record each time, with the same content for the same tag:
     // unsubscribe matches by content.
     solClient_session_rxMsgDispatchFuncInfo_t dispatchFor(void* tag) {
+        std::lock_guard<std::mutex> lock(mutex_);  // tests subscribe from several threads
         auto known = std::find_if(users_.begin(), users_.end(),
                                   [&](const auto& user) { return user->tag == tag; });
         if (known == users_.end()) {
