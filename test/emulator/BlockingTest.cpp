@@ -1,3 +1,4 @@
+#include <atomic>
 #include <future>
 
 #include "EmulatorTest.h"
@@ -72,8 +73,9 @@ TEST_F(Blocking, CallsThatWouldBlockFailOnTheContextThread) {
     int tag = 0;
     solClient_opaqueFlow_pt flow = nullptr;
     std::vector<Outcome> inCallback;
-    harness.inEvent = [&](bool isFlow, int event) {
-        if (isFlow || event != SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT || !inCallback.empty()) {
+    auto fired = std::make_shared<std::atomic<bool>>(false);  // outlives this test's locals
+    harness.inEvent = [&, fired](bool isFlow, int event) {
+        if (isFlow || event != SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT || fired->exchange(true)) {
             return;
         }
         inCallback.push_back(outcome([&] { return harness.subscribe(session, "a", &tag); }));
