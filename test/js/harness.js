@@ -41,7 +41,10 @@ exports.test = function (name, fn) {
 };
 
 var root = exports.root = path.resolve(__dirname, '..', '..');
-exports.probePath = path.join(root, 'build', 'addon', 'node-v' + process.versions.modules, 'kwbridge_probe.node');
+// The build tree under test: KWNODE_BUILD_DIR when set (index.js honours it
+// too), else the release build.
+exports.buildDir = path.resolve(process.env.KWNODE_BUILD_DIR || path.join(root, 'build'));
+exports.probePath = path.join(exports.buildDir, 'addon', 'node-v' + process.versions.modules, 'kwbridge_probe.node');
 exports.kwnode = function () { return require(root); };
 exports.probe = function () { return require(exports.probePath); };
 
