@@ -26,9 +26,13 @@ if (!found) {
     tried.join(', ') + '; run "npm run build" with this Node.js');
 }
 var native = require(found);
+var constants = require('./constants');
 
 module.exports = {
   KWNodeClient: native.KWNodeClient,
   KWNodeEvent: native.KWNodeEvent,
-  KWNodeMessage: native.KWNodeMessage
+  KWNodeMessage: native.KWNodeMessage,
+  EventCode: constants.EventCode,
+  ConnectionState: constants.ConnectionState,
+  QoS: constants.QoS
 };
