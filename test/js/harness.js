@@ -76,13 +76,16 @@ exports.collector = function () {
   return got;
 };
 
-// Resolves with { client, events } once a client on the stand-in broker
-// reports state 3; events holds [eventCode, eventSubCode, what] of each event.
+// Resolves with { client, events } once a client on the stand-in broker is
+// in state 3 and its event saying so has arrived (the state is read at once,
+// the event comes through the loop); events holds [eventCode, eventSubCode,
+// what] of each event.
 exports.connected = function (id, vpn) {
   var events = [];
   var client = new (exports.kwnode().KWNodeClient)(id, 'SOLACE', { host: 'localhost', port: 55555, vpn: vpn },
     function (ev) { events.push([ev.eventCode(), ev.eventSubCode(), ev.what()]); });
   client.connect();
-  return exports.waitFor(function () { return client.getConnectionState() === 3; }, 'connection')
+  function reported() { return events.some(function (e) { return e[0] === 1 && e[1] === 3; }); }
+  return exports.waitFor(function () { return client.getConnectionState() === 3 && reported(); }, 'connection')
     .then(function () { return { client: client, events: events }; });
 };
