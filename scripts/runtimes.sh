@@ -120,7 +120,8 @@ package() {
     for v in "${VERSIONS[@]}"; do
         node=$(node_of "$v")
         echo "-- installed package on Node $("$node" --version)"
-        (cd "$app" && LD_LIBRARY_PATH="$app/node_modules/kwnode/prebuilds/linux-x64" \
+        # Only the installed package: no build tree, the shipped stand-in.
+        (cd "$app" && env -u KWNODE_BUILD_DIR LD_LIBRARY_PATH="$app/node_modules/kwnode/prebuilds/linux-x64" \
             "$node" "$root/test/package/roundtrip.js" "$app")
     done
 }
