@@ -62,6 +62,12 @@ class WorkerContext {
     std::vector<std::shared_ptr<std::thread>> retiredJobs;
     std::size_t retiredRunning = 0;
 
+    // A snapshot: whether tasks wait in the queue (callers use it to keep their order).
+    bool hasQueuedTasks() {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        return !queue.empty();
+    }
+
     // Queues a copy of the task; false (task not queued) when a bounded queue
     // stayed full for the push time-out.
     bool pushTask(Task& task) {
