@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -58,6 +59,15 @@ class WorkerContext {
     std::vector<std::thread::id> detachedJobs;
     std::condition_variable detachedEnded;
 
+    // How long an idle thread watches the queue before it sleeps on notEmpty
+    // (0: it sleeps at once). A thread that keeps running through a burst of
+    // pushes costs the producer no wake-up system call and the burst no
+    // scheduler round trip per task.
+    std::uint64_t spinMicros = 50;
+    // The queue length as last seen under queueMutex: what a spinning thread
+    // watches without taking the lock.
+    std::atomic<std::size_t> queuedHint{0};
+
     // Queues a copy of the task; false (task not queued) when a bounded queue
     // stayed full for the push time-out.
     bool pushTask(Task& task) {
@@ -78,6 +88,7 @@ class WorkerContext {
             }
         }
         queue.push(task);
+        queuedHint.store(queue.size(), std::memory_order_release);
         initJobs(lock);
         lock.unlock();
         notEmpty.notify_one();
