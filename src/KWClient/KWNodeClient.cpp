@@ -63,11 +63,10 @@ Shape shapeOf(Nan::FunctionCallbackInfo<v8::Value> const& info) {
 std::shared_ptr<KW::DataPacket> packetOf(v8::Local<v8::Value> value) {
     if (value->IsString()) {
         Nan::Utf8String text(value);
-        return std::make_shared<KW::DataPacket>(*text, static_cast<unsigned long>(text.length()));
+        return KW::DataPacket::create(*text, static_cast<unsigned long>(text.length()));
     }
     if (node::Buffer::HasInstance(value)) {
-        return std::make_shared<KW::DataPacket>(node::Buffer::Data(value),
-                                                node::Buffer::Length(value));
+        return KW::DataPacket::create(node::Buffer::Data(value), node::Buffer::Length(value));
     }
     return nullptr;
 }
