@@ -15,6 +15,28 @@ char const PATH[] = "src/KWClient/KWNodeMessage";
 void releasePacket(char*, void* hint) {
     delete static_cast<std::shared_ptr<KW::DataPacket>*>(hint);
 }
+
+// The internal field where a message object keeps the Buffer its first
+// payload() call copied the bytes into.
+constexpr int COPIED_PAYLOAD_FIELD = 1;
+
+v8::Local<v8::Value> copiedPayload(v8::Local<v8::Object> object) {
+#if V8_MAJOR_VERSION >= 11
+    return object->GetInternalField(COPIED_PAYLOAD_FIELD).As<v8::Value>();
+#else
+    return object->GetInternalField(COPIED_PAYLOAD_FIELD);
+#endif
+}
+
+// A new Buffer over the same bytes as an earlier one.
+Nan::MaybeLocal<v8::Object> bufferLike(v8::Local<v8::Uint8Array> earlier) {
+    v8::Local<v8::Uint8Array> view =
+        v8::Uint8Array::New(earlier->Buffer(), earlier->ByteOffset(), earlier->ByteLength());
+    if (!view->SetPrototype(Nan::GetCurrentContext(), earlier->GetPrototype()).FromMaybe(false)) {
+        return Nan::MaybeLocal<v8::Object>();
+    }
+    return view;
+}
 }  // namespace
 
 Nan::Persistent<v8::Function> KWNodeMessage::constructor;
@@ -57,6 +79,22 @@ v8::Local<v8::Object> KWNodeMessage::NewInstance(v8::Local<v8::Value> arg) {
 
 Nan::MaybeLocal<v8::Object> KWNodeMessage::NewEmpty() {
     return Nan::NewInstance(Nan::New(constructor), 0, nullptr);
+}
+
+// Equivalent to NewEmpty plus setMessage: New reads no argument and only
+// wraps, and an instance of the class template has the constructor's
+// prototype; skipping the call into New saves a JavaScript function call per
+// delivered message.
+Nan::MaybeLocal<v8::Object> KWNodeMessage::NewWithMessage(std::shared_ptr<KW::Message> message) {
+    Nan::EscapableHandleScope scope;
+    v8::Local<v8::Object> object;
+    if (!Nan::NewInstance(Nan::New(classTemplate)->InstanceTemplate()).ToLocal(&object)) {
+        return Nan::MaybeLocal<v8::Object>();
+    }
+    auto* self = new KWNodeMessage();
+    self->Wrap(object);
+    self->message = std::move(message);
+    return scope.Escape(object);
 }
 
 std::shared_ptr<KW::Message> KWNodeMessage::messageOf(v8::Local<v8::Value> value) {
@@ -115,6 +153,26 @@ NAN_METHOD(KWNodeMessage::Payload) {
         std::shared_ptr<KW::DataPacket> packet = self->message->getPayload();
         if (!packet || packet->size() == 0) {
             info.GetReturnValue().Set(Nan::NewBuffer(0).ToLocalChecked());
+            return;
+        }
+        if (packet->size() <= COPIED_PAYLOAD_MAX) {
+            // A small payload is copied once into an ordinary Buffer (far
+            // cheaper for the engine than an external one); later calls give
+            // new Buffers over those same bytes, so Buffers of one message
+            // still share their memory.
+            v8::Local<v8::Object> buffer;
+            v8::Local<v8::Value> earlier = copiedPayload(info.This());
+            if (earlier->IsUint8Array()) {
+                if (bufferLike(earlier.As<v8::Uint8Array>()).ToLocal(&buffer)) {
+                    info.GetReturnValue().Set(buffer);
+                }
+                return;
+            }
+            auto const* data = static_cast<char const*>(packet->data());
+            if (Nan::CopyBuffer(data, static_cast<uint32_t>(packet->size())).ToLocal(&buffer)) {
+                info.This()->SetInternalField(COPIED_PAYLOAD_FIELD, buffer);
+                info.GetReturnValue().Set(buffer);
+            }
             return;
         }
         // Zero copy: the Buffer points into the packet and keeps it alive
