@@ -67,11 +67,16 @@ class WorkerContext {
     // The queue length as last seen under queueMutex: what a spinning thread
     // watches without taking the lock.
     std::atomic<std::size_t> queuedHint{0};
+    // Takes by the threads so far, and the count at which a producer last
+    // found them not taking anything while it gave way (see giveWay).
+    std::uint64_t takes = 0;
+    std::uint64_t stalledAtTakes = ~std::uint64_t(0);
 
     // Queues a copy of the task; false (task not queued) when a bounded queue
     // stayed full for the push time-out.
     bool pushTask(Task& task) {
         std::unique_lock<std::mutex> lock(queueMutex);
+        giveWay(lock);
         if (maxQueueSize != 0 && queue.size() >= maxQueueSize) {
             auto deadline = Clock::now() + std::chrono::milliseconds(pushTimeoutMs);
             while (true) {
@@ -191,6 +196,38 @@ class WorkerContext {
     }
 
   private:
+    // A producer that finds a bounded queue three quarters full lets the
+    // threads catch up (yielding its core, then napping) for up to 5 ms
+    // before it pushes, so that a thread that lost its core to the producer
+    // does not let the queue fill: a full queue costs the producer its whole
+    // push time-out, as a batch thread never signals notFull. This only
+    // delays the push; bound, time-out and signalling stay as they are. When
+    // the threads took nothing while it waited (a blocked handler), later
+    // pushes skip this until they take again. queueMutex is held.
+    void giveWay(std::unique_lock<std::mutex>& lock) {
+        std::uint64_t const highWater = maxQueueSize - maxQueueSize / 4;
+        if (maxQueueSize == 0 || queue.size() < highWater || takes == stalledAtTakes) {
+            return;
+        }
+        std::uint64_t const takesBefore = takes;
+        auto const until = std::chrono::steady_clock::now() + std::chrono::milliseconds(5);
+        for (unsigned round = 0; queue.size() >= highWater && processor != nullptr; ++round) {
+            if (std::chrono::steady_clock::now() >= until) {
+                if (takes == takesBefore) {
+                    stalledAtTakes = takes;
+                }
+                return;
+            }
+            lock.unlock();
+            if (round < 8) {
+                std::this_thread::yield();
+            } else {
+                std::this_thread::sleep_for(std::chrono::microseconds(50));
+            }
+            lock.lock();
+        }
+    }
+
     // Joins threads of the current generation that have already ended, so that
     // an elastic pool does not pile up finished thread objects.
     void pruneJobs() {

@@ -34,6 +34,7 @@ class WorkerFunctor {
                     context->queue.pop();
                 }
                 context->queuedHint.store(context->queue.size(), std::memory_order_relaxed);
+                ++context->takes;
                 if (context->queue.empty()) {
                     context->drained.notify_all();
                 }
@@ -49,6 +50,7 @@ class WorkerFunctor {
                 Task task = std::move(context->queue.front());
                 context->queue.pop();
                 context->queuedHint.store(context->queue.size(), std::memory_order_relaxed);
+                ++context->takes;
                 if (context->queue.empty()) {
                     context->drained.notify_all();
                 }
