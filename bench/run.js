@@ -137,3 +137,5 @@ function main() {
 }
 
 if (require.main === module) process.exitCode = main();
+
+module.exports = { workerEnv };
