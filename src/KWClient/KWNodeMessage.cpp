@@ -97,8 +97,8 @@ Nan::MaybeLocal<v8::Object> bufferLike(v8::Local<v8::Uint8Array> earlier) {
 }
 }  // namespace
 
-Nan::Persistent<v8::Function> KWNodeMessage::constructor;
-Nan::Persistent<v8::FunctionTemplate> KWNodeMessage::classTemplate;
+thread_local Nan::Persistent<v8::Function> KWNodeMessage::constructor;
+thread_local Nan::Persistent<v8::FunctionTemplate> KWNodeMessage::classTemplate;
 
 KWNodeMessage::KWNodeMessage() = default;
 
