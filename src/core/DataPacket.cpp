@@ -9,6 +9,14 @@ namespace KW {
 
 namespace {
 
+// Unlinks the first chunk of a list and frees it (unless it lives in its
+// packet's block). The rest is moved out first: assigning head->next to head
+// directly would read the deleter of `next` from the chunk it has just freed.
+void dropFirst(DataPacketChunkPtr& head) {
+    DataPacketChunkPtr rest = std::move(head->next);
+    head = std::move(rest);
+}
+
 // memcpy must not see a null pointer, even for zero bytes.
 void copyBytes(void* to, void const* from, unsigned long n) {
     if (n != 0) {
@@ -130,7 +138,7 @@ DataPacket::DataPacket(InPlace storage, void const* data, unsigned long n)
 DataPacket::~DataPacket() {
     // Unlink one chunk at a time so that a long list is not freed recursively.
     while (head) {
-        head = std::move(head->next);
+        dropFirst(head);
     }
 }
 
@@ -249,7 +257,7 @@ void DataPacket::skip(unsigned long n) {
         }
         size_ -= head->length;
         remaining -= head->length;
-        head = std::move(head->next);
+        dropFirst(head);
         if (remaining == 0) {
             return;
         }
@@ -270,7 +278,7 @@ void DataPacket::consolidate() {
         to += chunk->length;
     }
     while (head) {
-        head = std::move(head->next);
+        dropFirst(head);
     }
     head = std::move(merged);
     tail = head.get();

@@ -21,12 +21,13 @@ struct DataPacketBytesRelease {
 
 // One chunk of a DataPacket: `capacity` bytes with `length` data bytes from
 // `offset`.
+using DataPacketChunkPtr = std::unique_ptr<DataPacketChunk, DataPacketChunkRelease>;
 struct DataPacketChunk {
     std::unique_ptr<unsigned char[], DataPacketBytesRelease> buffer;
     unsigned long capacity;
     unsigned long offset;
     unsigned long length;
-    std::unique_ptr<DataPacketChunk, DataPacketChunkRelease> next;
+    DataPacketChunkPtr next;
 };
 
 // Payload buffer kept as a singly linked list of chunks. Every chunk the
@@ -70,7 +71,7 @@ class DataPacket {
     using Chunk = DataPacketChunk;
     using ChunkRelease = DataPacketChunkRelease;
     using BytesRelease = DataPacketBytesRelease;
-    using ChunkPtr = std::unique_ptr<DataPacketChunk, DataPacketChunkRelease>;
+    using ChunkPtr = DataPacketChunkPtr;
 
     // create() builds the packet, its first chunk record and that chunk's n +
     // 512 bytes in one allocation together with the shared pointer's count.
