@@ -294,6 +294,7 @@ async function memoryRun() {
     ['heap used after warm-up / peak / end', `${mib(base.heapUsed)} / ${mib(peak('heapUsed'))} / ${mib(last.heapUsed)}`],
     ['growth rss / heap (bound)', `${mib(growth('rss'))} / ${mib(growth('heapUsed'))}` +
       (harness.sanitized ? ' (not asserted under a sanitizer)' : ` (${mib(MEMORY_BOUND.rss)} / ${mib(MEMORY_BOUND.heapUsed)})`)],
+    ['rss samples every 5 % (MiB)', samples.map((x) => Math.round(x.rss / MiB)).join(' ')],
     ['rate', Math.round(SIZE.messages / ((Date.now() - started) / 1000)) + ' messages/s'],
   ];
 }
