@@ -38,7 +38,7 @@ const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 async function until(predicate, what, timeoutMs = 60000) {
   const deadline = Date.now() + timeoutMs;
   while (!predicate()) {
-    if (Date.now() > deadline) throw new Error('timed out waiting for ' + what);
+    if (Date.now() > deadline) throw new Error('timed out waiting for ' + (typeof what === 'function' ? what() : what));
     await sleep(2);
   }
 }
@@ -209,7 +209,10 @@ async function endToEnd() {
     // Quiesce first: once every message the queue handed out has reached the
     // consumer, the depth is exactly what a drop can put back, and no
     // acknowledgement can meet a copy that the drop already returned.
-    await until(() => answered === next && control.queueDepth(QUEUE) === deferred.length, 'a quiet queue', 30000);
+    await until(() => answered === next && control.queueDepth(QUEUE) === deferred.length,
+      () => `a quiet queue in cycle ${cycle}: ${next - answered} publishes unanswered, depth ` +
+        `${control.queueDepth(QUEUE)}, ${deferred.length} held by the consumer, states ` +
+        `${pub.client.getConnectionState()}/${sub.client.getConnectionState()}`, 30000);
     boundSum += control.queueDepth(QUEUE);
     brokerUp = false;
     control.setBrokerUp(HOST, 0);
