@@ -12,9 +12,13 @@ if (!fs.existsSync(addon)) {
     process.versions.modules + '): expected ' + addon + '; run "npm run build" with this Node.js');
 }
 var native = require(addon);
+var constants = require('./constants');
 
 module.exports = {
   KWNodeClient: native.KWNodeClient,
   KWNodeEvent: native.KWNodeEvent,
-  KWNodeMessage: native.KWNodeMessage
+  KWNodeMessage: native.KWNodeMessage,
+  EventCode: constants.EventCode,
+  ConnectionState: constants.ConnectionState,
+  QoS: constants.QoS
 };
