@@ -101,15 +101,22 @@ NAN_METHOD(QueueDepth) {
 }
 
 NAN_MODULE_INIT(InitControl) {
-    Nan::SetMethod(target, "count", Count);
-    Nan::SetMethod(target, "failNext", FailNext);
-    Nan::SetMethod(target, "setBrokerUp", SetBrokerUp);
-    Nan::SetMethod(target, "refuseSubscriptions", RefuseSubscriptions);
-    Nan::SetMethod(target, "setAckMode", SetAckMode);
-    Nan::SetMethod(target, "holdDeliveries", HoldDeliveries);
-    Nan::SetMethod(target, "addQueue", AddQueue);
-    Nan::SetMethod(target, "removeQueue", RemoveQueue);
-    Nan::SetMethod(target, "queueDepth", QueueDepth);
+    struct Method {
+        char const* name;
+        Nan::FunctionCallback fn;
+    };
+    Method const methods[] = {{"count", Count},
+                              {"failNext", FailNext},
+                              {"setBrokerUp", SetBrokerUp},
+                              {"refuseSubscriptions", RefuseSubscriptions},
+                              {"setAckMode", SetAckMode},
+                              {"holdDeliveries", HoldDeliveries},
+                              {"addQueue", AddQueue},
+                              {"removeQueue", RemoveQueue},
+                              {"queueDepth", QueueDepth}};
+    for (Method const& method : methods) {
+        Nan::SetMethod(target, method.name, method.fn);
+    }
 }
 
 }  // namespace
