@@ -75,8 +75,8 @@ export interface LibraryError extends Error {
 export type DoneCallback = (err: CompletionError | null) => void;
 export type MessageHandler = (message: KWNodeMessage) => void;
 export type EventCallback = (event: KWNodeEvent) => void;
-/** A string (sent as UTF-8) or bytes (a Buffer or another Uint8Array), copied at the call. */
-export type Payload = string | Uint8Array;
+/** A string (sent as UTF-8) or bytes (any ArrayBuffer view: Buffer, typed array, DataView; or a whole ArrayBuffer), copied at the call. */
+export type Payload = string | ArrayBufferView | ArrayBuffer;
 
 export declare class KWNodeClient {
   /**

@@ -263,8 +263,8 @@ class Client extends EventEmitter {
   }
 
   publish(topic, payload, options) {
-    if (typeof payload !== 'string' && !(payload instanceof Uint8Array)) {
-      return Promise.reject(new TypeError('kwnode: a payload is a string or a Buffer'));
+    if (typeof payload !== 'string' && !ArrayBuffer.isView(payload) && !(payload instanceof ArrayBuffer)) {
+      return Promise.reject(new TypeError('kwnode: a payload is a string, an ArrayBuffer or a view of one'));
     }
     const qos = qosOf(options);
     return this._send(options, qos, (done) => this.native.publish(topic, qos, payload, done));

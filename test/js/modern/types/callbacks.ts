@@ -50,7 +50,7 @@ void state;
 client.subscribe('q', 2, handler);
 // @ts-expect-error: qos is 1 or 2
 client.publish('q', 3, 'text');
-// @ts-expect-error: a payload is a string or a Buffer
+// @ts-expect-error: a payload is a string, an ArrayBuffer or a view of one
 client.publish('a/b', { price: 1 });
 // @ts-expect-error: only a received message can be forwarded
 client.forward('a/b', 'text');

@@ -38,7 +38,7 @@ async function main(): Promise<void> {
   await client.disconnect();
   void counts; void state;
 
-  // @ts-expect-error: a payload is a string or a Buffer
+  // @ts-expect-error: a payload is a string, an ArrayBuffer or a view of one
   await client.publish('a/b', 42);
   // @ts-expect-error: qos is 1 or 2
   await client.subscribe('q', { qos: 3 });
