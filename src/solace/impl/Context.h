@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "solace/SolClientABI.h"
+#include "solclient/SolClientABI.h"
 
 namespace KW {
 

@@ -7,7 +7,7 @@
 #include "core/MessageHandler.h"
 #include "core/QOS.h"
 #include "core/Reference.h"
-#include "solace/SolClientABI.h"
+#include "solclient/SolClientABI.h"
 
 namespace KW {
 namespace Solace {
