@@ -102,7 +102,7 @@ TEST_F(Sending, ForwardSendsThePayloadOnAndAcknowledgesAQueueMessage) {
     ASSERT_TRUE(handler->waitFor(2, "<null>"));
 }
 
-TEST_F(Sending, SendsWhileReconnectingWaitForTheSessionWithoutHoldingTheCaller) {
+TEST_F(Sending, SendsThatTheLibraryWouldHoldWaitOnTheWorkerNotOnTheCaller) {
     auto handler = makeHandler();
     subscribe(client, handler, "later");
     solEmu_setBrokerUp(HOST_PORT, 0);
@@ -119,6 +119,20 @@ TEST_F(Sending, SendsWhileReconnectingWaitForTheSessionWithoutHoldingTheCaller) 
     EXPECT_EQ(outcomeOf(guaranteed).kind, SENT);
     EXPECT_TRUE(handler->waitFor(1, "later"));
     EXPECT_EQ(solEmu_queueDepth("orders"), 1);
+
+    // The same for guaranteed sends beyond the library's publish window of 50 while the broker
+    // holds its answers, which only this thread releases.
+    solEmu_setAckMode(2);
+    std::vector<shared_ptr<Tag>> tags;
+    for (int i = 0; i < 60; ++i) {
+        tags.push_back(std::make_shared<Tag>(i));
+        EXPECT_TRUE(client->publish(packet("held"), "orders", GUARANTEED, tags.back(), false));
+    }
+    solEmu_setAckMode(0);
+    for (auto const& tag : tags) {
+        EXPECT_EQ(outcomeOf(tag).kind, SENT);
+    }
+    EXPECT_EQ(solEmu_queueDepth("orders"), 61);
 }
 
 TEST_F(Sending, AFullPublishQueueRefusesAndTeardownAnswersWhatWaited) {

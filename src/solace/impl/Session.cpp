@@ -377,26 +377,33 @@ bool Session::process(std::shared_ptr<ForwardTask> task) {
     return sendMessageGuaranteed(std::move(task));
 }
 
-// While the session (re)connects the library holds a send in sendMsg until it is up again; on the
-// caller's (JavaScript) thread that stalls the event loop for the whole outage, so such sends, and
-// those queued behind them, go to the worker, which sends them once the session is up. A worker
-// queue that stays full falls back to sending here.
+// The library holds a send in sendMsg while the session (re)connects, and a guaranteed one while
+// its publish window (the vendor's default of 50, which the property list leaves) is full. On the
+// caller's (JavaScript) thread that stalls the event loop until the broker is back or answers, so
+// such sends, and those queued behind them, go to the worker instead; a worker queue that stays
+// full falls back to sending here.
+constexpr std::size_t PUBLISH_WINDOW = 50;
+
 template <typename Worker>
-bool Session::sendLater(Worker& worker) {
+bool Session::sendLater(Worker& worker, MessageTask const& task) {
     int const state = connection.getState();
-    return state == Connection::CONNECTING ||
-           (state == Connection::CONNECTED && worker.hasQueuedTasks());
+    if (state == Connection::CONNECTING) {
+        return true;
+    }
+    return state == Connection::CONNECTED &&
+           (worker.hasQueuedTasks() ||
+            (task.getQOS() != KW::QOS::AT_MOST_ONCE && getPendingCount() >= PUBLISH_WINDOW));
 }
 
 bool Session::send(std::shared_ptr<PublishTask> task) {
-    if (sendLater(publishWorker) && enqueue(task)) {
+    if (sendLater(publishWorker, *task) && enqueue(task)) {
         return true;
     }
     return process(std::move(task));
 }
 
 bool Session::send(std::shared_ptr<ForwardTask> task) {
-    if (sendLater(forwardWorker) && enqueue(task)) {
+    if (sendLater(forwardWorker, *task) && enqueue(task)) {
         return true;
     }
     return process(std::move(task));

@@ -131,7 +131,7 @@ class Session {
 
   private:
     template <typename Worker>
-    bool sendLater(Worker& worker);
+    bool sendLater(Worker& worker, MessageTask const& task);
     void stopSendingWorkers(unsigned long timeoutMs);
     void settlePending(solClient_session_eventCallbackInfo* info, char const* rejectedText);
     void failUnsent(char const* text);
