@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include "core/DroppedFailures.h"
 #include "core/SharedLibraryHandleException.h"
 
 namespace KW {
@@ -15,7 +16,8 @@ SharedLibraryHandle::SharedLibraryHandle(char const* fileName)
 }
 
 SharedLibraryHandle::~SharedLibraryHandle() {
-    // Unload failures are deliberately silent: nothing useful can be done here.
+    // Unload failures are not reported to the caller (nothing useful can be
+    // done here), only counted and, on request, traced.
     if (dlclose(handle) != 0) {
         traceLastError("unload error");
     }
@@ -42,6 +44,7 @@ void SharedLibraryHandle::throwLastError(char const* context) {
 void SharedLibraryHandle::traceLastError(char const* context) {
     std::string text;
     queryLastError(context, text);
+    DroppedFailures::record("SharedLibraryHandle::traceLastError", text.c_str());
 }
 
 void SharedLibraryHandle::queryLastError(char const* context, std::string& out) {

@@ -7,14 +7,13 @@
 #include <string>
 
 #include "solace/SolClientABI.h"
+#include "solace/impl/VendorHandle.h"
 
 namespace KW {
 
 class EventHandler;
 
 namespace Solace {
-
-class SolaceAPI;
 
 namespace Impl {
 
@@ -30,7 +29,7 @@ class Context {
     Context(Context const&) = delete;
     Context& operator=(Context const&) = delete;
 
-    solClient_opaqueContext_pt getHandle() const { return handle; }
+    solClient_opaqueContext_pt getHandle() const { return handle.get(); }
     SolaceAPI const& getAPI() const { return api; }
 
     Session* createSession(std::string const& destination,
@@ -44,7 +43,7 @@ class Context {
 
   private:
     SolaceAPI const& api;
-    solClient_opaqueContext_pt handle;
+    ContextHandle handle;
     std::mutex mutex;
     std::set<Session*> sessions;
 };
