@@ -36,5 +36,5 @@ node::node_module kwModule = {
 // any script can look for it.
 struct ModuleRegistration {
     ModuleRegistration() { node_module_register(&kwModule); }
-} const registration;
+} const REGISTRATION;
 }  // namespace

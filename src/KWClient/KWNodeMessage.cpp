@@ -124,7 +124,7 @@ NAN_METHOD(KWNodeMessage::Payload) {
         auto hint = std::make_unique<std::shared_ptr<KW::DataPacket>>(std::move(packet));
         v8::Local<v8::Object> buffer;
         if (Nan::NewBuffer(data, length, releasePacket, hint.get()).ToLocal(&buffer)) {
-            hint.release();
+            static_cast<void>(hint.release());  // the Buffer's free callback owns it now
             info.GetReturnValue().Set(buffer);
         }
     } catch (KW::Exception& e) {

@@ -53,7 +53,7 @@ class DataPacket {
     // A chunk for n data bytes: capacity n + 512, data at offset 256.
     static std::unique_ptr<Chunk> makeChunk(unsigned long n);
 
-    unsigned long size_;
+    unsigned long totalSize;
     std::unique_ptr<Chunk> head;
     Chunk* tail;
 };

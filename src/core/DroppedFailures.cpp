@@ -27,7 +27,8 @@ void printReportAtExit() {
 State& state() {
     static State* const instance = [] {
         auto* made = new State();
-        char const* flag = std::getenv("KWNODE_TRACE_DROPPED");
+        // Read once; nothing in the process sets it meanwhile.
+        char const* flag = std::getenv("KWNODE_TRACE_DROPPED");  // NOLINT(concurrency-mt-unsafe)
         made->trace = flag != nullptr && *flag != '\0' && std::strcmp(flag, "0") != 0;
         if (made->trace) {
             std::atexit(&printReportAtExit);

@@ -24,7 +24,9 @@ SharedLibraryHandle::~SharedLibraryHandle() {
 }
 
 void* SharedLibraryHandle::getSymbolAddress(char const* symbolName) {
-    dlerror();  // drop any stale error so that the one reported is ours
+    // Drops any stale error so that the one reported is ours. The loader's
+    // error state is per thread, whatever the check says of dlerror.
+    dlerror();  // NOLINT(concurrency-mt-unsafe)
     if (symbolName == nullptr || *symbolName == '\0') {
         throw SharedLibraryHandleException("symbol name invalid");
     }
@@ -48,7 +50,7 @@ void SharedLibraryHandle::traceLastError(char const* context) {
 }
 
 void SharedLibraryHandle::queryLastError(char const* context, std::string& out) {
-    char const* loaderText = dlerror();
+    char const* loaderText = dlerror();  // NOLINT(concurrency-mt-unsafe): per thread
     out = name;
     out += ": ";
     out += loaderText != nullptr ? loaderText : (context != nullptr ? context : "");

@@ -161,7 +161,7 @@ TEST(DataPacketSteal, PrependLinksPastTheHeadroomAndCopiesWithinIt) {
 // Differential check against a plain byte vector; the quirky prepend-steal is
 // covered above instead.
 TEST(DataPacketModel, RandomOperationSequencesMatchAVector) {
-    const unsigned seed = std::random_device()();
+    unsigned const seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 rng(seed);
     auto randomLength = [&]() -> unsigned long {
@@ -188,7 +188,8 @@ TEST(DataPacketModel, RandomOperationSequencesMatchAVector) {
                     unsigned long k = rng() % (model.size() + 20);
                     packet.skip(k);
                     model.erase(model.begin(),
-                                model.begin() + std::min<std::size_t>(k, model.size()));
+                                model.begin() + static_cast<std::ptrdiff_t>(
+                                                    std::min<std::size_t>(k, model.size())));
                     break;
                 }
                 case 3: {

@@ -12,7 +12,7 @@ class EmulatorTest : public ::testing::Test {
   protected:
     void SetUp() override {
         solEmu_reset();
-        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+        auto const* info = ::testing::UnitTest::GetInstance()->current_test_info();
         hostPort = std::string(info->test_suite_name()) + "." + info->name() + ":55555";
     }
 

@@ -17,7 +17,8 @@ namespace Impl {
 // outlive the session or library it belonged to). The handle is stored
 // atomically: a flow's is read by acknowledging threads while its owner
 // closes it.
-template <typename Pointer, solClient_returnCode_t (*const SolaceAPI::*Destroy)(Pointer*)>
+// Destroy: the table entry that frees this kind, e.g. &SolaceAPI::msgFree.
+template <typename Pointer, auto Destroy>
 class VendorHandle {
   public:
     explicit VendorHandle(SolaceAPI const& api) : api(api), handle(nullptr) {}
