@@ -105,7 +105,7 @@ void Flow::deliver(const std::shared_ptr<Queue>& queue, uint64_t id,
         copy->setRedelivered(redelivered);
         if (callback != nullptr &&
             callback(handle, copy.get(), user) == SOLCLIENT_CALLBACK_TAKE_MSG) {
-            copy.release();  // the application frees it with msg_free
+            static_cast<void>(copy.release());  // the application frees it with msg_free
         }
         if (autoAck && queue) {
             queue->acknowledge(static_cast<Flow*>(handle), id);

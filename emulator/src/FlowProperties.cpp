@@ -6,9 +6,12 @@ namespace solemu {
 
 bool FlowProperties::parse(const PropertyList& list, std::string& error) {
     bool queueEntity = false;
-    for (const auto& [name, value] : list.entries()) {
+    for (const auto& entry : list.entries()) {
+        const std::string& name = entry.first;
+        const std::string& value = entry.second;
         auto bad = [&](const char* what) {
-            error = "flow property " + name + ": " + what + " ('" + value + "')";
+            error.assign("flow property ").append(name).append(": ").append(what);
+            error.append(" ('").append(value).append("')");
             return false;
         };
         long long number = 0;

@@ -530,7 +530,7 @@ void Session::deliverDirect(const std::string& topic,
         context_->post(this, nullptr, [message, callback, user, handle] {
             std::unique_ptr<Message> copy = Message::deliveryCopy(*message);
             if (callback(handle, copy.get(), user) == SOLCLIENT_CALLBACK_TAKE_MSG) {
-                copy.release();  // the application frees it with msg_free
+                static_cast<void>(copy.release());  // the application frees it with msg_free
             }
         });
     }

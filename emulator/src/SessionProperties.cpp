@@ -58,9 +58,12 @@ bool parseHost(const std::string& value, bool& tls, std::string& hostPort) {
 }  // namespace
 
 bool SessionProperties::parse(const PropertyList& list, std::string& error) {
-    for (const auto& [name, value] : list.entries()) {
+    for (const auto& entry : list.entries()) {
+        const std::string& name = entry.first;
+        const std::string& value = entry.second;
         auto bad = [&](const char* what) {
-            error = "session property " + name + ": " + what + " ('" + value + "')";
+            error.assign("session property ").append(name).append(": ").append(what);
+            error.append(" ('").append(value).append("')");
             return false;
         };
         long long number = 0;
