@@ -5,10 +5,10 @@
 const js = require('@eslint/js');
 const globals = require('globals');
 
-const node6 = ['index.js', 'test/js/*.js'];
+const node6 = ['index.js', 'constants.js', 'test/js/*.js'];
 
 module.exports = [
-  { ignores: ['node_modules/**', 'build*/**', '.runtimes/**', '.node6/**'] },
+  { ignores: ['node_modules/**', 'build*/**', '.runtimes/**', '.node6/**', 'prebuilds/**'] },
   js.configs.recommended,
   {
     files: ['**/*.js'],

@@ -1,17 +1,38 @@
 'use strict';
 // Package entry: loads the add-on built for this Node.js line's module ABI.
+// Search order: the build tree named by KWNODE_BUILD_DIR (when set, nothing
+// else is tried), then the prebuilt binaries shipped in the package, then the
+// local release build in build/.
 var path = require('path');
 var fs = require('fs');
 
-var addon = path.join(__dirname, 'build', 'addon', 'node-v' + process.versions.modules, 'kwnode.node');
-if (!fs.existsSync(addon)) {
-  throw new Error('kwnode: no add-on built for Node.js ' + process.version + ' (module ABI ' +
-    process.versions.modules + '): expected ' + addon + '; run "npm run build" with this Node.js');
+var abiDir = 'node-v' + process.versions.modules;
+
+function candidates() {
+  if (process.env.KWNODE_BUILD_DIR) {
+    return [path.resolve(process.env.KWNODE_BUILD_DIR, 'addon', abiDir, 'kwnode.node')];
+  }
+  return [
+    path.join(__dirname, 'prebuilds', process.platform + '-' + process.arch, abiDir, 'kwnode.node'),
+    path.join(__dirname, 'build', 'addon', abiDir, 'kwnode.node')
+  ];
 }
-var native = require(addon);
+
+var tried = candidates();
+var found = tried.filter(function (file) { return fs.existsSync(file); })[0];
+if (!found) {
+  throw new Error('kwnode: no add-on for Node.js ' + process.version + ' (module ABI ' +
+    process.versions.modules + ', ' + process.platform + '-' + process.arch + '); looked for ' +
+    tried.join(', ') + '; run "npm run build" with this Node.js');
+}
+var native = require(found);
+var constants = require('./constants');
 
 module.exports = {
   KWNodeClient: native.KWNodeClient,
   KWNodeEvent: native.KWNodeEvent,
-  KWNodeMessage: native.KWNodeMessage
+  KWNodeMessage: native.KWNodeMessage,
+  EventCode: constants.EventCode,
+  ConnectionState: constants.ConnectionState,
+  QoS: constants.QoS
 };

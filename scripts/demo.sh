@@ -1,8 +1,14 @@
 #!/usr/bin/env bash
-# Builds (scripts/build.js) and runs the demo on the stand-in broker.
+# Runs the demo on the stand-in broker: with the package's prebuilt add-on
+# and stand-in when they match this Node.js, else after building both
+# (scripts/build.js --install).
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
-node "$root/scripts/build.js"
-export LD_LIBRARY_PATH="$root/build/emulator${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
+lib="$root/prebuilds/linux-x64"
+if [[ ! -f $lib/libsolclient.so || ! -f $lib/node-v$(node -p process.versions.modules)/kwnode.node ]]; then
+    node "$root/scripts/build.js" --install
+    lib="$root/build/emulator"
+fi
+export LD_LIBRARY_PATH="$lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
 export SOLCLIENT_EMULATOR_QUEUES="${SOLCLIENT_EMULATOR_QUEUES:-demo.orders}"
 exec node "$root/examples/demo.js"

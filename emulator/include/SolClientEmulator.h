@@ -31,6 +31,17 @@ void solEmu_setBrokerUp(const char* hostPort, int up);
 // sub-code LOGIN_FAILURE). NULL clears the list.
 void solEmu_refuseUser(const char* user);
 
+// The broker ends every session connected (or reconnecting) to it outright:
+// each gets DOWN_ERROR (no reconnecting), its flows SESSION_DOWN, and calls
+// blocked on it return FAIL. The broker stays up; a new connect succeeds.
+void solEmu_endSessions(const char* hostPort);
+
+// The emulated network round trip in microseconds (0, the default: instant).
+// Every answer (connect result, confirmation, acknowledgement, bind result)
+// and every delivery reaches the context thread that much later, in order.
+// Also set by SOLCLIENT_EMULATOR_ROUND_TRIP_US at the first initialize.
+void solEmu_setRoundTrip(unsigned us);
+
 // ---- Queues --------------------------------------------------------------------
 // Queues exist on every broker of the process, present and future.
 int solEmu_addQueue(const char* name);     // 0 on success, -1 if it exists
@@ -76,6 +87,12 @@ size_t solEmu_lastFlowProperties(char* buffer, size_t size);
 
 // Number of sessions alive (created and not destroyed).
 long solEmu_liveSessions(void);
+
+// Vendor calls blocked in the library right now (connects, confirmations,
+// binds, sends waiting for a reconnect or for room in the publish window).
+long solEmu_blockedCalls(void);
+// Sends that have had to wait for room in a full publish window, in total.
+long solEmu_windowWaits(void);
 
 // ---- Additions ---------------------------------------------------------------------
 // The redelivered flag of a received guaranteed message (the vendor reads it

@@ -5,6 +5,7 @@
 namespace solemu {
 
 std::atomic<bool> Context::held_{false};
+std::atomic<unsigned> Context::roundTripUs_{0};
 
 Context::Context() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -22,7 +23,9 @@ void Context::post(const void* owner, const void* subOwner, Work work) {
         if (stopping_) {
             return;
         }
-        items_.push_back(Item{owner, subOwner, std::move(work)});
+        const auto due =
+            std::chrono::steady_clock::now() + std::chrono::microseconds(roundTripUs_.load());
+        items_.push_back(Item{owner, subOwner, std::move(work), due});
     }
     ready_.notify_one();
 }
@@ -77,6 +80,12 @@ void Context::run() {
         ready_.wait(lock, [this] { return stopping_ || (!items_.empty() && !held_.load()); });
         if (stopping_) {
             return;
+        }
+        // In flight until due; a later post never overtakes an earlier one.
+        const auto due = items_.front().due;
+        if (std::chrono::steady_clock::now() < due) {
+            ready_.wait_until(lock, due);
+            continue;
         }
         Item item = std::move(items_.front());
         items_.pop_front();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -30,6 +31,11 @@ class Context {
     // Stop the thread, dropping queued work. Not from the thread itself.
     void stop();
 
+    // The emulated network round trip: work posted now runs no earlier than
+    // this many microseconds later (0: at once). Order is kept.
+    static void setRoundTrip(unsigned microseconds) { roundTripUs_.store(microseconds); }
+    static unsigned roundTrip() { return roundTripUs_.load(); }
+
     // Process-wide switch: while held, no context runs queued work.
     static void setHeld(bool held);
     static bool held() { return held_.load(); }
@@ -41,10 +47,12 @@ class Context {
         const void* owner;
         const void* subOwner;
         Work work;
+        std::chrono::steady_clock::time_point due;
     };
     void run();
 
     static std::atomic<bool> held_;
+    static std::atomic<unsigned> roundTripUs_;
 
     std::mutex mutex_;
     std::condition_variable ready_;

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 
 namespace solemu {
 

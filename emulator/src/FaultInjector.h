@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 
 namespace solemu {
 

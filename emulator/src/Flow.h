@@ -6,7 +6,7 @@
 #include <mutex>
 
 #include "FlowProperties.h"
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 
 namespace solemu {
 

@@ -36,6 +36,11 @@ bool FlowProperties::parse(const PropertyList& list, std::string& error) {
             if (!PropertyList::isInteger(value, number) || number < 1) {
                 return bad("expected a positive integer");
             }
+        } else if (name == "FLOW_BIND_TIMEOUT_MS") {
+            if (!PropertyList::isInteger(value, number) || number < 1) {
+                return bad("expected a positive integer");
+            }
+            bindTimeoutMs = number;
         } else if (name == "FLOW_WINDOWSIZE") {
             if (!PropertyList::isInteger(value, number) || number < 1 || number > 255) {
                 return bad("expected an integer from 1 to 255");

@@ -22,6 +22,7 @@ class FlowProperties {
     long long maxUnacked = -1;
     std::string queueName;
     bool startState = true;
+    long long bindTimeoutMs = 10000;
 };
 
 }  // namespace solemu

@@ -109,6 +109,13 @@ bool Library::loadEnvironment() {
             FaultInjector::instance().refuseUser(user.c_str());
         }
     }
+    if (const char* roundTrip = std::getenv("SOLCLIENT_EMULATOR_ROUND_TRIP_US")) {
+        long long us = 0;
+        if (!PropertyList::isInteger(roundTrip, us) || us < 0 || us > 60000000) {
+            return envFailure("SOLCLIENT_EMULATOR_ROUND_TRIP_US", roundTrip);
+        }
+        Context::setRoundTrip(static_cast<unsigned>(us));
+    }
     if (const char* down = std::getenv("SOLCLIENT_EMULATOR_BROKERS_DOWN")) {
         for (const std::string& hostPort : split(down, ',')) {
             BrokerRegistry::instance().broker(hostPort)->setUp(false);
@@ -304,6 +311,14 @@ std::string Library::lastFlowProperties() const {
 void Library::releaseWithheld() {
     for (const auto& entry : sessions_.values()) {
         entry.session->releaseWithheld();
+    }
+}
+
+void Library::endSessions(const std::string& hostPort) {
+    for (const auto& entry : sessions_.values()) {
+        if (entry.session->hostPort() == hostPort) {
+            entry.session->endedByBroker();
+        }
     }
 }
 

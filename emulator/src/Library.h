@@ -5,7 +5,7 @@
 #include <string>
 
 #include "HandleTable.h"
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 
 namespace solemu {
 
@@ -45,6 +45,8 @@ class Library {
 
     // Answer withheld acknowledgements (the ack mode went back to "acknowledge").
     void releaseWithheld();
+    // The broker at hostPort ends every session on it (DOWN_ERROR).
+    void endSessions(const std::string& hostPort);
     // Let every context re-check the hold switch.
     void wakeContexts();
     void reset();

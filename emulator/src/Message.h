@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 
 namespace solemu {
 

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 
 namespace solemu {
 

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <set>
 #include <utility>
@@ -13,6 +14,7 @@
 #include "FaultInjector.h"
 #include "Flow.h"
 #include "FlowProperties.h"
+#include "Library.h"
 #include "Message.h"
 #include "MessageVpn.h"
 #include "Queue.h"
@@ -41,6 +43,9 @@ std::string subscriptionErrorText(int subCode) {
 }
 
 }  // namespace
+
+std::atomic<long> Session::blocked_{0};
+std::atomic<long> Session::windowWaits_{0};
 
 Session::Session(std::shared_ptr<Context> context, SessionProperties properties,
                  const solClient_session_createFuncInfo_t& funcs)
@@ -84,6 +89,7 @@ solClient_returnCode_t Session::connect() {
     if (!properties_.connectBlocking) {
         return SOLCLIENT_IN_PROGRESS;
     }
+    Blocked blocked;
     stateChanged_.wait(lock, [&] { return state_.load() != State::Connecting; });
     if (state_.load() == State::Up) {
         return SOLCLIENT_OK;
@@ -207,6 +213,10 @@ void Session::goUpLocked(bool reconnected) {
         transmitLocked(it);
         it = next;
     }
+    if (canSendOwed_ && unackedLocked() < static_cast<size_t>(properties_.pubWindowSize)) {
+        canSendOwed_ = false;
+        postEvent(SOLCLIENT_SESSION_EVENT_CAN_SEND, 0, "OK");
+    }
     stateChanged_.notify_all();
 }
 
@@ -228,13 +238,16 @@ void Session::brokerWentDown() {
     for (auto& entry : flows_) {
         entry.second->connectionLost();
     }
+    // Confirmations and binds in flight are lost with the connection.
+    failWaitersLocked(SOLCLIENT_SUBCODE_COMMUNICATION_ERROR,
+                      "connection to broker " + broker_->hostPort() + " lost");
     state_ = State::Reconnecting;
     ++epoch_;
     attempts_ = 0;
     postEvent(SOLCLIENT_SESSION_EVENT_RECONNECTING_NOTICE, 0,
               "broker " + broker_->hostPort() + " went down");
     if (properties_.reconnectRetries == 0) {
-        goDownLocked();
+        goDownLocked("reconnect retries exhausted");
         return;
     }
     scheduleReconnectLocked();
@@ -262,13 +275,13 @@ void Session::reconnectTick(uint64_t epoch) {
     }
     ++attempts_;
     if (properties_.reconnectRetries >= 0 && attempts_ >= properties_.reconnectRetries) {
-        goDownLocked();
+        goDownLocked("reconnect retries exhausted");
         return;
     }
     scheduleReconnectLocked();
 }
 
-void Session::goDownLocked() {
+void Session::goDownLocked(const std::string& reason) {
     state_ = State::Down;
     ++epoch_;
     detachLocked(true);
@@ -276,9 +289,130 @@ void Session::goDownLocked() {
         entry.second->retire(SOLCLIENT_FLOW_EVENT_SESSION_DOWN);
     }
     lastSubCode_ = SOLCLIENT_SUBCODE_COMMUNICATION_ERROR;
-    lastError_ = "reconnect retries exhausted";
+    lastError_ = reason;
+    failWaitersLocked(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, "session down: " + reason);
     postEvent(SOLCLIENT_SESSION_EVENT_DOWN_ERROR, 0, lastError_);
     stateChanged_.notify_all();
+}
+
+void Session::endedByBroker() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const State state = state_.load();
+    if (state != State::Up && state != State::Reconnecting) {
+        return;
+    }
+    for (auto& entry : flows_) {
+        entry.second->connectionLost();
+    }
+    goDownLocked("session refused by broker " + broker_->hostPort());
+}
+
+// ---- Blocking calls ----------------------------------------------------------------
+
+solClient_returnCode_t Session::awaitAnswer(std::unique_lock<std::mutex>& lock,
+                                            const void* subOwner,
+                                            const std::shared_ptr<Answer>& answer,
+                                            long long timeoutMs, const std::string& what) {
+    std::weak_ptr<Session> weak = weak_from_this();
+    context_->post(this, subOwner, [weak, answer] {
+        if (auto self = weak.lock()) {
+            std::lock_guard<std::mutex> answered(self->mutex_);
+            answer->done = true;
+            self->stateChanged_.notify_all();
+        }
+    });
+    waiting_.push_back(answer);
+    Blocked blocked;
+    const bool answered = stateChanged_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                                 [&] { return answer->done; });
+    waiting_.erase(std::remove(waiting_.begin(), waiting_.end(), answer), waiting_.end());
+    if (!answered) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_TIMEOUT, what + " timed out");
+    }
+    if (answer->rc != SOLCLIENT_OK) {
+        return ErrorInfo::fail(answer->subCode, answer->text, answer->rc);
+    }
+    return SOLCLIENT_OK;
+}
+
+void Session::failWaitersLocked(int subCode, const std::string& text) {
+    for (auto& answer : waiting_) {
+        if (!answer->done) {
+            answer->done = true;
+            answer->rc = SOLCLIENT_FAIL;
+            answer->subCode = subCode;
+            answer->text = text;
+        }
+    }
+    stateChanged_.notify_all();
+}
+
+solClient_returnCode_t Session::awaitUpLocked(std::unique_lock<std::mutex>& lock,
+                                              TimePoint deadline, const char* what) {
+    Blocked blocked;
+    const bool settled = stateChanged_.wait_until(lock, deadline, [this] {
+        const State state = state_.load();
+        return state != State::Connecting && state != State::Reconnecting;
+    });
+    if (!settled) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_TIMEOUT,
+                               std::string(what) + " timed out while the session was connecting");
+    }
+    if (state_.load() != State::Up) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
+                               "session not established");
+    }
+    return SOLCLIENT_OK;
+}
+
+solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& lock,
+                                                  TimePoint deadline) {
+    const size_t window = static_cast<size_t>(properties_.pubWindowSize);
+    for (;;) {
+        const State state = state_.load();
+        if (state == State::Connecting || state == State::Reconnecting) {
+            if (!properties_.blockWhileConnecting) {
+                return SOLCLIENT_OK;  // buffered until the session is up
+            }
+            if (context_->onThread() || !properties_.sendBlocking) {
+                canSendOwed_ = canSendOwed_ || !properties_.sendBlocking;
+                return properties_.sendBlocking
+                           ? ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
+                                             "cannot block in a callback while connecting")
+                           : ErrorInfo::fail(SOLCLIENT_SUBCODE_OK, "session is connecting",
+                                             SOLCLIENT_WOULD_BLOCK);
+            }
+            const solClient_returnCode_t rc = awaitUpLocked(lock, deadline, "send");
+            if (rc != SOLCLIENT_OK) {
+                return rc;
+            }
+            continue;
+        }
+        if (state != State::Up) {
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
+                                   "session not established");
+        }
+        if (unackedLocked() < window) {
+            return SOLCLIENT_OK;
+        }
+        if (!properties_.sendBlocking) {
+            canSendOwed_ = true;
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_OK, "publish window full",
+                                   SOLCLIENT_WOULD_BLOCK);
+        }
+        if (context_->onThread()) {
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
+                                   "publish window full in a callback");
+        }
+        ++windowWaits_;
+        Blocked blocked;
+        const bool room = stateChanged_.wait_until(
+            lock, deadline, [&] { return state_.load() != State::Up || unackedLocked() < window; });
+        if (!room) {
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_TIMEOUT,
+                                   "send timed out: publish window full");
+        }
+    }
 }
 
 solClient_returnCode_t Session::disconnect() {
@@ -293,7 +427,7 @@ solClient_returnCode_t Session::disconnect() {
     }
     state_ = State::Idle;
     ++epoch_;
-    stateChanged_.notify_all();
+    failWaitersLocked(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, "session disconnected");
     return SOLCLIENT_OK;
 }
 
@@ -309,7 +443,7 @@ std::vector<std::shared_ptr<Flow>> Session::destroy() {
         }
         flows_.clear();
         pending_.clear();
-        stateChanged_.notify_all();
+        failWaitersLocked(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, "session destroyed");
     }
     for (auto& flow : flows) {
         flow->destroy();
@@ -343,13 +477,36 @@ solClient_returnCode_t Session::send(const Message& message) {
                                    "invalid topic '" + destination + "'");
         }
         const State state = state_.load();
-        if (state != State::Up) {
-            if (state == State::Connecting || state == State::Reconnecting) {
+        if (state == State::Connecting || state == State::Reconnecting) {
+            if (!properties_.blockWhileConnecting) {
                 return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                        "session is (re)connecting", SOLCLIENT_NOT_READY);
             }
+            if (context_->onThread() || !properties_.sendBlocking) {
+                std::lock_guard<std::mutex> lock(mutex_);
+                canSendOwed_ = canSendOwed_ || !properties_.sendBlocking;
+                return properties_.sendBlocking
+                           ? ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
+                                             "cannot block in a callback while connecting")
+                           : ErrorInfo::fail(SOLCLIENT_SUBCODE_OK, "session is connecting",
+                                             SOLCLIENT_WOULD_BLOCK);
+            }
+            std::unique_lock<std::mutex> lock(mutex_);
+            const solClient_returnCode_t rc =
+                awaitUpLocked(lock,
+                              std::chrono::steady_clock::now() +
+                                  std::chrono::milliseconds(properties_.blockingWriteTimeoutMs),
+                              "send");
+            if (rc != SOLCLIENT_OK) {
+                return rc;
+            }
+        } else if (state != State::Up) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                    "session not established");
+        }
+        if (destination == DOWN_TOPIC) {
+            Library::instance().endSessions(broker_->hostPort());
+            return SOLCLIENT_OK;
         }
         if (destination == DROP_TOPIC) {
             std::string text;
@@ -372,27 +529,24 @@ solClient_returnCode_t Session::send(const Message& message) {
         return SOLCLIENT_OK;
     }
 
-    std::lock_guard<std::mutex> lock(mutex_);
-    switch (state_.load()) {
-        case State::Up:
-            pending_.push_back(PendingSend{Message::snapshot(message), false});
-            transmitLocked(std::prev(pending_.end()));
-            return SOLCLIENT_OK;
-        case State::Connecting:
-        case State::Reconnecting:
-            // Buffered; transmitted when the session is up.
-            pending_.push_back(PendingSend{Message::snapshot(message), false});
-            return SOLCLIENT_OK;
-        default:
-            return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
-                                   "session not established");
+    std::unique_lock<std::mutex> lock(mutex_);
+    const solClient_returnCode_t rc =
+        awaitWindowLocked(lock, std::chrono::steady_clock::now() +
+                                    std::chrono::milliseconds(properties_.blockingWriteTimeoutMs));
+    if (rc != SOLCLIENT_OK) {
+        return rc;
     }
+    pending_.push_back(PendingSend{Message::snapshot(message), false});
+    if (state_.load() == State::Up) {
+        transmitLocked(std::prev(pending_.end()));
+    }  // else buffered (BLOCK_WHILE_CONNECTING "0"); transmitted when the session is up
+    return SOLCLIENT_OK;
 }
 
 void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
     void* tag = entry->message->correlationTag();
     if (entry->spooled) {
-        postEvent(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag);
+        postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag);
         pending_.erase(entry);
         return;
     }
@@ -401,14 +555,15 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
         entry->message->destinationType() == SOLCLIENT_QUEUE_TEMP_DESTINATION) {
         queue = vpn_->queue(entry->message->destinationName());
         if (!queue) {
-            postEvent(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 503, "Unknown Queue", tag);
+            postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 503, "Unknown Queue", tag);
             pending_.erase(entry);
             return;
         }
     }
     const FaultInjector::AckMode mode = FaultInjector::instance().ackMode();
     if (mode == FaultInjector::AckMode::Reject) {
-        postEvent(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 400, "Rejected by the emulator", tag);
+        postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 400, "Rejected by the emulator",
+                    tag);
         pending_.erase(entry);
         return;
     }
@@ -419,8 +574,30 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
         entry->spooled = true;
         return;
     }
-    postEvent(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag);
+    postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag);
     pending_.erase(entry);
+}
+
+void Session::postSettled(solClient_session_event_t event, unsigned responseCode, std::string info,
+                          void* correlation) {
+    // The window slot frees only when the context thread processes the answer.
+    ++answersInFlight_;
+    std::weak_ptr<Session> weak = weak_from_this();
+    context_->post(this, nullptr, [weak] {
+        if (auto self = weak.lock()) {
+            std::lock_guard<std::mutex> lock(self->mutex_);
+            if (self->answersInFlight_ > 0) {
+                --self->answersInFlight_;
+            }
+            if (self->canSendOwed_ && self->state_.load() == State::Up &&
+                self->unackedLocked() < static_cast<size_t>(self->properties_.pubWindowSize)) {
+                self->canSendOwed_ = false;
+                self->postEvent(SOLCLIENT_SESSION_EVENT_CAN_SEND, 0, "OK");
+            }
+            self->stateChanged_.notify_all();
+        }
+    });
+    postEvent(event, responseCode, std::move(info), correlation);
 }
 
 void Session::releaseWithheld() {
@@ -470,12 +647,39 @@ solClient_returnCode_t Session::changeSubscription(
                                "cannot wait for confirmation on the context thread");
     }
 
-    std::lock_guard<std::mutex> lock(mutex_);
-    const State state = state_.load();
+    std::unique_lock<std::mutex> lock(mutex_);
+    State state = state_.load();
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::milliseconds(properties_.subconfirmTimeoutMs);
+    if ((state == State::Connecting || state == State::Reconnecting) &&
+        properties_.blockWhileConnecting && !context_->onThread()) {
+        const solClient_returnCode_t rc = awaitUpLocked(lock, deadline, "subscription change");
+        if (rc != SOLCLIENT_OK) {
+            return rc;
+        }
+        state = state_.load();
+    }
     if (state != State::Up && state != State::Reconnecting) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                "session not established");
     }
+    // A confirm-waiting call returns once the context thread has processed
+    // the broker's answer, refusals included.
+    auto answered = [&](int subCode, const std::string& failure) {
+        if (!wait || state != State::Up) {
+            return subCode == 0 ? SOLCLIENT_OK : ErrorInfo::fail(subCode, failure);
+        }
+        auto answer = std::make_shared<Answer>();
+        if (subCode != 0) {
+            answer->rc = SOLCLIENT_FAIL;
+            answer->subCode = subCode;
+            answer->text = failure;
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        return awaitAnswer(lock, nullptr, answer, std::max<long long>(left.count(), 1),
+                           "subscription confirmation");
+    };
     const int refusal = FaultInjector::instance().subscriptionRefusal(text);
     if (refusal != 0) {
         if (confirm) {
@@ -483,7 +687,7 @@ solClient_returnCode_t Session::changeSubscription(
                       subscriptionErrorText(refusal), correlationTag);
             return SOLCLIENT_IN_PROGRESS;
         }
-        return ErrorInfo::fail(refusal, subscriptionErrorText(refusal));
+        return answered(refusal, subscriptionErrorText(refusal));
     }
     {
         std::unique_lock<std::shared_mutex> subscriptionsLock(subscriptionsMutex_);
@@ -501,14 +705,15 @@ solClient_returnCode_t Session::changeSubscription(
         } else if (!properties_.ignoreDupSubscriptionError) {
             const int subCode = add ? SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT
                                     : SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND;
-            return ErrorInfo::fail(subCode, subscriptionErrorText(subCode) + ": " + text);
+            subscriptionsLock.unlock();
+            return answered(subCode, subscriptionErrorText(subCode) + ": " + text);
         }
     }
     if (confirm) {
         postEvent(SOLCLIENT_SESSION_EVENT_SUBSCRIPTION_OK, 200, "OK", correlationTag);
         return SOLCLIENT_IN_PROGRESS;
     }
-    return SOLCLIENT_OK;
+    return answered(0, std::string());
 }
 
 void Session::deliverDirect(const std::string& topic,
@@ -541,20 +746,43 @@ void Session::deliverDirect(const std::string& topic,
 solClient_returnCode_t Session::createFlow(const FlowProperties& properties,
                                            const solClient_flow_createFuncInfo_t& funcs,
                                            std::shared_ptr<Flow>& flow) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    if (properties.bindBlocking && context_->onThread()) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
+                               "cannot bind a flow blocking in a callback");
+    }
+    std::unique_lock<std::mutex> lock(mutex_);
     if (state_.load() != State::Up) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                "session not established");
     }
     std::shared_ptr<Queue> queue = vpn_->queue(properties.queueName);
+    auto answer = std::make_shared<Answer>();
     if (properties.bindBlocking && !queue) {
-        return ErrorInfo::fail(SOLCLIENT_SUBCODE_QUEUE_NOT_FOUND,
-                               "Unknown Queue '" + properties.queueName + "'");
+        // Refused: no flow is created, once the broker's answer is in.
+        answer->rc = SOLCLIENT_FAIL;
+        answer->subCode = SOLCLIENT_SUBCODE_QUEUE_NOT_FOUND;
+        answer->text = "Unknown Queue '" + properties.queueName + "'";
+        return awaitAnswer(lock, nullptr, answer, properties.bindTimeoutMs, "flow bind");
     }
     flow = std::make_shared<Flow>(context_, this, properties, funcs);
     flows_.emplace(flow.get(), flow);
     flow->bind(queue);  // non-blocking and unknown: BIND_FAILED_ERROR follows
-    return properties.bindBlocking ? SOLCLIENT_OK : SOLCLIENT_IN_PROGRESS;
+    if (!properties.bindBlocking) {
+        return SOLCLIENT_IN_PROGRESS;
+    }
+    // Returns once the context thread has run the flow's UP_NOTICE.
+    const solClient_returnCode_t rc =
+        awaitAnswer(lock, flow.get(), answer, properties.bindTimeoutMs, "flow bind");
+    if (rc != SOLCLIENT_OK) {
+        flows_.erase(flow.get());
+        lock.unlock();
+        const std::string text = ErrorInfo::current()->errorStr;
+        const int subCode = ErrorInfo::current()->subCode;
+        flow->destroy();  // not handed out
+        flow.reset();
+        return ErrorInfo::fail(subCode, text);
+    }
+    return SOLCLIENT_OK;
 }
 
 void Session::forgetFlow(const Flow* flow) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <list>
@@ -12,7 +13,7 @@
 #include <vector>
 
 #include "SessionProperties.h"
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 #include "TopicMatcher.h"
 
 namespace solemu {
@@ -34,6 +35,9 @@ class Session : public std::enable_shared_from_this<Session> {
     static constexpr uint32_t MAX_MESSAGE_SIZE = 30u * 1024u * 1024u;
     // Direct messages to this topic take the broker down for N ms (payload).
     static constexpr const char* DROP_TOPIC = "#emulator/drop";
+    // Direct messages to this topic make the broker end every session on it
+    // outright (DOWN_ERROR).
+    static constexpr const char* DOWN_TOPIC = "#emulator/down";
 
     Session(std::shared_ptr<Context> context, SessionProperties properties,
             const solClient_session_createFuncInfo_t& funcs);
@@ -41,6 +45,11 @@ class Session : public std::enable_shared_from_this<Session> {
 
     void* handle() { return this; }
     const std::shared_ptr<Context>& context() const { return context_; }
+
+    // Calls blocked in any session now, and sends that have waited for room in
+    // a full publish window so far (for tests that want to know they hit it).
+    static long blockedNow() { return blocked_.load(); }
+    static long windowWaits() { return windowWaits_.load(); }
 
     solClient_returnCode_t connect();
     solClient_returnCode_t disconnect();
@@ -62,6 +71,9 @@ class Session : public std::enable_shared_from_this<Session> {
     void brokerWentDown();
     void brokerCameUp();
     void releaseWithheld();
+    // The broker ends the session outright: DOWN_ERROR, no reconnecting.
+    void endedByBroker();
+    const std::string& hostPort() const { return properties_.hostPort; }
 
   private:
     enum class State { Idle, Connecting, Up, Reconnecting, Down, Destroyed };
@@ -70,6 +82,15 @@ class Session : public std::enable_shared_from_this<Session> {
         solClient_session_rxMsgCallbackFunc_t callback;
         void* user;
     };
+    // The outcome a blocking call waits for; completed on the context thread
+    // (the broker's answer processed) or by the session going away.
+    struct Answer {
+        bool done = false;
+        solClient_returnCode_t rc = SOLCLIENT_OK;
+        int subCode = 0;
+        std::string text;
+    };
+    using TimePoint = std::chrono::steady_clock::time_point;
     struct PendingSend {
         std::shared_ptr<const Message> message;
         bool spooled;  // the broker has it; a retransmission is only acknowledged
@@ -82,12 +103,38 @@ class Session : public std::enable_shared_from_this<Session> {
     void scheduleReconnectLocked();
     void failConnectLocked(int subCode, unsigned responseCode, const std::string& text);
     void goUpLocked(bool reconnected);
-    void goDownLocked();
+    void goDownLocked(const std::string& reason);
+    // Posts the completion of `answer` to the context thread and waits for
+    // it (mutex_ held by `lock`); a time-out fails with TIMEOUT.
+    solClient_returnCode_t awaitAnswer(std::unique_lock<std::mutex>& lock, const void* subOwner,
+                                       const std::shared_ptr<Answer>& answer, long long timeoutMs,
+                                       const std::string& what);
+    // Wakes every caller waiting for an answer with FAIL.
+    void failWaitersLocked(int subCode, const std::string& text);
+    // Blocks while the session (re)connects: OK once it is up.
+    solClient_returnCode_t awaitUpLocked(std::unique_lock<std::mutex>& lock, TimePoint deadline,
+                                         const char* what);
+    // The guaranteed publish window: FAIL, WOULD_BLOCK or OK once it has room.
+    solClient_returnCode_t awaitWindowLocked(std::unique_lock<std::mutex>& lock,
+                                             TimePoint deadline);
+    size_t unackedLocked() const { return pending_.size() + answersInFlight_; }
+    void postSettled(solClient_session_event_t event, unsigned responseCode, std::string info,
+                     void* correlation);
     void detachLocked(bool clearSubscriptions);
     void transmitLocked(std::list<PendingSend>::iterator entry);
     void postEvent(solClient_session_event_t event, unsigned responseCode, std::string info,
                    void* correlation = nullptr);
     std::string loginRefusal() const;
+
+    // Counts a blocked call for as long as it lives.
+    struct Blocked {
+        Blocked() { ++blocked_; }
+        ~Blocked() { --blocked_; }
+        Blocked(const Blocked&) = delete;
+        Blocked& operator=(const Blocked&) = delete;
+    };
+    static std::atomic<long> blocked_;
+    static std::atomic<long> windowWaits_;
 
     const std::shared_ptr<Context> context_;
     const SessionProperties properties_;
@@ -104,6 +151,9 @@ class Session : public std::enable_shared_from_this<Session> {
     std::string lastError_;
     std::map<const Flow*, std::shared_ptr<Flow>> flows_;
     std::list<PendingSend> pending_;
+    size_t answersInFlight_ = 0;  // acknowledgements posted, not yet processed
+    bool canSendOwed_ = false;    // a WOULD_BLOCK was returned; CAN_SEND follows
+    std::vector<std::shared_ptr<Answer>> waiting_;
 
     mutable std::shared_mutex subscriptionsMutex_;
     std::vector<Subscription> subscriptions_;

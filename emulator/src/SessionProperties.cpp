@@ -28,6 +28,12 @@ const std::set<std::string>& knownNames() {
         "SESSION_REAPPLY_SUBSCRIPTIONS",
         "SESSION_SUBSCRIBE_BLOCKING",
         "SESSION_IGNORE_DUP_SUBSCRIPTION_ERROR",
+        "SESSION_SEND_BLOCKING",
+        "SESSION_BLOCKING_WRITE_TIMEOUT_MS",
+        "SESSION_PUB_WINDOW_SIZE",
+        "SESSION_BLOCK_WHILE_CONNECTING",
+        "SESSION_SUBCONFIRM_TIMEOUT_MS",
+        "SESSION_PUB_ACK_TIMER",
     };
     return names;
 }
@@ -91,11 +97,24 @@ bool SessionProperties::parse(const PropertyList& list, std::string& error) {
                 return bad("expected an integer of -1 or more");
             }
             (name == "SESSION_CONNECT_RETRIES" ? connectRetries : reconnectRetries) = number;
-        } else if (name == "SESSION_CONNECT_TIMEOUT_MS") {
+        } else if (name == "SESSION_CONNECT_TIMEOUT_MS" ||
+                   name == "SESSION_BLOCKING_WRITE_TIMEOUT_MS" ||
+                   name == "SESSION_SUBCONFIRM_TIMEOUT_MS" || name == "SESSION_PUB_ACK_TIMER") {
             if (!PropertyList::isInteger(value, number) || number <= 0) {
                 return bad("expected a positive integer");
             }
-            connectTimeoutMs = number;
+            if (name == "SESSION_CONNECT_TIMEOUT_MS") {
+                connectTimeoutMs = number;
+            } else if (name == "SESSION_BLOCKING_WRITE_TIMEOUT_MS") {
+                blockingWriteTimeoutMs = number;
+            } else if (name == "SESSION_SUBCONFIRM_TIMEOUT_MS") {
+                subconfirmTimeoutMs = number;
+            }
+        } else if (name == "SESSION_PUB_WINDOW_SIZE") {
+            if (!PropertyList::isInteger(value, number) || number < 1 || number > 255) {
+                return bad("expected an integer from 1 to 255");
+            }
+            pubWindowSize = number;
         } else if (name == "SESSION_RECONNECT_RETRY_WAIT_MS" ||
                    name == "SESSION_SOCKET_SEND_BUF_SIZE" ||
                    name == "SESSION_SOCKET_RCV_BUF_SIZE") {
@@ -123,6 +142,10 @@ bool SessionProperties::parse(const PropertyList& list, std::string& error) {
                 subscribeBlocking = on;
             } else if (name == "SESSION_IGNORE_DUP_SUBSCRIPTION_ERROR") {
                 ignoreDupSubscriptionError = on;
+            } else if (name == "SESSION_SEND_BLOCKING") {
+                sendBlocking = on;
+            } else if (name == "SESSION_BLOCK_WHILE_CONNECTING") {
+                blockWhileConnecting = on;
             }
         }
     }

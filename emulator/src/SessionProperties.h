@@ -29,7 +29,13 @@ class SessionProperties {
     bool topicDispatch = false;
     bool reapplySubscriptions = false;
     bool subscribeBlocking = true;
-    bool ignoreDupSubscriptionError = false;
+    // The vendor's defaults where the list says nothing.
+    bool ignoreDupSubscriptionError = true;
+    bool sendBlocking = true;
+    long long blockingWriteTimeoutMs = 100000;
+    long long pubWindowSize = 50;
+    bool blockWhileConnecting = true;
+    long long subconfirmTimeoutMs = 10000;
 };
 
 }  // namespace solemu

@@ -3,7 +3,7 @@
 
 // Declarations first and with default visibility: these are the exports.
 #pragma GCC visibility push(default)
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 #include "SolClientEmulator.h"
 #pragma GCC visibility pop
 

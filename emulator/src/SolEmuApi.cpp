@@ -1,7 +1,7 @@
 // The emulator's control functions (solEmu_*): thin calls into its classes.
 
 #pragma GCC visibility push(default)
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 #include "SolClientEmulator.h"
 #pragma GCC visibility pop
 
@@ -14,6 +14,7 @@
 #include "FaultInjector.h"
 #include "Library.h"
 #include "Message.h"
+#include "Session.h"
 
 using solemu::BrokerRegistry;
 using solemu::Context;
@@ -95,6 +96,25 @@ void solEmu_holdDeliveries(int hold) {
     if (hold == 0) {
         Library::instance().wakeContexts();
     }
+}
+
+void solEmu_setRoundTrip(unsigned us) {
+    Context::setRoundTrip(us);
+    Library::instance().wakeContexts();
+}
+
+void solEmu_endSessions(const char* hostPort) {
+    if (hostPort != nullptr) {
+        Library::instance().endSessions(hostPort);
+    }
+}
+
+long solEmu_blockedCalls(void) {
+    return solemu::Session::blockedNow();
+}
+
+long solEmu_windowWaits(void) {
+    return solemu::Session::windowWaits();
 }
 
 long solEmu_liveMessages(void) {

@@ -3,41 +3,70 @@
 #include "KWClient/KWCallbackItem.h"
 #include "KWClient/KWCallbackRelease.h"
 
-std::atomic<KWCallbackProcessor*> KWCallbackProcessor::_instance{nullptr};
-std::mutex KWCallbackProcessor::_instanceMutex;
+thread_local KWCallbackProcessor* KWCallbackProcessor::_instance = nullptr;
 
 KWCallbackProcessor* KWCallbackProcessor::getInstance() {
-    KWCallbackProcessor* processor = _instance.load(std::memory_order_acquire);
-    if (processor != nullptr) {
-        return processor;
+    if (_instance == nullptr) {
+        // Per environment rather than per process: a Worker's JavaScript runs
+        // on its own thread and loop, and may end while others go on.
+        std::shared_ptr<KWCallbackProcessor> processor(new KWCallbackProcessor());
+        processor->self = processor;
+        _instance = processor.get();
+#if NODE_MODULE_VERSION >= 72
+        node::AddEnvironmentCleanupHook(v8::Isolate::GetCurrent(), closeEnvironment, _instance);
+#endif
     }
-    std::lock_guard<std::mutex> lock(_instanceMutex);
-    processor = _instance.load(std::memory_order_relaxed);
-    if (processor == nullptr) {
-        // A process-wide singleton, deliberately never deleted: its async
-        // handle keeps the loop alive for as long as the process runs.
-        processor = new KWCallbackProcessor();
-        _instance.store(processor, std::memory_order_release);
-    }
-    return processor;
+    return _instance;
 }
 
 KWCallbackProcessor::KWCallbackProcessor() : loopThread(std::this_thread::get_id()) {
     async.data = this;
-    uv_async_init(uv_default_loop(), &async, kw_item_callback);
+    uv_async_init(Nan::GetCurrentEventLoop(), &async, kw_item_callback);
     Nan::HandleScope scope;
     resource = std::make_unique<Nan::AsyncResource>("kwnode:callback");
 }
 
-KWCallbackProcessor::~KWCallbackProcessor() = default;
-
-void KWCallbackProcessor::pushBackItem(std::shared_ptr<KWCallbackItem> item) {
-    std::lock_guard<std::mutex> lock(mutex);
-    items.push_back(std::move(item));
+void KWCallbackProcessor::closeEnvironment(void* processor) {
+    static_cast<KWCallbackProcessor*>(processor)->close();
 }
 
+void KWCallbackProcessor::close() {
+    std::vector<std::shared_ptr<KWCallbackItem>> dropped;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        closed = true;
+        items.swap(dropped);
+    }
+    dropped.clear();  // on this thread, while function handles can still be disposed
+    resource.reset();
+    released = true;
+    if (_instance == this) {
+        _instance = nullptr;
+    }
+    uv_close(reinterpret_cast<uv_handle_t*>(&async), [](uv_handle_t* handle) {
+        auto* processor = static_cast<KWCallbackProcessor*>(handle->data);
+        std::shared_ptr<KWCallbackProcessor> last = std::move(processor->self);
+    });
+}
+
+KWCallbackProcessor::~KWCallbackProcessor() = default;
+
+// After close the item is dropped; it is released after the lock, so handles
+// it owns are leaked by disposeFunction rather than touched.
+void KWCallbackProcessor::pushBackItem(std::shared_ptr<KWCallbackItem> item) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!closed) {
+        items.push_back(std::move(item));
+    }
+}
+
+// Under the lock, unlike a bare uv_async_send, because a Worker's handle may be
+// closed at any moment by its environment's cleanup.
 void KWCallbackProcessor::triggerCallback() {
-    uv_async_send(&async);
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!closed) {
+        uv_async_send(&async);
+    }
 }
 
 void KWCallbackProcessor::pullAllItems(std::vector<std::shared_ptr<KWCallbackItem>>& out) {
@@ -56,18 +85,27 @@ std::shared_ptr<Nan::Callback> KWCallbackProcessor::shareFunction(
     if (!fn.IsEmpty()) {
         callback->Reset(fn);
     }
-    return std::shared_ptr<Nan::Callback>(
-        callback.release(), [this](Nan::Callback* released) { disposeFunction(released); });
+    return std::shared_ptr<Nan::Callback>(callback.release(),
+                                          [processor = shared_from_this()](Nan::Callback* last) {
+                                              processor->disposeFunction(last);
+                                          });
 }
 
 void KWCallbackProcessor::disposeFunction(Nan::Callback* callback) {
     std::unique_ptr<Nan::Callback> owned(callback);
-    if (onLoopThread()) {
+    if (onLoopThread() && !released) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    if (closed) {
+        // Its isolate is gone (or going, with the handle freed along with
+        // it): a dispose now would touch freed memory.
+        owned.release();
         return;
     }
     // The release item is dropped after its batch, on the loop thread.
-    pushBackItem(std::make_shared<KWCallbackRelease>(std::move(owned)));
-    triggerCallback();
+    items.push_back(std::make_shared<KWCallbackRelease>(std::move(owned)));
+    uv_async_send(&async);
 }
 
 void KWCallbackProcessor::call(v8::Local<v8::Function> fn, int argc, v8::Local<v8::Value>* argv) {

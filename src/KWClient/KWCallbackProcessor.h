@@ -12,15 +12,19 @@
 
 class KWCallbackItem;
 
-// The one queue between library threads and the JavaScript thread. Producers
+// The queue between library threads and one JavaScript thread. Producers
 // push items and wake the loop; kw_item_callback runs everything pending, in
-// push order, as one batch.
-class KWCallbackProcessor {
+// push order, as one batch. There is one per Node.js environment (the main
+// thread, each Worker), on that environment's loop; when the environment ends
+// it closes, and items or function handles arriving later are dropped
+// without touching JavaScript.
+class KWCallbackProcessor : public std::enable_shared_from_this<KWCallbackProcessor> {
   public:
     virtual ~KWCallbackProcessor();
 
-    // The first call must be made on the loop thread (it initialises the async
-    // handle there).
+    // The calling environment's processor, made on first use. Must be called
+    // on the environment's JavaScript thread (it initialises the async handle
+    // there).
     static KWCallbackProcessor* getInstance();
 
     void pushBackItem(std::shared_ptr<KWCallbackItem> item);
@@ -48,9 +52,18 @@ class KWCallbackProcessor {
   private:
     KWCallbackProcessor();
     void disposeFunction(Nan::Callback* callback);
+    // Environment cleanup: drops what is pending while the isolate still
+    // lives, refuses later pushes and closes the async handle.
+    void close();
+    static void closeEnvironment(void* processor);
 
     std::mutex mutex;
     std::vector<std::shared_ptr<KWCallbackItem>> items;
+    bool closed = false;  // guarded by mutex
+    std::atomic<bool> released{false};
+    // Keeps the processor alive until its handle has closed; handlers and
+    // function handles hold it beyond that.
+    std::shared_ptr<KWCallbackProcessor> self;
     uv_async_t async;
     std::thread::id const loopThread;
     uint64_t batches = 0;
@@ -58,8 +71,8 @@ class KWCallbackProcessor {
     // the processor, never destroyed.
     std::unique_ptr<Nan::AsyncResource> resource;
 
-    static std::atomic<KWCallbackProcessor*> _instance;
-    static std::mutex _instanceMutex;
+    // Every environment runs on its own thread.
+    static thread_local KWCallbackProcessor* _instance;
 };
 
 void kw_item_callback(uv_async_s* handle);

@@ -14,7 +14,7 @@ constexpr uint32_t RUNTIME_ERROR_EVENT = 2;
 }  // namespace
 
 KWEventHandler::KWEventHandler(v8::Local<v8::Function> const& fn)
-    : processor(KWCallbackProcessor::getInstance()) {
+    : processor(KWCallbackProcessor::getInstance()->shared_from_this()) {
     callback = processor->shareFunction(fn);
 }
 

@@ -48,5 +48,5 @@ class KWEventHandler : public KW::EventHandler {
     void raise(uint32_t eventCode, uint32_t eventSubCode, char const* text);
 
     std::shared_ptr<Nan::Callback> callback;
-    KWCallbackProcessor* processor;
+    std::shared_ptr<KWCallbackProcessor> processor;
 };

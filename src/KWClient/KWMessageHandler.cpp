@@ -4,7 +4,7 @@
 #include "KWClient/KWMessageInfo.h"
 
 KWMessageHandler::KWMessageHandler(v8::Local<v8::Function> const& fn)
-    : processor(KWCallbackProcessor::getInstance()) {
+    : processor(KWCallbackProcessor::getInstance()->shared_from_this()) {
     callback = processor->shareFunction(fn);
 }
 

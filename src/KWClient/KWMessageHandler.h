@@ -19,5 +19,5 @@ class KWMessageHandler : public KW::MessageHandler {
 
   private:
     std::shared_ptr<Nan::Callback> callback;
-    KWCallbackProcessor* processor;
+    std::shared_ptr<KWCallbackProcessor> processor;
 };

@@ -13,6 +13,8 @@
 
 namespace {
 char const TAG[] = "KWNode";
+char const PAYLOAD_TYPE_ERROR[] =
+    "Messaging Client Publish: payload is not a string, an ArrayBuffer or a view of one";
 char const PATH[] = "src/KWClient/KWNodeClient";
 
 // QoS argument: Uint32 conversion (1 when it fails), then the 2-or-1 mapping.
@@ -59,29 +61,46 @@ Shape shapeOf(Nan::FunctionCallbackInfo<v8::Value> const& info) {
     return shape;
 }
 
-// A string's UTF-8 bytes or a Buffer's bytes, copied; null for anything else.
+// The bytes of a string (UTF-8), of any ArrayBuffer view (Buffer, typed
+// array, DataView) or of a whole ArrayBuffer, copied; null for anything else.
+// Node 6 counts only Uint8Arrays as Buffers, so views are read through V8 for
+// the same set on every line.
 std::shared_ptr<KW::DataPacket> packetOf(v8::Local<v8::Value> value) {
     if (value->IsString()) {
         Nan::Utf8String text(value);
         return std::make_shared<KW::DataPacket>(*text, static_cast<unsigned long>(text.length()));
     }
-    if (node::Buffer::HasInstance(value)) {
-        return std::make_shared<KW::DataPacket>(node::Buffer::Data(value),
-                                                node::Buffer::Length(value));
+    if (value->IsArrayBuffer()) {
+        v8::Local<v8::ArrayBuffer> buffer = value.As<v8::ArrayBuffer>();
+        value = v8::Uint8Array::New(buffer, 0, buffer->ByteLength());
+    }
+    if (value->IsArrayBufferView()) {
+        Nan::TypedArrayContents<char> bytes(value);
+        return std::make_shared<KW::DataPacket>(*bytes, static_cast<unsigned long>(bytes.length()));
     }
     return nullptr;
 }
+
+// Throws the error of the last failed argument check, if there was one.
+void throwArgumentError(char const* text) {
+    if (text != nullptr) {
+        Nan::ThrowError(text);
+    }
+}
 }  // namespace
 
-Nan::Persistent<v8::Function> KWNodeClient::constructor;
+thread_local Nan::Persistent<v8::Function> KWNodeClient::constructor;
 
-void KWNodeClient::Init(v8::Local<v8::Object> exports) {
+void KWNodeClient::startLibrary() {
     try {
         KW::Solace::ClientLibrary::start();
     } catch (KW::Exception& e) {
-        // The class is still defined; the pending error surfaces from require.
+        // The classes are defined already; the pending error surfaces from require.
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::KWNodeClient error: ", e);
     }
+}
+
+void KWNodeClient::Init(v8::Local<v8::Object> exports) {
     Nan::HandleScope scope;
     v8::Local<v8::FunctionTemplate> tpl = Nan::New<v8::FunctionTemplate>(New);
     tpl->SetClassName(Nan::New("KWNodeClient").ToLocalChecked());
@@ -120,8 +139,10 @@ v8::Local<v8::Object> KWNodeClient::NewInstance(v8::Local<v8::Value> arg) {
     return KWBoundary::newInstance(constructor, 2, argv);
 }
 
-// Each failed check throws and construction carries on, so the last error
-// thrown is the one the script sees.
+// Each failed check replaces the previous one's error and construction
+// carries on, so the script sees the last; the error is thrown once, at the
+// end, because V8 calls made with an exception pending misbehave (Node 22
+// dropped it and returned the object).
 NAN_METHOD(KWNodeClient::New) {
     if (KWBoundary::constructIfCalled(constructor, info)) {
         return;
@@ -133,30 +154,34 @@ NAN_METHOD(KWNodeClient::New) {
     Nan::SetInternalFieldPointer(self, 0, nullptr);
     info.GetReturnValue().Set(self);
 
+    char const* argumentError = nullptr;
     if (n < 3) {
-        Nan::ThrowError("Messaging Client Initialization: insufficient parameter provided");
+        argumentError = "Messaging Client Initialization: insufficient parameter provided";
     }
     if (info[0].IsEmpty()) {
-        Nan::ThrowError("Messaging Client Initialization: destination id is missing");
+        argumentError = "Messaging Client Initialization: destination id is missing";
     }
     if (info[1].IsEmpty()) {
-        Nan::ThrowError("Messaging Client Initialization: destination type is missing");
+        argumentError = "Messaging Client Initialization: destination type is missing";
     }
     if (!info[2]->IsObject()) {
-        Nan::ThrowError("Messaging Client Initialization: connection data is missing or wrong");
+        argumentError = "Messaging Client Initialization: connection data is missing or wrong";
     }
-    std::string const destinationId = KWBoundary::toString(info[0]);
-    std::string destinationType = KWBoundary::toString(info[1]);
     if (info[2]->IsUndefined() || info[2]->IsNull()) {
-        return;  // nothing to read connection data from; the error is pending
+        Nan::ThrowError(argumentError);  // nothing to read connection data from
+        return;
     }
 
     std::map<std::string, std::string> connectionData;
+    std::string destinationId;
+    std::string destinationType;
     {
         Nan::TryCatch failure;
+        destinationId = KWBoundary::toString(info[0]);
+        destinationType = KWBoundary::toString(info[1]);
         v8::Local<v8::Object> data;
         v8::Local<v8::Array> names;
-        if (!Nan::To<v8::Object>(info[2]).ToLocal(&data) ||
+        if (failure.HasCaught() || !Nan::To<v8::Object>(info[2]).ToLocal(&data) ||
             !Nan::GetOwnPropertyNames(data).ToLocal(&names)) {
             failure.ReThrow();
             return;
@@ -187,8 +212,11 @@ NAN_METHOD(KWNodeClient::New) {
             new KWNodeClient(destinationId, destinationType, connectionData, eventCallback);
         client->Wrap(self);
     } catch (KW::Exception& e) {
+        // Thrown after the argument error, so it is the one the script sees.
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::New error: ", e);
+        return;
     }
+    throwArgumentError(argumentError);
 }
 
 KW::Client* KWNodeClient::clientOf(Nan::FunctionCallbackInfo<v8::Value> const& info,
@@ -240,14 +268,19 @@ NAN_METHOD(KWNodeClient::GetConnectionState) {
     }
 }
 
-// The shapes of shapeOf, with the payload (a string or a Buffer) as x.
+// Argument errors in publish, forward, subscribe and unsubscribe follow the
+// constructor's rule: the last failed check is the error seen, and nothing is
+// thrown before the last V8 call of the method.
+
+// The shapes of shapeOf, with the payload as x.
 NAN_METHOD(KWNodeClient::Publish) {
     int const n = info.Length();
+    char const* argumentError = nullptr;
     if (n < 2) {
-        Nan::ThrowError("Messaging Client Publish: insufficient parameter provided");
+        argumentError = "Messaging Client Publish: insufficient parameter provided";
     }
     if (info[0].IsEmpty()) {
-        Nan::ThrowError("Messaging Client Publish: topic is missing");
+        argumentError = "Messaging Client Publish: topic is missing";
     }
     std::string const topic = KWBoundary::toString(info[0]);
     std::shared_ptr<KW::Reference> reference = KW::Reference::NONE;
@@ -255,13 +288,13 @@ NAN_METHOD(KWNodeClient::Publish) {
     std::shared_ptr<KW::DataPacket> packet;
     if (n < 2) {
         // Carries on with no payload: the library sends a message without one.
-        Nan::ThrowError("Messaging Client Publish: payload parameter missing");
+        argumentError = "Messaging Client Publish: payload parameter missing";
     } else {
         Shape const shape = shapeOf(info);
         qos = shape.qos;
         packet = packetOf(info[shape.subject]);
         if (!packet) {
-            Nan::ThrowError("Messaging Client Publish: payload is neither a string nor a Buffer");
+            Nan::ThrowError(PAYLOAD_TYPE_ERROR);
             return;
         }
         reference = shape.reference(info);
@@ -274,24 +307,23 @@ NAN_METHOD(KWNodeClient::Publish) {
         client->publish(packet, topic, qos, reference, false);
     } catch (KW::Exception& e) {
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Publish error: ", e);
+        return;
     }
+    throwArgumentError(argumentError);
 }
 
 // The shapes of publish, with a received KWNodeMessage in place of the payload.
 NAN_METHOD(KWNodeClient::Forward) {
     int const n = info.Length();
     if (n < 2) {
-        Nan::ThrowError("Messaging Client Forward: insufficient parameter provided");
-    }
-    if (info[0].IsEmpty()) {
-        Nan::ThrowError("Messaging Client Forward: topic is missing");
-    }
-    std::string const topic = KWBoundary::toString(info[0]);
-    if (n < 2) {
-        // There is no message object to forward: stop here.
+        // There is no message object to forward: stop here (this error
+        // replaces the count and topic errors).
         Nan::ThrowError("Messaging Client Forward: payload parameter is missing");
         return;
     }
+    char const* argumentError =
+        info[0].IsEmpty() ? "Messaging Client Forward: topic is missing" : nullptr;
+    std::string const topic = KWBoundary::toString(info[0]);
     Shape const shape = shapeOf(info);
     std::shared_ptr<KW::Message> message = KWNodeMessage::messageOf(info[shape.subject]);
     if (!message) {
@@ -307,59 +339,51 @@ NAN_METHOD(KWNodeClient::Forward) {
         client->forward(message, topic, shape.qos, reference, false);
     } catch (KW::Exception& e) {
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Forward error: ", e);
+        return;
     }
+    throwArgumentError(argumentError);
 }
 
 // The shapes of shapeOf, with the handler as x. So a three-argument call with
 // a QoS and a function handler reads the QoS as the handler and is refused.
+// Without a handler there is nothing to deliver to: the argument error stands
+// and no subscription is made.
 NAN_METHOD(KWNodeClient::Subscribe) {
     int const n = info.Length();
     if (n < 2) {
-        Nan::ThrowError("Messaging Client Subscribe: insufficient parameter provided");
-    }
-    if (info[0].IsEmpty()) {
-        Nan::ThrowError("Messaging Client Subscribe: topic is missing");
-    }
-    std::string const topic = KWBoundary::toString(info[0]);
-    std::shared_ptr<KW::Reference> reference = KW::Reference::NONE;
-    KW::QOS::Enum qos = KW::QOS::AT_MOST_ONCE;
-    std::shared_ptr<KW::MessageHandler> handler;
-    if (n < 2) {
         Nan::ThrowError("Messaging Client Subscribe: message handler callback is missing");
-    } else {
-        Shape const shape = shapeOf(info);
-        qos = shape.qos;
-        v8::Local<v8::Value> fn = info[shape.subject];
-        if (fn->IsFunction()) {
-            handler = std::make_shared<KWMessageHandler>(fn.As<v8::Function>());
-        } else {
-            Nan::ThrowError(
-                "Messaging Client Subscribe: message handler callback is not a function");
-        }
-        reference = shape.reference(info);
-    }
-    // Without a handler there is nothing to deliver to: the argument error
-    // stands and no subscription is made.
-    if (!handler) {
         return;
     }
+    Shape const shape = shapeOf(info);
+    v8::Local<v8::Value> fn = info[shape.subject];
+    if (!fn->IsFunction()) {
+        Nan::ThrowError("Messaging Client Subscribe: message handler callback is not a function");
+        return;
+    }
+    char const* argumentError =
+        info[0].IsEmpty() ? "Messaging Client Subscribe: topic is missing" : nullptr;
+    std::string const topic = KWBoundary::toString(info[0]);
+    std::shared_ptr<KW::MessageHandler> handler =
+        std::make_shared<KWMessageHandler>(fn.As<v8::Function>());
+    std::shared_ptr<KW::Reference> reference = shape.reference(info);
     KW::Client* client = clientOf(info, "Subscribe");
     if (client == nullptr) {
         return;
     }
     try {
-        client->subscribe(handler, topic, qos, reference);
+        client->subscribe(handler, topic, shape.qos, reference);
     } catch (KW::Exception& e) {
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Subscribe error: ", e);
+        return;
     }
+    throwArgumentError(argumentError);
 }
 
 // Shapes: (topic), (topic, done), (topic, qos), (topic, qos, done).
 NAN_METHOD(KWNodeClient::Unsubscribe) {
     int const n = info.Length();
-    if (info[0].IsEmpty()) {
-        Nan::ThrowError("Messaging Client Unsubscribe: topic is empty");
-    }
+    char const* argumentError =
+        info[0].IsEmpty() ? "Messaging Client Unsubscribe: topic is empty" : nullptr;
     std::string const topic = KWBoundary::toString(info[0]);
     std::shared_ptr<KW::Reference> reference = KW::Reference::NONE;
     KW::QOS::Enum qos = KW::QOS::AT_MOST_ONCE;
@@ -379,5 +403,7 @@ NAN_METHOD(KWNodeClient::Unsubscribe) {
         client->unsubscribe(topic, qos, reference);
     } catch (KW::Exception& e) {
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Unsubscribe error: ", e);
+        return;
     }
+    throwArgumentError(argumentError);
 }

@@ -15,6 +15,9 @@
 class KWNodeClient : public Nan::ObjectWrap {
   public:
     static void Init(v8::Local<v8::Object> exports);
+    // Starts the Solace client library (once per process); a failure becomes
+    // the pending JavaScript error. Called after every class is defined.
+    static void startLibrary();
     static NAN_METHOD(New);
     static v8::Local<v8::Object> NewInstance(v8::Local<v8::Value> arg);
     // 2 stays GUARANTEED; every other number is AT_MOST_ONCE, never an error.
@@ -26,7 +29,8 @@ class KWNodeClient : public Nan::ObjectWrap {
                  v8::Local<v8::Function> const& eventCallback);
     ~KWNodeClient() override;
 
-    static Nan::Persistent<v8::Function> constructor;
+    // Per thread: each Node.js environment (main thread, Worker) has its own.
+    static thread_local Nan::Persistent<v8::Function> constructor;
 
   private:
     static NAN_METHOD(Connect);

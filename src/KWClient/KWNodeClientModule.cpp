@@ -6,27 +6,42 @@
 #include "KWClient/KWNodeEvent.h"
 #include "KWClient/KWNodeMessage.h"
 
+// The library starts last: an error it leaves pending must not meet further
+// V8 calls, which newer V8 would let swallow it.
 void InitAll(v8::Local<v8::Object> exports) {
     KWNodeClient::Init(exports);
     KWNodeEvent::Init(exports);
     KWNodeMessage::Init(exports);
-}
-
-// node's register-function signature; the module object and private data are
-// not used.
-void InitAll(v8::Local<v8::Object> exports, v8::Local<v8::Value>, void*) {
-    InitAll(exports);
+    KWNodeClient::startLibrary();
 }
 
 namespace {
+#if NODE_MODULE_VERSION >= 72
+// Worker threads load the module once per environment: a context-aware
+// register function may run in each, where an exports-only one is refused.
+void InitEnvironment(v8::Local<v8::Object> exports, v8::Local<v8::Value>, v8::Local<v8::Context>,
+                     void*) {
+    InitAll(exports);
+}
+node::addon_register_func const registerExports = nullptr;
+node::addon_context_register_func const registerContext = InitEnvironment;
+#else
+// node's register-function signature; the module object and private data are
+// not used.
+void InitExports(v8::Local<v8::Object> exports, v8::Local<v8::Value>, void*) {
+    InitAll(exports);
+}
+node::addon_register_func const registerExports = InitExports;
+node::addon_context_register_func const registerContext = nullptr;
+#endif
 
 node::node_module kwModule = {
     NODE_MODULE_VERSION,                // ABI of the headers built against
     0,                                  // flags
     nullptr,                            // DSO handle
     "src/KWClient/KWNodeClientModule",  // file name
-    InitAll,                            // register function (exports only)
-    nullptr,                            // no context-aware register function
+    registerExports,                    // register function (exports only)
+    registerContext,                    // context-aware register function
     "kwnode",                           // module name
     nullptr,                            // private data
     nullptr                             // link

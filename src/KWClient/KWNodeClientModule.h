@@ -2,6 +2,6 @@
 
 #include <nan.h>
 
-// The add-on's register function: initialises the client class (starting the
-// Solace client library), then the event class, then the message class.
+// The add-on's register function: initialises the client class, the event
+// class and the message class, then starts the Solace client library.
 void InitAll(v8::Local<v8::Object> exports);

@@ -4,7 +4,7 @@
 #include "KWClient/KWEventInfo.h"
 #include "KWClient/KWNodeMessage.h"
 
-Nan::Persistent<v8::Function> KWNodeEvent::constructor;
+thread_local Nan::Persistent<v8::Function> KWNodeEvent::constructor;
 
 KWNodeEvent::KWNodeEvent() = default;
 

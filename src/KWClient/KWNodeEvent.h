@@ -23,7 +23,8 @@ class KWNodeEvent : public Nan::ObjectWrap {
     ~KWNodeEvent() override;
     void setEventInfo(KWEventInfo& info);
 
-    static Nan::Persistent<v8::Function> constructor;
+    // Per thread: each Node.js environment (main thread, Worker) has its own.
+    static thread_local Nan::Persistent<v8::Function> constructor;
 
   private:
     KWNodeEvent();

@@ -17,8 +17,8 @@ void releasePacket(char*, void* hint) {
 }
 }  // namespace
 
-Nan::Persistent<v8::Function> KWNodeMessage::constructor;
-Nan::Persistent<v8::FunctionTemplate> KWNodeMessage::classTemplate;
+thread_local Nan::Persistent<v8::Function> KWNodeMessage::constructor;
+thread_local Nan::Persistent<v8::FunctionTemplate> KWNodeMessage::classTemplate;
 
 KWNodeMessage::KWNodeMessage() = default;
 

@@ -22,7 +22,8 @@ class KWNodeMessage : public Nan::ObjectWrap {
     ~KWNodeMessage() override;
     void setMessage(std::shared_ptr<KW::Message> message);
 
-    static Nan::Persistent<v8::Function> constructor;
+    // Per thread: each Node.js environment (main thread, Worker) has its own.
+    static thread_local Nan::Persistent<v8::Function> constructor;
 
   private:
     KWNodeMessage();
@@ -36,7 +37,7 @@ class KWNodeMessage : public Nan::ObjectWrap {
     static NAN_METHOD(IsRedelivered);
     static NAN_METHOD(Qos);
 
-    static Nan::Persistent<v8::FunctionTemplate> classTemplate;
+    static thread_local Nan::Persistent<v8::FunctionTemplate> classTemplate;
 
     std::shared_ptr<KW::Message> message;
 };

@@ -57,6 +57,10 @@ class WorkerContext {
     // waits for them so that they never touch a destroyed context.
     std::vector<std::thread::id> detachedJobs;
     std::condition_variable detachedEnded;
+    // Threads stopped by releaseProcessor, not joined yet, and how many of
+    // them are still running.
+    std::vector<std::shared_ptr<std::thread>> retiredJobs;
+    std::size_t retiredRunning = 0;
 
     // Queues a copy of the task; false (task not queued) when a bounded queue
     // stayed full for the push time-out.
@@ -106,13 +110,51 @@ class WorkerContext {
         }
     }
 
+    // Stops the pool like setProcessor(nullptr, timeoutMs) but joins no thread:
+    // the threads are retired and end on their own once their current task
+    // returns. For callers that must not wait for a worker that may itself be
+    // waiting for them (the library's context thread, the JavaScript thread).
+    void releaseProcessor(unsigned long timeoutMs) {
+        // Drained before the processor lock is taken, so that a start on
+        // another thread never waits out the drain.
+        if (timeoutMs != 0) {
+            std::unique_lock<std::mutex> lock(queueMutex);
+            auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+            while (!queue.empty() && processor != nullptr) {
+                if (drained.wait_until(lock, deadline) == std::cv_status::timeout) {
+                    break;
+                }
+            }
+        }
+        std::lock_guard<std::mutex> processorLock(processorMutex);
+        {
+            std::lock_guard<std::mutex> lock(queueMutex);
+            if (processor == nullptr) {
+                return;
+            }
+            processor = nullptr;
+            jobCount = 0;
+            ++generation;
+            endedJobs.clear();
+            for (auto& job : jobs) {
+                retiredJobs.push_back(job);
+                ++retiredRunning;
+            }
+            jobs.clear();
+        }
+        notEmpty.notify_all();
+    }
+
     // Starts as many threads as the queue length calls for. queueMutex is held.
+    // Retired threads still running count against the limit, so that a pool
+    // of one thread never runs two tasks at once across a stop and a start.
     void initJobs([[maybe_unused]] std::unique_lock<std::mutex>& lock) {
         if (processor == nullptr) {
             return;
         }
         bool firstPass = true;
-        while (jobCount < jobThresholds.size() && queue.size() > jobThresholds[jobCount]) {
+        while (jobCount + retiredRunning < jobThresholds.size() &&
+               queue.size() > jobThresholds[jobCount + retiredRunning]) {
             if (firstPass) {
                 firstPass = false;
                 pruneJobs();
@@ -164,20 +206,31 @@ class WorkerContext {
         }
     }
 
-  protected:
-    // Creates one thread running the worker body for `owner`.
-    virtual std::shared_ptr<std::thread> startJob(Owner* owner) = 0;
-
-    // Waits until no detached thread can touch this context any more. A
-    // thread that is itself detached cannot wait for itself.
+    // Waits until no retired or detached thread can touch this context any
+    // more. A thread that is itself detached cannot wait for itself.
     void awaitDetachedJobs() {
         std::unique_lock<std::mutex> lock(queueMutex);
         auto self = std::this_thread::get_id();
+        std::vector<std::shared_ptr<std::thread>> retired;
+        retired.swap(retiredJobs);
+        lock.unlock();
+        for (auto& job : retired) {
+            if (job->get_id() == self) {
+                job->detach();  // a retired thread that destroys its own pool
+            } else if (job->joinable()) {
+                job->join();
+            }
+        }
+        lock.lock();
         detachedEnded.wait(lock, [this, self] {
             return std::all_of(detachedJobs.begin(), detachedJobs.end(),
                                [self](std::thread::id id) { return id == self; });
         });
     }
+
+  protected:
+    // Creates one thread running the worker body for `owner`.
+    virtual std::shared_ptr<std::thread> startJob(Owner* owner) = 0;
 
   private:
     // Joins threads of the current generation that have already ended, so that
@@ -198,7 +251,22 @@ class WorkerContext {
             }
         }
         endedJobs.clear();
+        for (auto it = retiredJobs.begin(); it != retiredJobs.end();) {
+            std::thread& job = **it;
+            if (std::find(retiredEnded.begin(), retiredEnded.end(), job.get_id()) !=
+                retiredEnded.end()) {
+                job.join();
+                it = retiredJobs.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        retiredEnded.clear();
     }
+
+  public:
+    // Retired threads that have ended but are not joined yet.
+    std::vector<std::thread::id> retiredEnded;
 };
 
 }  // namespace KW

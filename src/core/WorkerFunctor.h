@@ -107,6 +107,12 @@ class WorkerFunctor {
         if (context->generation == generation) {
             --context->jobCount;
             context->endedJobs.push_back(self);
+        } else if (retired(self)) {
+            // Hands over: the pool may have been started again meanwhile, with
+            // work waiting for this thread's place.
+            --context->retiredRunning;
+            context->initJobs(lock);
+            context->retiredEnded.push_back(self);
         }
         auto& detached = context->detachedJobs;
         for (auto it = detached.begin(); it != detached.end(); ++it) {
@@ -119,6 +125,15 @@ class WorkerFunctor {
             }
         }
         lock.unlock();
+    }
+
+    bool retired(std::thread::id self) const {
+        for (auto const& job : context->retiredJobs) {
+            if (job->get_id() == self) {
+                return true;
+            }
+        }
+        return false;
     }
 
     Context* context;

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "solace/Exception.h"
-#include "solace/SolClientABI.h"
+#include "solclient/SolClientABI.h"
 
 namespace KW {
 namespace Solace {

@@ -246,6 +246,28 @@ TEST(WorkerStop, WorkerCanStopItsOwnPoolFromProcess) {
     pool.reset();  // must wait for the detached thread, not crash
 }
 
+// Released (not joined): the stop returns while a task still runs, and a
+// restart of a one-thread pool waits for that thread, keeping the order.
+TEST(WorkerStop, ReleaseReturnsAtOnceAndARestartWaitsForTheRetiredThread) {
+    Pool<false> pool(0, 0);
+    pool.worker.jobThresholds = {0};
+    pool.start();
+    pool.gateOpen = false;
+    pool.push(0, 3);
+    ASSERT_TRUE(pool.waitEntered(1));
+    pool.worker.releaseProcessor(0);
+    EXPECT_TRUE(pool.stopped());
+    pool.start();
+    std::this_thread::sleep_for(30ms);  // room for a wrong second thread to enter
+    {
+        std::lock_guard<std::mutex> lock(pool.mutex);
+        EXPECT_EQ(pool.entered, 1) << "a second thread ran beside the retired one";
+    }
+    pool.open();
+    ASSERT_TRUE(pool.waitProcessed(3));
+    EXPECT_EQ(pool.processed, (Ids{0, 1, 2}));
+}
+
 TEST(WorkerFailures, ExceptionInProcessDoesNotEndTheThread) {
     auto failOnOne = [](int id) {
         if (id == 1) {

@@ -12,6 +12,7 @@ class EmulatorTest : public ::testing::Test {
   protected:
     void SetUp() override {
         solEmu_reset();
+        solEmu_setRoundTrip(0);
         auto const* info = ::testing::UnitTest::GetInstance()->current_test_info();
         hostPort = std::string(info->test_suite_name()) + "." + info->name() + ":55555";
     }

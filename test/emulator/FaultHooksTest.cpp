@@ -78,7 +78,7 @@ TEST_F(FaultHooks, HeldDeliveriesArriveAfterUnsubscribe) {
     ASSERT_EQ(SOLCLIENT_OK, harness.subscribe(session, "t", &tag));
     solEmu_holdDeliveries(1);
     ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "t", "in flight"));
-    ASSERT_EQ(SOLCLIENT_OK, harness.unsubscribe(session, "t", &tag));
+    ASSERT_EQ(SOLCLIENT_OK, harness.unsubscribe(session, "t", &tag, 0));  // no confirmation wait
     EXPECT_EQ(0u, harness.messages().size());
     solEmu_holdDeliveries(0);
     ASSERT_TRUE(harness.waitForMessages(1, &tag));

@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "SolClientABI.h"
+#include "solclient/SolClientABI.h"
 #include "SolClientEmulator.h"
 
 // Property name/value pairs; a later value of the same name wins.
@@ -45,6 +45,9 @@ struct SeenMessage {
 class Harness {
   public:
     static constexpr std::chrono::milliseconds WAIT{5000};
+
+    // Runs on the context thread at the start of every event callback.
+    std::function<void(bool flow, int event)> inEvent;
 
     Harness() {
         EXPECT_EQ(SOLCLIENT_OK, solClient_initialize(SOLCLIENT_LOG_NOTICE, nullptr));
@@ -128,9 +131,9 @@ class Harness {
     }
 
     solClient_returnCode_t unsubscribe(solClient_opaqueSession_pt session, std::string const& topic,
-                                       void* tag) {
+                                       void* tag, solClient_subscribeFlags_t flags = 0x12) {
         auto dispatch = dispatchFor(tag);
-        return solClient_session_topicUnsubscribeWithDispatch(session, 0x12, topic.c_str(),
+        return solClient_session_topicUnsubscribeWithDispatch(session, flags, topic.c_str(),
                                                               &dispatch, nullptr);
     }
 
@@ -248,6 +251,7 @@ class Harness {
     // A fresh record each time, with the same content for the same tag:
     // unsubscribe matches by content.
     solClient_session_rxMsgDispatchFuncInfo_t dispatchFor(void* tag) {
+        std::lock_guard<std::mutex> lock(mutex);  // tests subscribe from several threads
         auto known = std::find_if(users.begin(), users.end(),
                                   [&](auto const& user) { return user->tag == tag; });
         if (known == users.end()) {
@@ -330,6 +334,9 @@ class Harness {
 
     void recordEvent(bool flow, int event, unsigned responseCode, char const* info,
                      void* correlation) {
+        if (inEvent) {
+            inEvent(flow, event);
+        }
         {
             std::lock_guard<std::mutex> lock(mutex);
             seenEvents.push_back({flow, event, responseCode, info != nullptr ? info : "",

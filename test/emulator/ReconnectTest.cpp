@@ -8,7 +8,7 @@ using Reconnect = EmulatorTest;
 
 TEST_F(Reconnect, BrokerDropReappliesSubscriptionsAndRedeliversToFlows) {
     ASSERT_EQ(0, solEmu_addQueue("q"));
-    auto session = harness.connected(hostPort);
+    auto session = harness.connected(hostPort, {{"SESSION_BLOCK_WHILE_CONNECTING", "0"}});
     int tag = 0;
     ASSERT_EQ(SOLCLIENT_OK, harness.subscribe(session, "live/>", &tag));
     ASSERT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(session, "q", "unacked", nullptr));
@@ -51,11 +51,11 @@ TEST_F(Reconnect, SubscriptionsAreDroppedWithoutReapply) {
 
 // Withheld acknowledgements are the messages "in flight" when the broker
 // drops: after the reconnect each is retransmitted, the broker keeps one copy,
-// and each tag is acknowledged exactly once. Sends made while reconnecting are
-// buffered and delivered too.
+// and each tag is acknowledged exactly once. Sends made while reconnecting
+// (not blocking while connecting) are buffered and delivered too.
 TEST_F(Reconnect, RetransmitsUnacknowledgedSendsWithoutLossOrDuplicates) {
     ASSERT_EQ(0, solEmu_addQueue("q"));
-    auto session = harness.connected(hostPort);
+    auto session = harness.connected(hostPort, {{"SESSION_BLOCK_WHILE_CONNECTING", "0"}});
     int tags[4] = {};
     solEmu_setAckMode(2);
     ASSERT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(session, "q", "0", &tags[0]));

@@ -34,6 +34,9 @@ INSTANTIATE_TEST_SUITE_P(Checks, SessionProperties,
                                            Property{"SESSION_TOPIC_DISPATCH", "true"},
                                            Property{"SESSION_CONNECT_BLOCKING", ""},
                                            Property{"SESSION_SOCKET_RCV_BUF_SIZE", "-5"},
+                                           Property{"SESSION_PUB_WINDOW_SIZE", "256"},
+                                           Property{"SESSION_SEND_BLOCKING", "yes"},
+                                           Property{"SESSION_SUBCONFIRM_TIMEOUT_MS", "0"},
                                            Property{"SESSION_COMPRESSION_LEVEL", "1"}));
 
 using SessionSetup = EmulatorTest;

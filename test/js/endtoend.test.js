@@ -59,7 +59,9 @@ test('queue: guaranteed messages in order, acknowledged, forwarded; unacknowledg
   return harness.completion(function (done) { pub.client.subscribe('fwd/>', forwarded.handler, done); }).then(function () {
     sub.client.subscribe('kw.q2', 2, first.handler, null);
     for (var i = 0; i < 3; i++) pub.client.publish('kw.q2', 2, 'g' + i, function (err) { outcomes.push(err); });
-    return Promise.all([first.waitFor(3), rejected]);
+    // The broker may hand a message on before it answers its publisher.
+    return Promise.all([first.waitFor(3), rejected,
+      harness.waitFor(function () { return outcomes.length === 3; }, 'publish outcomes')]);
   }).then(function (done) {
     assert.ok(done[1] instanceof Error);
     assert.deepStrictEqual([done[1].message, done[1].errno], ['Message rejected', 1]);

@@ -41,7 +41,10 @@ exports.test = function (name, fn) {
 };
 
 var root = exports.root = path.resolve(__dirname, '..', '..');
-exports.probePath = path.join(root, 'build', 'addon', 'node-v' + process.versions.modules, 'kwbridge_probe.node');
+// The build tree under test: KWNODE_BUILD_DIR when set (index.js honours it
+// too), else the release build.
+exports.buildDir = path.resolve(process.env.KWNODE_BUILD_DIR || path.join(root, 'build'));
+exports.probePath = path.join(exports.buildDir, 'addon', 'node-v' + process.versions.modules, 'kwbridge_probe.node');
 exports.kwnode = function () { return require(root); };
 exports.probe = function () { return require(exports.probePath); };
 
@@ -73,13 +76,16 @@ exports.collector = function () {
   return got;
 };
 
-// Resolves with { client, events } once a client on the stand-in broker
-// reports state 3; events holds [eventCode, eventSubCode, what] of each event.
+// Resolves with { client, events } once a client on the stand-in broker is
+// in state 3 and its event saying so has arrived (the state is read at once,
+// the event comes through the loop); events holds [eventCode, eventSubCode,
+// what] of each event.
 exports.connected = function (id, vpn) {
   var events = [];
   var client = new (exports.kwnode().KWNodeClient)(id, 'SOLACE', { host: 'localhost', port: 55555, vpn: vpn },
     function (ev) { events.push([ev.eventCode(), ev.eventSubCode(), ev.what()]); });
   client.connect();
-  return exports.waitFor(function () { return client.getConnectionState() === 3; }, 'connection')
+  function reported() { return events.some(function (e) { return e[0] === 1 && e[1] === 3; }); }
+  return exports.waitFor(function () { return client.getConnectionState() === 3 && reported(); }, 'connection')
     .then(function () { return { client: client, events: events }; });
 };

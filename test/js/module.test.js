@@ -64,6 +64,8 @@ test('connect: a new client starts disconnected, reports state 3 by event and ig
 test('constructor: argument errors in order, conversions seen through the library', function () {
   throwsTexts([
     // The data check replaces the count error; construction stops without data.
+    [function () { return new KWNodeClient(); }, 'Messaging Client Initialization: connection data is missing or wrong'],
+    [function () { return new KWNodeClient('id'); }, 'Messaging Client Initialization: connection data is missing or wrong'],
     [function () { return new KWNodeClient('id', 'SOLACE'); }, 'Messaging Client Initialization: connection data is missing or wrong'],
     [function () { return new KWNodeClient('id', 'SOLACE', null, function () {}); },
       'Messaging Client Initialization: connection data is missing or wrong'],
@@ -106,14 +108,20 @@ test('publish: every argument shape, QoS mapping, callback detection and the mes
   client.publish('kw.q1', 2, 'y', 'not a function');
   client.publish('m/empty', '');
   client.publish('m/three', 1, Buffer.from([0xff, 0x00, 0x7f]));
+  // Every line takes the same payload types: the bytes of any view (at its
+  // offset) and of a whole ArrayBuffer.
+  client.publish('m/u16', new Uint16Array([0x0102, 0x0304]));
+  client.publish('m/view', new DataView(new Uint8Array([9, 8, 7, 6]).buffer, 1, 2));
+  client.publish('m/ab', new Uint8Array([5, 6]).buffer);
   // Five arguments read as four: QoS 2 to a queue that does not exist.
   client.publish('m/five', 2, 'x', record('five'), 'ignored');
   function shape(m) { return [m.topic(), m.payload().toString('hex'), m.qos()]; }
-  return Promise.all([topics.waitFor(t0 + 5), queue.waitFor(q0 + 2),
+  return Promise.all([topics.waitFor(t0 + 8), queue.waitFor(q0 + 2),
     harness.waitFor(function () { return Object.keys(outcomes).length === 3; }, 'outcomes')])
     .then(function () {
       assert.deepStrictEqual(topics.slice(t0).map(shape), [['m/two', '68656c6c6f', 1], ['m/cb', '78', 1],
-        ['m/seven', '78', 1], ['m/empty', '', 1], ['m/three', 'ff007f', 1]]);
+        ['m/seven', '78', 1], ['m/empty', '', 1], ['m/three', 'ff007f', 1], ['m/u16', '02010403', 1],
+        ['m/view', '0807', 1], ['m/ab', '0506', 1]]);
       assert.deepStrictEqual(queue.slice(q0).map(shape), [['kw.q1', '000102', 2], ['kw.q1', '79', 2]]);
       assert.deepStrictEqual([outcomes.cb, outcomes.seven], [null, null]);
       assert.deepStrictEqual([outcomes.five.message, outcomes.five.errno], ['Message rejected', 1]);
@@ -125,7 +133,7 @@ test('publish: every argument shape, QoS mapping, callback detection and the mes
       a[0] = 1;
       assert.strictEqual(b[0], 1);
       assert.deepStrictEqual([m.isRedelivered(), m.isAckRequired()], [false, false]);
-      var payloadText = 'Messaging Client Publish: payload is neither a string nor a Buffer';
+      var payloadText = 'Messaging Client Publish: payload is not a string, an ArrayBuffer or a view of one';
       throwsTexts([
         [function () { client.publish(); }, 'Messaging Client Publish: payload parameter missing'],
         [function () { client.publish('m/x', {}); }, payloadText],

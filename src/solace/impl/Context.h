@@ -6,8 +6,8 @@
 #include <set>
 #include <string>
 
-#include "solace/SolClientABI.h"
 #include "solace/impl/VendorHandle.h"
+#include "solclient/SolClientABI.h"
 
 namespace KW {
 

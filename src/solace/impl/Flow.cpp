@@ -1,5 +1,6 @@
 #include "solace/impl/Flow.h"
 
+#include <cstdio>
 #include <exception>
 
 #include "core/DroppedFailures.h"
@@ -83,9 +84,15 @@ bool Flow::start(std::shared_ptr<KW::Reference>& reference) {
 bool Flow::stop(std::shared_ptr<KW::Reference>& reference) {
     SolaceAPI const& api = session.getAPI();
     if (!handle) {
-        // Never created (its creation failed and was reported then): nothing
-        // to stop, and the request is not answered a second time.
-        return true;
+        // Never bound: answered as a failed stop so that the completion runs.
+        solClient_errorInfo info{};
+        info.subCode = SOLCLIENT_SUBCODE_PARAM_NULL_PTR;
+        std::snprintf(info.errorStr, sizeof(info.errorStr), "flow for queue '%s' was never bound",
+                      name.c_str());
+        state = FAILED;
+        lastSubCode = static_cast<int>(info.subCode);
+        session.notifyHandlerOfQueueUnsubscribe(name, qos, reference, &info);
+        return false;
     }
     bool stopped = true;
     if (api.flowStop(handle.get()) != SOLCLIENT_OK) {

@@ -7,8 +7,8 @@
 #include "core/MessageHandler.h"
 #include "core/QOS.h"
 #include "core/Reference.h"
-#include "solace/SolClientABI.h"
 #include "solace/impl/VendorHandle.h"
+#include "solclient/SolClientABI.h"
 
 namespace KW {
 namespace Solace {

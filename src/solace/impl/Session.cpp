@@ -121,9 +121,11 @@ Session::Session(std::string const& destination,
 }
 
 void Session::stopSendingWorkers(unsigned long timeoutMs) {
-    subscribeWorker.setProcessor(nullptr, timeoutMs);
-    publishWorker.setProcessor(nullptr, timeoutMs);
-    forwardWorker.setProcessor(nullptr, timeoutMs);
+    // Not joined: a worker may be in a blocking library call that only the
+    // context thread (or the disconnect that follows) can end.
+    subscribeWorker.releaseProcessor(timeoutMs);
+    publishWorker.releaseProcessor(timeoutMs);
+    forwardWorker.releaseProcessor(timeoutMs);
 }
 
 Session::~Session() {
@@ -133,6 +135,20 @@ Session::~Session() {
         publishWorker.setProcessor(nullptr, 0);
         receiveWorker.setProcessor(nullptr, 0);
     };
+    // Not joined until disconnected: the disconnect wakes workers blocked in library calls.
+    subscribeWorker.releaseProcessor(0);
+    forwardWorker.releaseProcessor(0);
+    publishWorker.releaseProcessor(0);
+    receiveWorker.releaseProcessor(0);
+    int const state = connection.getState();
+    if ((state == Connection::CONNECTED || state == Connection::CONNECTING) &&
+        api.sessionDisconnect(handle.get()) != SOLCLIENT_OK) {
+        KW::DroppedFailures::record("solClient_session_disconnect", "while destroying the session");
+    }
+    subscribeWorker.awaitDetachedJobs();
+    forwardWorker.awaitDetachedJobs();
+    publishWorker.awaitDetachedJobs();
+    receiveWorker.awaitDetachedJobs();
     stopWorkers();
     {
         std::lock_guard<std::mutex> lock(subscriptionsMutex);
@@ -143,10 +159,6 @@ Session::~Session() {
             entry.second->destroyHandle();
         }
         flows.clear();
-    }
-    if (connection.getState() == Connection::CONNECTED &&
-        api.sessionDisconnect(handle.get()) != SOLCLIENT_OK) {
-        KW::DroppedFailures::record("solClient_session_disconnect", "while destroying the session");
     }
     handle.reset();
     stopWorkers();
@@ -194,6 +206,7 @@ bool Session::connect(unsigned long timeoutMs) {
 }
 
 void Session::disconnect(unsigned long timeoutMs) {
+    // Not joined: the JavaScript thread never waits for a blocked worker.
     stopSendingWorkers(timeoutMs);
     if (connection.getState() != Connection::DISCONNECTED) {
         if (api.sessionDisconnect(handle.get()) != SOLCLIENT_OK) {
@@ -263,7 +276,7 @@ void Session::handleEvent(solClient_session_eventCallbackInfo* info) {
             break;
         case SOLCLIENT_SESSION_EVENT_DOWN_ERROR:
             connection.setDisconnected();
-            stopSendingWorkers(0);
+            stopSendingWorkers(0);  // not joined: a worker may be blocked waiting for this thread
             notifyHandlerOfConnectState();
             break;
         case SOLCLIENT_SESSION_EVENT_CONNECT_FAILED_ERROR:

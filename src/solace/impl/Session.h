@@ -9,7 +9,7 @@
 #include "core/QOS.h"
 #include "core/Reference.h"
 #include "core/Worker.h"
-#include "solace/SolClientABI.h"
+#include "solclient/SolClientABI.h"
 #include "solace/impl/Connection.h"
 #include "solace/impl/VendorHandle.h"
 

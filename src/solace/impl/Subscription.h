@@ -8,7 +8,7 @@
 
 #include "core/MessageHandler.h"
 #include "core/Reference.h"
-#include "solace/SolClientABI.h"
+#include "solclient/SolClientABI.h"
 
 namespace KW {
 namespace Solace {

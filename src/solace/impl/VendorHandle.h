@@ -3,7 +3,7 @@
 #include <atomic>
 
 #include "core/DroppedFailures.h"
-#include "solace/SolClientABI.h"
+#include "solclient/SolClientABI.h"
 #include "solace/SolaceAPI.h"
 
 namespace KW {

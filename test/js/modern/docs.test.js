@@ -1,0 +1,40 @@
+'use strict';
+// Every example script and every block of docs/api.md marked "js runnable"
+// runs to a clean exit on the stand-in broker, requiring 'kwnode' as a user
+// would.
+const assert = require('assert');
+const childProcess = require('child_process');
+const fs = require('fs');
+const os = require('os');
+const path = require('path');
+const harness = require('../harness');
+
+const root = harness.root;
+// The scripts run in a scratch directory: library paths are made absolute.
+const env = Object.assign({}, process.env, {
+  LD_LIBRARY_PATH: (process.env.LD_LIBRARY_PATH || '').split(':').map((dir) => dir && path.resolve(dir)).join(':'),
+  SOLCLIENT_EMULATOR_QUEUES: 'orders,jobs,demo.orders',
+  SOLCLIENT_EMULATOR_BROKERS_DOWN: 'nowhere:1'
+});
+const scratch = fs.mkdtempSync(path.join(os.tmpdir(), 'kwnode-docs-'));
+fs.mkdirSync(path.join(scratch, 'node_modules'));
+fs.symlinkSync(root, path.join(scratch, 'node_modules', 'kwnode'), 'dir');
+process.on('exit', () => fs.rmSync(scratch, { recursive: true, force: true }));
+
+const examples = fs.readdirSync(path.join(root, 'examples')).filter((f) => f.endsWith('.js'))
+  .map((f) => [`examples/${f}`, path.join(root, 'examples', f)]);
+const blocks = fs.readFileSync(path.join(root, 'docs', 'api.md'), 'utf8')
+  .split(/^```js runnable\n/m).slice(1).map((block, i) => {
+    const file = path.join(scratch, `api-${i + 1}.js`);
+    fs.writeFileSync(file, block.split(/^```$/m)[0]);
+    return [`docs/api.md runnable block ${i + 1}`, file];
+  });
+assert.ok(examples.length >= 4 && blocks.length >= 6, 'examples and runnable blocks found');
+
+for (const [name, file] of examples.concat(blocks)) {
+  harness.test(name, (done) => {
+    childProcess.execFile(process.execPath, [file], { cwd: scratch, env, timeout: 30000 }, (err, stdout, stderr) => {
+      done(err && new Error(`${err.message}\n${stdout}${stderr}`));
+    });
+  });
+}

@@ -1,0 +1,105 @@
+'use strict';
+// Clients in Worker threads: each environment delivers on its own thread only
+// what its own subscriptions select, and a Worker may end at any time
+// without disturbing the others or the exit of the process.
+const assert = require('assert');
+const path = require('path');
+const childProcess = require('child_process');
+const harness = require('../harness');
+const { test } = harness;
+
+let Worker;
+try {
+  ({ Worker } = require('worker_threads'));
+} catch (e) {
+  console.log('0 passed, 0 failed (no worker_threads on Node ' + process.version + ')');
+  process.exit(0);
+}
+
+const VPN = 'workers';
+
+// Starts a Worker client; resolves with { worker, inbox } once its
+// subscriptions are made. inbox collects everything it posts.
+function startWorker(id, topics, quiet) {
+  const worker = new Worker(path.join(__dirname, 'worker-client.js'),
+    { workerData: { root: harness.root, id, vpn: VPN, topics, quiet } });
+  const inbox = [];
+  worker.on('message', (m) => inbox.push(m));
+  worker.on('error', (e) => inbox.push({ error: e }));
+  return harness.waitFor(() => inbox.some((m) => m.ready || m.error), id + ' ready', 20000).then(() => {
+    const failure = inbox.find((m) => m.error);
+    if (failure) throw failure.error;
+    assert.deepStrictEqual(inbox.find((m) => m.ready).ready, topics.map(() => null));
+    return { worker, inbox };
+  });
+}
+
+const received = (inbox) => inbox.filter((m) => m.topic).map((m) => m.topic + '=' + m.payload).sort();
+
+let main;
+const mainGot = harness.collector();
+
+test('two Workers and the main thread each receive only their own subscriptions', async () => {
+  main = await harness.connected('workers-main', VPN);
+  await harness.completion((done) => main.client.subscribe('wk/main/>', mainGot.handler, done));
+  const [a, b] = await Promise.all([startWorker('workers-a', ['wk/a/>']), startWorker('workers-b', ['wk/b/>'])]);
+  // Each environment's connection event reached its own event function.
+  assert.deepStrictEqual([a, b].map((w) => w.inbox[0].event), [[1, 3], [1, 3]]);
+  // Everyone publishes to everyone, the main thread included.
+  const all = [['wk/a/1', 'x'], ['wk/b/1', 'y'], ['wk/main/1', 'z']];
+  a.worker.postMessage({ publish: all });
+  b.worker.postMessage({ publish: all });
+  all.forEach(([t, p]) => main.client.publish(t, 'main-' + p));
+  await Promise.all([mainGot.waitFor(3),
+    harness.waitFor(() => received(a.inbox).length >= 3 && received(b.inbox).length >= 3, 'worker messages')]);
+  assert.deepStrictEqual(received(a.inbox), ['wk/a/1=main-x', 'wk/a/1=x', 'wk/a/1=x']);
+  assert.deepStrictEqual(received(b.inbox), ['wk/b/1=main-y', 'wk/b/1=y', 'wk/b/1=y']);
+  assert.deepStrictEqual(mainGot.map((m) => m.payload().toString()).sort(), ['main-z', 'z', 'z']);
+  await Promise.all([a.worker.terminate(), b.worker.terminate()]);
+});
+
+test('a Worker terminated while messages are in flight leaves the others working', async () => {
+  const flood = await startWorker('workers-flood', ['wk/flood/>'], true);
+  const other = await startWorker('workers-other', ['wk/other/>']);
+  let sent = 0;
+  const publishing = setInterval(() => {
+    for (let i = 0; i < 200; i++) main.client.publish('wk/flood/' + (sent++), 'payload');
+  }, 1);
+  await harness.waitFor(() => flood.inbox.some((m) => m.first), 'first flooded message');
+  await flood.worker.terminate();
+  await new Promise((resolve) => setTimeout(resolve, 100));  // the flood goes on into the ended Worker
+  clearInterval(publishing);
+  // The survivors still deliver, and a new Worker loads the module afresh.
+  const late = await startWorker('workers-late', ['wk/late/>']);
+  main.client.publish('wk/other/after', 'o');
+  main.client.publish('wk/late/after', 'l');
+  main.client.publish('wk/main/after', 'm');
+  await Promise.all([mainGot.waitFor(4),
+    harness.waitFor(() => received(other.inbox).length && received(late.inbox).length, 'survivor messages')]);
+  assert.deepStrictEqual([received(other.inbox), received(late.inbox)], [['wk/other/after=o'], ['wk/late/after=l']]);
+  assert.ok(sent > 200, 'messages were in flight: ' + sent);
+  await Promise.all([other.worker.terminate(), late.worker.terminate()]);
+});
+
+test('the process exits cleanly while Workers hold clients and messages flow', () => {
+  // A Worker ends itself, another is left running; the main thread exits
+  // with publishing under way.
+  const script = `
+    const { Worker } = require('worker_threads');
+    const kw = require(${JSON.stringify(harness.root)});
+    const file = ${JSON.stringify(path.join(__dirname, 'worker-client.js'))};
+    const start = (id, topics) => new Promise((resolve) => {
+      const w = new Worker(file, { workerData: { root: ${JSON.stringify(harness.root)}, id, vpn: 'exit', topics, quiet: true } });
+      w.on('message', (m) => { if (m.ready) resolve(w); });
+    });
+    const c = new kw.KWNodeClient('exit-main', 'SOLACE', { host: 'h', port: 1, vpn: 'exit' });
+    c.connect();
+    Promise.all([start('exit-a', ['x/>']), start('exit-b', ['x/>'])]).then(([a, b]) => {
+      for (let i = 0; i < 2000; i++) c.publish('x/' + i, 'p');
+      a.terminate();
+      setTimeout(() => { console.log('exiting'); process.exit(0); }, 20);
+    });`;
+  const run = childProcess.spawnSync(process.execPath, ['-e', script], { env: process.env, timeout: 60000 });
+  assert.deepStrictEqual([run.status, run.signal, run.stdout.toString().trim(), run.stderr.toString()],
+    [0, null, 'exiting', '']);
+});

@@ -1,0 +1,30 @@
+'use strict';
+// Run inside an application folder where the packed package was installed
+// (npm install <tarball> --ignore-scripts): the installed kwnode loads its
+// prebuilt add-on on this Node.js line and makes a round trip on the stand-in
+// broker shipped with it. Parses on Node 6.
+var assert = require('assert');
+var path = require('path');
+
+var app = process.argv[2];
+var kwnode = require(path.join(app, 'node_modules', 'kwnode'));
+var resolved = require.resolve(path.join(app, 'node_modules', 'kwnode', 'prebuilds', 'linux-x64',
+  'node-v' + process.versions.modules, 'kwnode.node'));
+assert.ok(require.cache[resolved], 'the prebuilt add-on for ABI ' + process.versions.modules + ' was loaded');
+
+var client = new kwnode.KWNodeClient('package', 'SOLACE', { host: 'localhost', port: 55555, vpn: 'package' });
+client.connect();
+var timer = setTimeout(function () { throw new Error('no round trip within 20 s'); }, 20000);
+var wait = setInterval(function () {
+  if (client.getConnectionState() !== 3) return;
+  clearInterval(wait);
+  client.subscribe('pkg/>', function (m) {
+    assert.deepStrictEqual([m.topic(), m.payload().toString()], ['pkg/hello', 'from ' + process.version]);
+    clearTimeout(timer);
+    console.log('round trip on Node ' + process.version + ' with ' + path.relative(app, resolved));
+    process.exit(0);
+  }, function (err) {
+    assert.strictEqual(err, null);
+    client.publish('pkg/hello', 'from ' + process.version);
+  });
+}, 5);
