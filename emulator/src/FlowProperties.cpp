@@ -4,12 +4,12 @@
 
 namespace solemu {
 
-bool FlowProperties::parse(const PropertyList& list, std::string& error) {
+bool FlowProperties::parse(PropertyList const& list, std::string& error) {
     bool queueEntity = false;
-    for (const auto& entry : list.entries()) {
-        const std::string& name = entry.first;
-        const std::string& value = entry.second;
-        auto bad = [&](const char* what) {
+    for (auto const& entry : list.entries()) {
+        std::string const& name = entry.first;
+        std::string const& value = entry.second;
+        auto bad = [&](char const* what) {
             error.assign("flow property ").append(name).append(": ").append(what);
             error.append(" ('").append(value).append("')");
             return false;
