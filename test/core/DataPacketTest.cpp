@@ -39,7 +39,9 @@ class DataPacketInspector {
 namespace {
 
 using KW::DataPacket;
-constexpr auto layout = &KW::DataPacketInspector::layout;
+auto layout(DataPacket& packet) {
+    return KW::DataPacketInspector::layout(packet);
+}
 using Bytes = std::vector<std::uint8_t>;
 
 Bytes pattern(std::size_t n, std::uint8_t seed) {
