@@ -17,8 +17,10 @@ const { RESULT_TAG } = require('./worker');
 const WORKER = path.join(__dirname, 'worker.js');
 const log = (line) => process.stderr.write(`[bench] ${line}\n`);
 
-function workerEnv(emulatorDir) {
+function workerEnv(emulatorDir, params = {}) {
   const e = { ...process.env, SOLCLIENT_EMULATOR_QUEUES: QUEUE };
+  // Every job but the round-trip one gets the instant broker.
+  e.SOLCLIENT_EMULATOR_ROUND_TRIP_US = String(params.roundTripUs || 0);
   if (emulatorDir) e.LD_LIBRARY_PATH = env.prependLibraryPath(emulatorDir, process.env.LD_LIBRARY_PATH);
   return e;
 }
@@ -28,7 +30,7 @@ function runWorker(job, emulatorDir, timeoutMs) {
   const args = job.workload === 'memory' ? ['--expose-gc', WORKER] : [WORKER];
   const payload = { workload: job.workload, system: job.system, params: job.params };
   const r = spawnSync(process.execPath, [...args, JSON.stringify(payload)], {
-    env: workerEnv(emulatorDir),
+    env: workerEnv(emulatorDir, job.params),
     encoding: 'utf8',
     timeout: timeoutMs,
     maxBuffer: 16 * 1024 * 1024,
@@ -135,3 +137,5 @@ function main() {
 }
 
 if (require.main === module) process.exitCode = main();
+
+module.exports = { workerEnv };

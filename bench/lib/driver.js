@@ -8,6 +8,12 @@
 const { latencyPercentiles } = require('./stats');
 
 const now = () => process.hrtime.bigint();
+// Process CPU time (every thread: JavaScript, library and broker threads),
+// microseconds.
+const cpuMicros = () => {
+  const u = process.cpuUsage();
+  return u.user + u.system;
+};
 const nsToS = (ns) => Number(ns) / 1e9;
 const yieldMacrotask = () => new Promise((resolve) => setImmediate(resolve));
 
@@ -58,6 +64,7 @@ async function runThroughput(transport, opts) {
   let sent = 0;
   let writtenOff = 0;
   let stalls = 0;
+  const cpuStart = cpuMicros();
   const start = now();
   while (sent < count) {
     while (sent - received - writtenOff >= window) {
@@ -79,6 +86,7 @@ async function runThroughput(transport, opts) {
   while (received < sent) {
     if (!(await waiter.wait(stallMs))) break;
   }
+  const cpu = cpuMicros() - cpuStart;
   transport.onMessage = () => {};
   const end = received ? lastReceive : now();
   const seconds = nsToS(end - start);
@@ -90,6 +98,7 @@ async function runThroughput(transport, opts) {
     seconds,
     msgsPerSec: received / seconds,
     mbPerSec: bytes / seconds / 1e6,
+    cpuUsPerMsg: received ? cpu / received : null,
   };
 }
 
@@ -149,4 +158,4 @@ async function runLatency(transport, opts) {
   };
 }
 
-module.exports = { runThroughput, runLatency, yieldMacrotask, makeProgressWaiter, now, nsToS };
+module.exports = { runThroughput, runLatency, yieldMacrotask, makeProgressWaiter, now, nsToS, cpuMicros };

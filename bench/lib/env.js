@@ -37,14 +37,21 @@ function prependLibraryPath(dir, current) {
   return [dir, ...rest].join(':');
 }
 
+// KWNODE_BUILD_DIR, when set, names the build tree to measure (another
+// configuration, or an older build kept for a before/after comparison).
+function buildDir(root = ROOT) {
+  return process.env.KWNODE_BUILD_DIR ? path.resolve(root, process.env.KWNODE_BUILD_DIR) : path.join(root, 'build');
+}
+
 function addonDir(root = ROOT, abi = process.versions.modules) {
-  return path.join(root, 'build', 'addon', `node-v${abi}`);
+  return path.join(buildDir(root), 'addon', `node-v${abi}`);
 }
 
 // The module as scripts load it (the package main), falling back to the
-// add-on file itself while the package entry is not there yet.
+// add-on file itself while the package entry is not there yet or when
+// KWNODE_BUILD_DIR names another build tree.
 function loadKwnode(root = ROOT) {
-  if (fs.existsSync(path.join(root, 'index.js'))) return require(root);
+  if (!process.env.KWNODE_BUILD_DIR && fs.existsSync(path.join(root, 'index.js'))) return require(root);
   return require(path.join(addonDir(root), 'kwnode.node'));
 }
 

@@ -4,11 +4,11 @@
 const path = require('path');
 
 const USAGE = `usage: node bench/run.js [--short] [--reps N] [--systems kwnode,baseline,zeromq]
-                         [--workloads direct,guaranteed,latency,bridge,memory]
+                         [--workloads direct,guaranteed,latency,bridge,memory,roundtrip]
                          [--out DIR] [--emulator-dir DIR] [--no-install]`;
 
 const ALL_SYSTEMS = ['kwnode', 'baseline', 'zeromq'];
-const ALL_WORKLOADS = ['direct', 'guaranteed', 'latency', 'bridge', 'memory'];
+const ALL_WORKLOADS = ['direct', 'guaranteed', 'latency', 'bridge', 'memory', 'roundtrip'];
 
 // Which systems each workload has a variant for.
 const WORKLOAD_SYSTEMS = {
@@ -17,6 +17,7 @@ const WORKLOAD_SYSTEMS = {
   guaranteed: ['kwnode'],
   bridge: ['kwnode', 'baseline'],
   memory: ALL_SYSTEMS,
+  roundtrip: ['kwnode'],
 };
 
 const PROFILES = {
@@ -33,6 +34,7 @@ const PROFILES = {
     guaranteed: { size: 1024, count: 20000, window: 200 },
     bridge: { items: 1000000, threads: [1, 2] },
     memory: { count: 1000000, window: 256 },
+    roundtrip: { roundTripUs: 200, count: 100000, window: 256, durationMs: 1000, guaranteedCount: 20000, guaranteedWindow: 200 },
   },
   short: {
     reps: 3,
@@ -47,6 +49,7 @@ const PROFILES = {
     guaranteed: { size: 1024, count: 2000, window: 200 },
     bridge: { items: 100000, threads: [1, 2] },
     memory: { count: 100000, window: 256 },
+    roundtrip: { roundTripUs: 200, count: 10000, window: 256, durationMs: 200, guaranteedCount: 2000, guaranteedWindow: 200 },
   },
 };
 

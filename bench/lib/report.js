@@ -15,6 +15,7 @@ const WORKLOAD_TITLES = {
   latency: 'Latency (64 B)',
   bridge: 'Bridge floor',
   memory: 'Memory (child process)',
+  roundtrip: 'Broker round trip',
 };
 
 // Row label and whether the ratio column means anything for the metric.
@@ -22,6 +23,7 @@ const METRICS = {
   msgsPerSec: { label: 'msg/s', ratio: true },
   mbPerSec: { label: 'MB/s', ratio: true },
   dropped: { label: 'dropped', ratio: false },
+  cpuUsPerMsg: { label: 'CPU µs/msg', ratio: true },
   ackedPerSec: { label: 'acked sends/s', ratio: true },
   consumedPerSec: { label: 'acknowledged msg/s', ratio: true },
   p50us: { label: 'p50 µs', ratio: true },

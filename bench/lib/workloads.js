@@ -5,7 +5,7 @@
 const { EventEmitter } = require('events');
 const env = require('./env');
 const transports = require('./transports');
-const { runThroughput, runLatency, makeProgressWaiter, now, nsToS } = require('./driver');
+const { runThroughput, runLatency, makeProgressWaiter, now, nsToS, cpuMicros } = require('./driver');
 
 const QUEUE = 'kwbench_q';
 
@@ -32,7 +32,7 @@ async function direct(system, params) {
     const r = await runThroughput(t, { payload, count, window: params.window });
     out.push({
       variant: sizeLabel(size),
-      metrics: { msgsPerSec: r.msgsPerSec, mbPerSec: r.mbPerSec, dropped: r.dropped },
+      metrics: { msgsPerSec: r.msgsPerSec, mbPerSec: r.mbPerSec, cpuUsPerMsg: r.cpuUsPerMsg, dropped: r.dropped },
     });
   }
   // The same small messages with a window far above the adapter's receive
@@ -42,7 +42,7 @@ async function direct(system, params) {
     const r = await runThroughput(t, { payload: Buffer.alloc(f.size, 0x61), count: f.count, window: f.window });
     out.push({
       variant: `${sizeLabel(f.size)}, ${f.window} in flight`,
-      metrics: { msgsPerSec: r.msgsPerSec, mbPerSec: r.mbPerSec, dropped: r.dropped },
+      metrics: { msgsPerSec: r.msgsPerSec, mbPerSec: r.mbPerSec, cpuUsPerMsg: r.cpuUsPerMsg, dropped: r.dropped },
     });
   }
   t.close();
@@ -86,6 +86,7 @@ async function publishGuaranteed(client, count, window, payload) {
     waiter.tick();
   };
   let sent = 0;
+  const cpuStart = cpuMicros();
   const start = now();
   while (sent < count) {
     while (sent - answered >= window) {
@@ -100,8 +101,9 @@ async function publishGuaranteed(client, count, window, payload) {
     if (!(await waiter.wait(5000))) throw new Error(`guaranteed publish stalled at ${answered}/${sent}`);
   }
   const seconds = nsToS(now() - start);
+  const cpu = cpuMicros() - cpuStart;
   if (failed) throw new Error(`${failed} guaranteed publishes failed, first: ${firstError}`);
-  return { perSec: sent / seconds };
+  return { perSec: sent / seconds, cpuUsPerMsg: cpu / sent };
 }
 
 // Subscribes to the queue and acknowledges `count` messages; resolves with the
@@ -155,8 +157,35 @@ async function guaranteed(system, params) {
   pub.disconnect();
   con.disconnect();
   return [
-    { variant: `publish ${sizeLabel(params.size)}`, metrics: { ackedPerSec: p.perSec } },
+    { variant: `publish ${sizeLabel(params.size)}`, metrics: { ackedPerSec: p.perSec, cpuUsPerMsg: p.cpuUsPerMsg } },
     { variant: `consume ${sizeLabel(params.size)}`, metrics: { consumedPerSec: c.perSec } },
+  ];
+}
+
+// 7. The same client paths against a broker that takes `roundTripUs` to
+// answer (the stand-in reads SOLCLIENT_EMULATOR_ROUND_TRIP_US, which the
+// orchestrator sets from the parameters): paced direct delivery, latency at
+// 10k/s and guaranteed publishes, as a user of a real broker would see them.
+async function roundtrip(system, params) {
+  if (system !== 'kwnode') throw new Error('the round-trip workload exists for kwnode only');
+  const label = `${params.roundTripUs} µs broker`;
+  const t = await openSystem(system);
+  const payload = Buffer.alloc(64, 0x61);
+  await runThroughput(t, { payload, count: Math.max(100, Math.floor(params.count / 10)), window: params.window });
+  const d = await runThroughput(t, { payload, count: params.count, window: params.window });
+  await runLatency(t, { rate: 10000, durationMs: Math.max(50, params.durationMs / 5), size: 64 });
+  const l = await runLatency(t, { rate: 10000, durationMs: params.durationMs, size: 64 });
+  t.close();
+  const mod = env.loadKwnode();
+  const pub = await transports.withTimeout(transports.connectKwnode(mod.KWNodeClient, 'bench-rpub'), 10000, 'connect');
+  const g = Buffer.alloc(1024, 0x62);
+  await publishGuaranteed(pub, Math.max(100, Math.floor(params.guaranteedCount / 10)), params.guaranteedWindow, g);
+  const p = await publishGuaranteed(pub, params.guaranteedCount, params.guaranteedWindow, g);
+  pub.disconnect();
+  return [
+    { variant: `direct 64 B, ${label}`, metrics: { msgsPerSec: d.msgsPerSec, cpuUsPerMsg: d.cpuUsPerMsg, dropped: d.dropped } },
+    { variant: `latency 10k/s, ${label}`, metrics: { p50us: l.p50us, p99us: l.p99us, dropped: l.dropped } },
+    { variant: `guaranteed publish 1 KiB, ${label}`, metrics: { ackedPerSec: p.perSec, cpuUsPerMsg: p.cpuUsPerMsg } },
   ];
 }
 
@@ -231,4 +260,4 @@ async function memory(system, params) {
   ];
 }
 
-module.exports = { direct, latency, guaranteed, bridge, memory, sizeLabel, QUEUE };
+module.exports = { direct, latency, guaranteed, bridge, memory, roundtrip, sizeLabel, QUEUE };

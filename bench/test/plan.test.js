@@ -33,10 +33,11 @@ test('systems alternate within each repetition', () => {
 });
 
 test('workloads only run for systems that have them and are available', () => {
-  const opts = { mode: 'full', reps: null, systems: ['kwnode', 'baseline', 'zeromq'], workloads: ['guaranteed', 'bridge', 'memory'] };
+  const opts = { mode: 'full', reps: null, systems: ['kwnode', 'baseline', 'zeromq'], workloads: ['guaranteed', 'bridge', 'memory', 'roundtrip'] };
   const jobs = buildJobs(opts, { ...all, zeromq: false, probe: false });
   const by = (w) => new Set(jobs.filter((j) => j.workload === w).map((j) => j.system));
   assert.deepEqual([...by('guaranteed')], ['kwnode']);
+  assert.deepEqual([...by('roundtrip')], ['kwnode']);
   // No probe add-on: the bridge floor has only the baseline left.
   assert.deepEqual([...by('bridge')], ['baseline']);
   assert.deepEqual([...by('memory')], ['kwnode', 'baseline']);

@@ -37,6 +37,13 @@ test('a baseline-only run prints the table and writes matching JSON', (t) => {
   assert.ok(r.stdout.includes(doc.table), 'the printed table is the one stored');
 });
 
+test('only the round-trip jobs get a broker that takes time to answer', () => {
+  const { workerEnv } = require('../run');
+  const { PROFILES } = require('../lib/plan');
+  const rtt = (params) => workerEnv(null, params).SOLCLIENT_EMULATOR_ROUND_TRIP_US;
+  assert.deepEqual([rtt(PROFILES.full.direct), rtt(PROFILES.short.roundtrip), rtt(PROFILES.full.roundtrip)], ['0', '200', '200']);
+});
+
 test('a worker that cannot run its job fails with the reason and no result', () => {
   const cases = [
     [JSON.stringify({ workload: 'nonsense', system: 'baseline', params: {} }), 1, /unknown workload nonsense/],

@@ -2,8 +2,30 @@
 
 #include "KWClient/KWCallbackProcessor.h"
 
-KWDoneCallback::KWDoneCallback(v8::Local<v8::Function> const& fn)
-    : function(KWCallbackProcessor::getInstance()->shareFunction(fn)) {}
+namespace {
+// The handle on the function most recently given to a completion, for as
+// long as some completion still holds it. JavaScript thread only.
+thread_local std::weak_ptr<Nan::Callback> lastFunction;
+
+// Completions of requests made with the same function (one completion
+// function for many publishes is the common case) share one persistent
+// handle instead of creating and disposing one per request; calling it is
+// the same.
+std::shared_ptr<Nan::Callback> handleOn(v8::Local<v8::Function> const& fn) {
+    if (fn.IsEmpty()) {
+        return KWCallbackProcessor::getInstance()->shareFunction(fn);
+    }
+    std::shared_ptr<Nan::Callback> last = lastFunction.lock();
+    if (last && !last->IsEmpty() && last->GetFunction() == fn) {
+        return last;
+    }
+    last = KWCallbackProcessor::getInstance()->shareFunction(fn);
+    lastFunction = last;
+    return last;
+}
+}  // namespace
+
+KWDoneCallback::KWDoneCallback(v8::Local<v8::Function> const& fn) : function(handleOn(fn)) {}
 
 KWDoneCallback::~KWDoneCallback() = default;
 

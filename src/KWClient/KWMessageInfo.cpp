@@ -11,10 +11,9 @@ void KWMessageInfo::executeCallback() {
         return;
     }
     v8::Local<v8::Object> object;
-    if (!KWNodeMessage::NewEmpty().ToLocal(&object)) {
+    if (!KWNodeMessage::NewWithMessage(message).ToLocal(&object)) {
         return;
     }
-    Nan::ObjectWrap::Unwrap<KWNodeMessage>(object)->setMessage(message);
     v8::Local<v8::Value> argv[] = {object};
     KWCallbackProcessor::getInstance()->call(callback->GetFunction(), 1, argv);
 }

@@ -68,7 +68,7 @@ Shape shapeOf(Nan::FunctionCallbackInfo<v8::Value> const& info) {
 std::shared_ptr<KW::DataPacket> packetOf(v8::Local<v8::Value> value) {
     if (value->IsString()) {
         Nan::Utf8String text(value);
-        return std::make_shared<KW::DataPacket>(*text, static_cast<unsigned long>(text.length()));
+        return KW::DataPacket::create(*text, static_cast<unsigned long>(text.length()));
     }
     if (value->IsArrayBuffer()) {
         v8::Local<v8::ArrayBuffer> buffer = value.As<v8::ArrayBuffer>();
@@ -76,7 +76,7 @@ std::shared_ptr<KW::DataPacket> packetOf(v8::Local<v8::Value> value) {
     }
     if (value->IsArrayBufferView()) {
         Nan::TypedArrayContents<char> bytes(value);
-        return std::make_shared<KW::DataPacket>(*bytes, static_cast<unsigned long>(bytes.length()));
+        return KW::DataPacket::create(*bytes, static_cast<unsigned long>(bytes.length()));
     }
     return nullptr;
 }

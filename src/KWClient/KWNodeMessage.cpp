@@ -1,6 +1,7 @@
 #include "KWClient/KWNodeMessage.h"
 
 #include <cstdint>
+#include <cstring>
 
 #include "KWClient/KWBoundary.h"
 #include "core/DataPacket.h"
@@ -14,6 +15,85 @@ char const PATH[] = "src/KWClient/KWNodeMessage";
 // packet.
 void releasePacket(char*, void* hint) {
     delete static_cast<std::shared_ptr<KW::DataPacket>*>(hint);
+}
+
+// The internal field where a message object keeps the Buffer its first
+// payload() call copied the bytes into.
+constexpr int COPIED_PAYLOAD_FIELD = 1;
+
+v8::Local<v8::Value> copiedPayload(v8::Local<v8::Object> object) {
+#if V8_MAJOR_VERSION >= 11
+    return object->GetInternalField(COPIED_PAYLOAD_FIELD).As<v8::Value>();
+#else
+    return object->GetInternalField(COPIED_PAYLOAD_FIELD);
+#endif
+}
+
+// A Buffer over n bytes of ab from offset.
+Nan::MaybeLocal<v8::Object> bufferOver(v8::Local<v8::ArrayBuffer> ab, size_t offset, size_t n) {
+#if NODE_MODULE_VERSION >= NODE_14_0_MODULE_VERSION
+    // Some lines give a MaybeLocal<Uint8Array>, others a MaybeLocal<Object>.
+    auto made = node::Buffer::New(v8::Isolate::GetCurrent(), ab, offset, n);
+    if (made.IsEmpty()) {
+        return Nan::MaybeLocal<v8::Object>();
+    }
+    return made.ToLocalChecked().template As<v8::Object>();
+#else
+    // What node::Buffer::New over an ArrayBuffer does on later lines.
+    static Nan::Persistent<v8::Value> prototype;
+    if (prototype.IsEmpty()) {
+        prototype.Reset(Nan::NewBuffer(0).ToLocalChecked()->GetPrototype());
+    }
+    v8::Local<v8::Uint8Array> view = v8::Uint8Array::New(ab, offset, n);
+    if (!view->SetPrototype(Nan::GetCurrentContext(), Nan::New(prototype)).FromMaybe(false)) {
+        return Nan::MaybeLocal<v8::Object>();
+    }
+    return view;
+#endif
+}
+
+// Small payloads are copied into a shared slab, as Buffer.allocUnsafe does
+// with its pool: one ArrayBuffer per 32 KiB of payloads instead of one
+// backing store per message. One per JavaScript thread.
+class PayloadSlab {
+  public:
+    static constexpr size_t SIZE = 32 * 1024;
+
+    Nan::MaybeLocal<v8::Object> copy(char const* data, size_t n) {
+        if (slab.IsEmpty() || used + n > SIZE) {
+            refill();
+        }
+        std::memcpy(base + used, data, n);
+        size_t const offset = used;
+        used = (used + n + 7) & ~static_cast<size_t>(7);
+        return bufferOver(Nan::New(slab), offset, n);
+    }
+
+  private:
+    void refill() {
+        v8::Local<v8::ArrayBuffer> ab = v8::ArrayBuffer::New(v8::Isolate::GetCurrent(), SIZE);
+#if NODE_MODULE_VERSION >= NODE_14_0_MODULE_VERSION
+        base = static_cast<char*>(ab->GetBackingStore()->Data());
+#else
+        base = static_cast<char*>(ab->GetContents().Data());
+#endif
+        // Buffers already carved keep the old slab alive.
+        slab.Reset(ab);
+        used = 0;
+    }
+
+    // Persistent handles are not reset on destruction, so a thread that
+    // ends after its isolate leaves nothing to dispose.
+    Nan::Persistent<v8::ArrayBuffer> slab;
+    char* base = nullptr;
+    size_t used = 0;
+};
+
+thread_local PayloadSlab payloadSlab;
+
+// A new Buffer over the same bytes as an earlier one.
+Nan::MaybeLocal<v8::Object> bufferLike(v8::Local<v8::Uint8Array> earlier) {
+    return bufferOver(earlier->Buffer(), earlier->ByteOffset(), earlier->ByteLength());
 }
 }  // namespace
 
@@ -57,6 +137,22 @@ v8::Local<v8::Object> KWNodeMessage::NewInstance(v8::Local<v8::Value> arg) {
 
 Nan::MaybeLocal<v8::Object> KWNodeMessage::NewEmpty() {
     return Nan::NewInstance(Nan::New(constructor), 0, nullptr);
+}
+
+// Equivalent to NewEmpty plus setMessage: New reads no argument and only
+// wraps, and an instance of the class template has the constructor's
+// prototype; skipping the call into New saves a JavaScript function call per
+// delivered message.
+Nan::MaybeLocal<v8::Object> KWNodeMessage::NewWithMessage(std::shared_ptr<KW::Message> message) {
+    Nan::EscapableHandleScope scope;
+    v8::Local<v8::Object> object;
+    if (!Nan::NewInstance(Nan::New(classTemplate)->InstanceTemplate()).ToLocal(&object)) {
+        return Nan::MaybeLocal<v8::Object>();
+    }
+    auto* self = new KWNodeMessage();
+    self->Wrap(object);
+    self->message = std::move(message);
+    return scope.Escape(object);
 }
 
 std::shared_ptr<KW::Message> KWNodeMessage::messageOf(v8::Local<v8::Value> value) {
@@ -115,6 +211,27 @@ NAN_METHOD(KWNodeMessage::Payload) {
         std::shared_ptr<KW::DataPacket> packet = self->message->getPayload();
         if (!packet || packet->size() == 0) {
             info.GetReturnValue().Set(Nan::NewBuffer(0).ToLocalChecked());
+            return;
+        }
+        if (packet->size() <= COPIED_PAYLOAD_MAX) {
+            // A small payload is copied once into an ordinary Buffer carved
+            // from a slab (far cheaper for the engine than an external
+            // Buffer with its own backing store); later calls give
+            // new Buffers over those same bytes, so Buffers of one message
+            // still share their memory.
+            v8::Local<v8::Object> buffer;
+            v8::Local<v8::Value> earlier = copiedPayload(info.This());
+            if (earlier->IsUint8Array()) {
+                if (bufferLike(earlier.As<v8::Uint8Array>()).ToLocal(&buffer)) {
+                    info.GetReturnValue().Set(buffer);
+                }
+                return;
+            }
+            auto const* data = static_cast<char const*>(packet->data());
+            if (payloadSlab.copy(data, packet->size()).ToLocal(&buffer)) {
+                info.This()->SetInternalField(COPIED_PAYLOAD_FIELD, buffer);
+                info.GetReturnValue().Set(buffer);
+            }
             return;
         }
         // Zero copy: the Buffer points into the packet and keeps it alive

@@ -14,6 +14,12 @@ class KWNodeMessage : public Nan::ObjectWrap {
     static v8::Local<v8::Object> NewInstance(v8::Local<v8::Value> arg);
     // A new, empty object made through the constructor with no arguments.
     static Nan::MaybeLocal<v8::Object> NewEmpty();
+    // A new object holding message: what NewEmpty and setMessage give,
+    // without running the constructor function.
+    static Nan::MaybeLocal<v8::Object> NewWithMessage(std::shared_ptr<KW::Message> message);
+    // Payloads up to this size are copied into the Buffer that payload()
+    // returns; larger ones are shared with the packet.
+    static constexpr unsigned long COPIED_PAYLOAD_MAX = 4096;
     // The message held by value when value is an object of this class that
     // holds one; empty otherwise (plain objects, other classes, script-made
     // objects).

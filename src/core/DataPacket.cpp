@@ -1,10 +1,21 @@
 #include "core/DataPacket.h"
 
+#include <cstddef>
 #include <cstring>
+#include <new>
+#include <utility>
 
 namespace KW {
 
 namespace {
+
+// Unlinks the first chunk of a list and frees it (unless it lives in its
+// packet's block). The rest is moved out first: assigning head->next to head
+// directly would read the deleter of `next` from the chunk it has just freed.
+void dropFirst(DataPacketChunkPtr& head) {
+    DataPacketChunkPtr rest = std::move(head->next);
+    head = std::move(rest);
+}
 
 // memcpy must not see a null pointer, even for zero bytes.
 void copyBytes(void* to, void const* from, unsigned long n) {
@@ -15,8 +26,60 @@ void copyBytes(void* to, void const* from, unsigned long n) {
 
 }  // namespace
 
-std::unique_ptr<DataPacket::Chunk> DataPacket::makeChunk(unsigned long n) {
-    auto chunk = std::make_unique<Chunk>();
+void DataPacketChunkRelease::operator()(DataPacketChunk* chunk) const {
+    if (owned) {
+        delete chunk;
+    }
+}
+
+void DataPacketBytesRelease::operator()(unsigned char* bytes) const {
+    if (owned) {
+        delete[] bytes;
+    }
+}
+
+// Allocates what allocate_shared asks for (the count and the packet) with
+// room for `extra` bytes behind it, and reports where that room starts.
+template <typename T>
+class DataPacket::TrailingAllocator {
+  public:
+    using value_type = T;
+
+    TrailingAllocator(std::size_t extra, unsigned char** room) : extra(extra), room(room) {}
+    template <typename U>
+    explicit TrailingAllocator(TrailingAllocator<U> const& other)
+        : extra(other.extra), room(other.room) {}
+
+    T* allocate(std::size_t n) {
+        constexpr std::size_t align = alignof(std::max_align_t);
+        std::size_t const front = (n * sizeof(T) + align - 1) / align * align;
+        auto* block = static_cast<unsigned char*>(::operator new(front + extra));
+        *room = block + front;
+        return reinterpret_cast<T*>(block);
+    }
+    void deallocate(T* block, std::size_t) { ::operator delete(block); }
+
+    // Lets allocate_shared reach the packet's private in-place constructor.
+    template <typename U, typename... Args>
+    void construct(U* at, Args&&... args) {
+        ::new (static_cast<void*>(at)) U(std::forward<Args>(args)...);
+    }
+
+    template <typename U>
+    bool operator==(TrailingAllocator<U> const& other) const {
+        return extra == other.extra && room == other.room;
+    }
+    template <typename U>
+    bool operator!=(TrailingAllocator<U> const& other) const {
+        return !(*this == other);
+    }
+
+    std::size_t extra;
+    unsigned char** room;
+};
+
+DataPacket::ChunkPtr DataPacket::makeChunk(unsigned long n) {
+    ChunkPtr chunk(new Chunk());
     unsigned long capacity = n + HEADROOM + TAILROOM;
     // Left uninitialised: every caller fills the data bytes it counts.
     chunk->buffer.reset(new unsigned char[capacity]);
@@ -24,6 +87,30 @@ std::unique_ptr<DataPacket::Chunk> DataPacket::makeChunk(unsigned long n) {
     chunk->offset = HEADROOM;
     chunk->length = n;
     return chunk;
+}
+
+DataPacket::ChunkPtr DataPacket::detach(ChunkPtr list, Chunk** tail) {
+    ChunkPtr* link = &list;
+    Chunk* last = nullptr;
+    while (*link) {
+        Chunk* chunk = link->get();
+        if (!link->get_deleter().owned || !chunk->buffer.get_deleter().owned) {
+            // Same capacity, offset, length and every byte of the buffer (the
+            // headroom may hold counted bytes, see stealAndPrependData).
+            ChunkPtr copy(new Chunk());
+            copy->buffer.reset(new unsigned char[chunk->capacity]);
+            copyBytes(copy->buffer.get(), chunk->buffer.get(), chunk->capacity);
+            copy->capacity = chunk->capacity;
+            copy->offset = chunk->offset;
+            copy->length = chunk->length;
+            copy->next = std::move(chunk->next);
+            *link = std::move(copy);
+        }
+        last = link->get();
+        link = &last->next;
+    }
+    *tail = last;
+    return list;
 }
 
 DataPacket::DataPacket() : totalSize(0), head(makeChunk(0)), tail(head.get()) {}
@@ -35,23 +122,44 @@ DataPacket::DataPacket(void const* data, unsigned long n)
     copyBytes(head->buffer.get() + head->offset, data, n);
 }
 
-DataPacket::~DataPacket() {
-    // Unlink one chunk at a time so that a long list is not freed recursively.
-    while (head) {
-        head = std::move(head->next);
+// The same chunk as makeChunk(n) gives, over bytes allocated with the packet.
+DataPacket::DataPacket(InPlace storage, void const* data, unsigned long n)
+    : totalSize(n), head(&first, ChunkRelease{false}), tail(&first) {
+    first.buffer =
+        std::unique_ptr<unsigned char[], BytesRelease>(*storage.bytes, BytesRelease{false});
+    first.capacity = n + HEADROOM + TAILROOM;
+    first.offset = HEADROOM;
+    first.length = n;
+    if (data != nullptr) {
+        copyBytes(first.buffer.get() + first.offset, data, n);
     }
 }
 
+DataPacket::~DataPacket() {
+    // Unlink one chunk at a time so that a long list is not freed recursively.
+    while (head) {
+        dropFirst(head);
+    }
+}
+
+// One allocation instead of three (count and packet, chunk record, bytes);
+// the chunk layout is the one the plain constructors make.
+std::shared_ptr<DataPacket> DataPacket::createInPlace(void const* data, unsigned long n) {
+    unsigned char* bytes = nullptr;
+    TrailingAllocator<DataPacket> allocator(n + HEADROOM + TAILROOM, &bytes);
+    return std::allocate_shared<DataPacket>(allocator, InPlace{&bytes}, data, n);
+}
+
 std::shared_ptr<DataPacket> DataPacket::create() {
-    return std::make_shared<DataPacket>();
+    return createInPlace(nullptr, 0);
 }
 
 std::shared_ptr<DataPacket> DataPacket::create(unsigned long n) {
-    return std::make_shared<DataPacket>(n);
+    return createInPlace(nullptr, n);
 }
 
 std::shared_ptr<DataPacket> DataPacket::create(void const* data, unsigned long n) {
-    return std::make_shared<DataPacket>(data, n);
+    return createInPlace(data, n);
 }
 
 unsigned long DataPacket::size() {
@@ -98,8 +206,9 @@ void DataPacket::stealAndAppendData(DataPacket* other) {
     }
     unsigned long n = other->totalSize;
     if (tail->offset + tail->length + n > tail->capacity) {
-        tail->next = std::move(other->head);
-        tail = other->tail;
+        Chunk* otherTail = nullptr;
+        tail->next = detach(std::move(other->head), &otherTail);
+        tail = otherTail;
         totalSize += n;
         return;
     }
@@ -118,8 +227,10 @@ void DataPacket::stealAndPrependData(DataPacket* other) {
     }
     unsigned long n = other->totalSize;
     if (head->offset < n) {
-        other->tail->next = std::move(head);
-        head = std::move(other->head);
+        Chunk* otherTail = nullptr;
+        ChunkPtr list = detach(std::move(other->head), &otherTail);
+        otherTail->next = std::move(head);
+        head = std::move(list);
         totalSize += n;
         return;
     }
@@ -146,7 +257,7 @@ void DataPacket::skip(unsigned long n) {
         }
         totalSize -= head->length;
         remaining -= head->length;
-        head = std::move(head->next);
+        dropFirst(head);
         if (remaining == 0) {
             return;
         }
@@ -167,7 +278,7 @@ void DataPacket::consolidate() {
         to += chunk->length;
     }
     while (head) {
-        head = std::move(head->next);
+        dropFirst(head);
     }
     head = std::move(merged);
     tail = head.get();

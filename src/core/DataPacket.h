@@ -4,6 +4,32 @@
 
 namespace KW {
 
+struct DataPacketChunk;
+
+// Free a chunk or its bytes unless they live inside the packet's own
+// allocation (the first chunk of a packet made by DataPacket::create()).
+struct DataPacketChunkRelease {
+    constexpr DataPacketChunkRelease(bool owned = true) noexcept : owned(owned) {}
+    void operator()(DataPacketChunk* chunk) const;
+    bool owned;
+};
+struct DataPacketBytesRelease {
+    constexpr DataPacketBytesRelease(bool owned = true) noexcept : owned(owned) {}
+    void operator()(unsigned char* bytes) const;
+    bool owned;
+};
+
+// One chunk of a DataPacket: `capacity` bytes with `length` data bytes from
+// `offset`.
+using DataPacketChunkPtr = std::unique_ptr<DataPacketChunk, DataPacketChunkRelease>;
+struct DataPacketChunk {
+    std::unique_ptr<unsigned char[], DataPacketBytesRelease> buffer;
+    unsigned long capacity;
+    unsigned long offset;
+    unsigned long length;
+    DataPacketChunkPtr next;
+};
+
 // Payload buffer kept as a singly linked list of chunks. Every chunk the
 // packet allocates has 256 bytes of room before and after its data, so that
 // headers can be prepended and data appended without moving existing bytes.
@@ -42,20 +68,31 @@ class DataPacket {
   private:
     friend class DataPacketInspector;  // white-box checks of the chunk layout
 
-    struct Chunk {
-        std::unique_ptr<unsigned char[]> buffer;
-        unsigned long capacity;
-        unsigned long offset;
-        unsigned long length;
-        std::unique_ptr<Chunk> next;
+    using Chunk = DataPacketChunk;
+    using ChunkRelease = DataPacketChunkRelease;
+    using BytesRelease = DataPacketBytesRelease;
+    using ChunkPtr = DataPacketChunkPtr;
+
+    // create() builds the packet, its first chunk record and that chunk's n +
+    // 512 bytes in one allocation together with the shared pointer's count.
+    struct InPlace {
+        unsigned char* const* bytes;
     };
+    template <typename T>
+    class TrailingAllocator;
+    DataPacket(InPlace storage, void const* data, unsigned long n);
+    static std::shared_ptr<DataPacket> createInPlace(void const* data, unsigned long n);
 
     // A chunk for n data bytes: capacity n + 512, data at offset 256.
-    static std::unique_ptr<Chunk> makeChunk(unsigned long n);
+    static ChunkPtr makeChunk(unsigned long n);
+    // The list with every chunk that lives inside its packet's allocation
+    // replaced by an identical heap copy, so that the list can outlive it.
+    static ChunkPtr detach(ChunkPtr list, Chunk** tail);
 
     unsigned long totalSize;
-    std::unique_ptr<Chunk> head;
+    ChunkPtr head;
     Chunk* tail;
+    Chunk first;  // the head record of a packet made by create()
 };
 
 }  // namespace KW

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -62,10 +63,27 @@ class WorkerContext {
     std::vector<std::shared_ptr<std::thread>> retiredJobs;
     std::size_t retiredRunning = 0;
 
+    // How long an idle thread watches the queue before it sleeps on notEmpty
+    // (0: it sleeps at once). A thread that keeps running through a burst of
+    // pushes costs the producer no wake-up system call and the burst no
+    // scheduler round trip per task.
+    std::uint64_t spinMicros = 50;
+    // The queue length as last seen under queueMutex: what a spinning thread
+    // watches without taking the lock.
+    std::atomic<std::size_t> queuedHint{0};
+    // Takes by the threads so far, and the count at which a producer last
+    // found them not taking anything while it gave way (see giveWay).
+    std::uint64_t takes = 0;
+    std::uint64_t stalledAtTakes = ~std::uint64_t(0);
+
+    // A snapshot: whether tasks wait in the queue (callers use it to keep their order).
+    bool hasQueuedTasks() const { return queuedHint.load(std::memory_order_acquire) != 0; }
+
     // Queues a copy of the task; false (task not queued) when a bounded queue
     // stayed full for the push time-out.
     bool pushTask(Task& task) {
         std::unique_lock<std::mutex> lock(queueMutex);
+        giveWay(lock);
         if (maxQueueSize != 0 && queue.size() >= maxQueueSize) {
             auto deadline = Clock::now() + std::chrono::milliseconds(pushTimeoutMs);
             while (true) {
@@ -82,6 +100,7 @@ class WorkerContext {
             }
         }
         queue.push(task);
+        queuedHint.store(queue.size(), std::memory_order_release);
         initJobs(lock);
         lock.unlock();
         notEmpty.notify_one();
@@ -233,6 +252,38 @@ class WorkerContext {
     virtual std::shared_ptr<std::thread> startJob(Owner* owner) = 0;
 
   private:
+    // A producer that finds a bounded queue three quarters full lets the
+    // threads catch up (yielding its core, then napping) for up to 5 ms
+    // before it pushes, so that a thread that lost its core to the producer
+    // does not let the queue fill: a full queue costs the producer its whole
+    // push time-out, as a batch thread never signals notFull. This only
+    // delays the push; bound, time-out and signalling stay as they are. When
+    // the threads took nothing while it waited (a blocked handler), later
+    // pushes skip this until they take again. queueMutex is held.
+    void giveWay(std::unique_lock<std::mutex>& lock) {
+        std::uint64_t const highWater = maxQueueSize - maxQueueSize / 4;
+        if (maxQueueSize == 0 || queue.size() < highWater || takes == stalledAtTakes) {
+            return;
+        }
+        std::uint64_t const takesBefore = takes;
+        auto const until = std::chrono::steady_clock::now() + std::chrono::milliseconds(5);
+        for (unsigned round = 0; queue.size() >= highWater && processor != nullptr; ++round) {
+            if (std::chrono::steady_clock::now() >= until) {
+                if (takes == takesBefore) {
+                    stalledAtTakes = takes;
+                }
+                return;
+            }
+            lock.unlock();
+            if (round < 8) {
+                std::this_thread::yield();
+            } else {
+                std::this_thread::sleep_for(std::chrono::microseconds(50));
+            }
+            lock.lock();
+        }
+    }
+
     // Joins threads of the current generation that have already ended, so that
     // an elastic pool does not pile up finished thread objects.
     void pruneJobs() {

@@ -35,6 +35,8 @@ class WorkerFunctor {
                     batchList.push_back(std::move(context->queue.front()));
                     context->queue.pop();
                 }
+                context->queuedHint.store(context->queue.size(), std::memory_order_relaxed);
+                ++context->takes;
                 if (context->queue.empty()) {
                     context->drained.notify_all();
                 }
@@ -50,6 +52,8 @@ class WorkerFunctor {
             } else {
                 Task task = std::move(context->queue.front());
                 context->queue.pop();
+                context->queuedHint.store(context->queue.size(), std::memory_order_relaxed);
+                ++context->takes;
                 if (context->queue.empty()) {
                     context->drained.notify_all();
                 }
@@ -84,7 +88,12 @@ class WorkerFunctor {
             if (stopped()) {
                 return false;
             }
-            while (true) {
+            spin(lock);
+            // A stop made during the spin found nobody waiting to notify.
+            if (stopped()) {
+                return false;
+            }
+            while (context->queue.empty()) {
                 context->notEmpty.wait_until(lock, deadline);
                 if (stopped()) {
                     return false;
@@ -98,6 +107,41 @@ class WorkerFunctor {
             }
         }
         return !stopped();
+    }
+
+    // With queueMutex held on entry and on return: watches the queue for up
+    // to spinMicros before the caller sleeps. The same checks follow under
+    // the lock, so a spin that sees nothing changes nothing but the timing.
+    void spin(std::unique_lock<std::mutex>& lock) {
+        if (context->spinMicros == 0) {
+            return;
+        }
+        lock.unlock();
+        auto const until =
+            std::chrono::steady_clock::now() + std::chrono::microseconds(context->spinMicros);
+        for (unsigned round = 0;; ++round) {
+            if (context->queuedHint.load(std::memory_order_acquire) != 0) {
+                break;
+            }
+            if ((round & 15) == 15) {
+                if (std::chrono::steady_clock::now() >= until) {
+                    break;
+                }
+                // Gives the core to a producer that shares it.
+                std::this_thread::yield();
+            } else {
+                pause();
+            }
+        }
+        lock.lock();
+    }
+
+    static void pause() {
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#elif defined(__aarch64__)
+        asm volatile("yield");
+#endif
     }
 
     // With queueMutex held. A thread of a stopped generation was already

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -55,6 +56,20 @@ Bytes pattern(std::size_t n, std::uint8_t seed) {
 Bytes cat(Bytes a, Bytes const& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
+}
+
+// A packet made by create() (one allocation) or by the plain constructor.
+std::shared_ptr<DataPacket> make(bool inPlace, Bytes const& bytes) {
+    return inPlace ? DataPacket::create(bytes.data(), bytes.size())
+                   : std::make_shared<DataPacket>(bytes.data(), bytes.size());
+}
+
+// Frees a stolen-from source and reuses its memory, so that chunks still
+// pointing into it would show garbage.
+void dropSource(std::shared_ptr<DataPacket>& source, std::size_t size) {
+    source.reset();
+    Bytes junk(size, 0xee);
+    auto reuse = DataPacket::create(junk.data(), junk.size());
 }
 
 Bytes contents(DataPacket& packet) {
@@ -117,17 +132,23 @@ TEST(DataPacketSkip, ChunkBoundariesAndBeyondTheEnd) {
 
 TEST(DataPacketSteal, AppendLinksPastTheTailroomAndCopiesWithinIt) {
     Bytes a = pattern(200, 1), big = pattern(257, 2), small = pattern(40, 3);
-    DataPacket target(a.data(), a.size()), source(big.data(), big.size());
-    target.stealAndAppendData(&source);
-    EXPECT_EQ(source.size(), 0u);
-    EXPECT_EQ(source.data(), nullptr);
-    EXPECT_EQ(layout(target).chunks.size(), 2u);
-    EXPECT_TRUE(layout(target).tailIsLast);
-    EXPECT_EQ(contents(target), cat(a, big));
-    // Operations on the emptied source are ignored.
-    source.append(a.data(), 10);
-    source.skip(3);
-    EXPECT_EQ(source.size(), 0u);
+    for (bool inPlace : {false, true}) {
+        SCOPED_TRACE(inPlace ? "create()" : "constructor");
+        auto target = make(inPlace, a), source = make(inPlace, big);
+        target->stealAndAppendData(source.get());
+        EXPECT_EQ(source->size(), 0u);
+        EXPECT_EQ(source->data(), nullptr);
+        // Operations on the emptied source are ignored.
+        source->append(a.data(), 10);
+        source->skip(3);
+        EXPECT_EQ(source->size(), 0u);
+        dropSource(source, big.size());
+        auto chunks = layout(*target).chunks;
+        ASSERT_EQ(chunks.size(), 2u);
+        EXPECT_EQ(chunks[1].capacity, 257u + 512u);
+        EXPECT_TRUE(layout(*target).tailIsLast);
+        EXPECT_EQ(contents(*target), cat(a, big));
+    }
 
     DataPacket copyTarget(a.data(), a.size()), copySource(small.data(), small.size());
     copyTarget.stealAndAppendData(&copySource);
@@ -138,14 +159,18 @@ TEST(DataPacketSteal, AppendLinksPastTheTailroomAndCopiesWithinIt) {
 
 TEST(DataPacketSteal, PrependLinksPastTheHeadroomAndCopiesWithinIt) {
     Bytes a = pattern(50, 1), big = pattern(300, 2), small = pattern(30, 3);
-    DataPacket target(a.data(), a.size()), source(big.data(), big.size());
-    target.stealAndPrependData(&source);
-    EXPECT_EQ(source.data(), nullptr);
-    EXPECT_EQ(contents(target), cat(big, a));
-    // The tail is still the original chunk: appending goes behind it.
-    target.append(big.data(), big.size());
-    EXPECT_TRUE(layout(target).tailIsLast);
-    EXPECT_EQ(contents(target), cat(cat(big, a), big));
+    for (bool inPlace : {false, true}) {
+        SCOPED_TRACE(inPlace ? "create()" : "constructor");
+        auto target = make(inPlace, a), source = make(inPlace, big);
+        target->stealAndPrependData(source.get());
+        EXPECT_EQ(source->data(), nullptr);
+        dropSource(source, big.size());
+        EXPECT_EQ(layout(*target).bytes, cat(big, a));
+        // The tail is still the original chunk: appending goes behind it.
+        target->append(big.data(), big.size());
+        EXPECT_TRUE(layout(*target).tailIsLast);
+        EXPECT_EQ(contents(*target), cat(cat(big, a), big));
+    }
 
     // Copying moves the head's offset back but leaves its length alone: the
     // size counts the copied bytes, the chunk shows only the first 20 of `a`.
@@ -171,7 +196,11 @@ TEST(DataPacketModel, RandomOperationSequencesMatchAVector) {
         return kind == 0 ? r % 8 : kind == 1 ? 250 + r % 12 : r % 700;  // 250..261: room size
     };
     for (int round = 0; round < 40; ++round) {
-        DataPacket packet;
+        // Odd rounds use packets made by create(), whose first chunk lives in
+        // the packet's own allocation.
+        bool const inPlace = round % 2 == 1;
+        auto holder = inPlace ? DataPacket::create() : std::make_shared<DataPacket>();
+        DataPacket& packet = *holder;
         Bytes model;
         for (int step = 0; step < 150; ++step) {
             Bytes chunk = pattern(randomLength(), static_cast<std::uint8_t>(rng()));
@@ -196,17 +225,18 @@ TEST(DataPacketModel, RandomOperationSequencesMatchAVector) {
                 }
                 case 3: {
                     Bytes otherModel = cat(chunk, pattern(randomLength(), 77));
-                    DataPacket other(chunk.data(), chunk.size());
-                    other.append(otherModel.data() + chunk.size(),
-                                 otherModel.size() - chunk.size());
-                    packet.stealAndAppendData(&other);
+                    auto other = make(inPlace, chunk);
+                    other->append(otherModel.data() + chunk.size(),
+                                  otherModel.size() - chunk.size());
+                    packet.stealAndAppendData(other.get());
                     model = cat(model, otherModel);
                     // Either the source lost everything or it kept all of it.
-                    if (other.data() != nullptr) {
-                        ASSERT_EQ(contents(other), otherModel);
+                    if (other->data() != nullptr) {
+                        ASSERT_EQ(contents(*other), otherModel);
                     } else {
-                        ASSERT_EQ(other.size(), 0u);
+                        ASSERT_EQ(other->size(), 0u);
                     }
+                    dropSource(other, chunk.size());
                     break;
                 }
                 case 4:

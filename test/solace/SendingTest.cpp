@@ -102,6 +102,25 @@ TEST_F(Sending, ForwardSendsThePayloadOnAndAcknowledgesAQueueMessage) {
     ASSERT_TRUE(handler->waitFor(2, "<null>"));
 }
 
+TEST_F(Sending, SendsWhileReconnectingWaitForTheSessionWithoutHoldingTheCaller) {
+    auto handler = makeHandler();
+    subscribe(client, handler, "later");
+    solEmu_setBrokerUp(HOST_PORT, 0);
+    ASSERT_TRUE(events->waitForState(Impl::Connection::CONNECTING));
+    // Sent on this thread these would block in the library until the broker is back, which only
+    // this thread brings back: returning at all shows that they waited elsewhere.
+    auto direct = std::make_shared<Tag>(1);
+    auto guaranteed = std::make_shared<Tag>(2);
+    EXPECT_TRUE(client->publish(packet("later"), "later", AMO, direct, false));
+    EXPECT_TRUE(client->publish(packet("kept"), "orders", GUARANTEED, guaranteed, false));
+    EXPECT_TRUE(events->where([&](Event const& e) { return e.reference == direct; }).empty());
+    solEmu_setBrokerUp(HOST_PORT, 1);
+    EXPECT_EQ(outcomeOf(direct).kind, SENT);
+    EXPECT_EQ(outcomeOf(guaranteed).kind, SENT);
+    EXPECT_TRUE(handler->waitFor(1, "later"));
+    EXPECT_EQ(solEmu_queueDepth("orders"), 1);
+}
+
 TEST_F(Sending, AFullPublishQueueRefusesAndTeardownAnswersWhatWaited) {
     auto idle = library->createClient("dev", connectionData(), events);  // never connected
     std::vector<shared_ptr<Tag>> tags;

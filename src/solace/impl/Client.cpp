@@ -31,7 +31,7 @@ bool Client::publish(std::shared_ptr<KW::DataPacket> payload, std::string const&
     if (async) {
         return session->enqueue(std::move(task));
     }
-    return session->process(std::move(task));
+    return session->send(std::move(task));
 }
 
 bool Client::forward(std::shared_ptr<KW::Message> message, std::string const& destination,
@@ -41,7 +41,7 @@ bool Client::forward(std::shared_ptr<KW::Message> message, std::string const& de
     if (async) {
         return session->enqueue(std::move(task));
     }
-    return session->process(std::move(task));
+    return session->send(std::move(task));
 }
 
 bool Client::subscribe(std::shared_ptr<KW::MessageHandler> handler, std::string const& destination,

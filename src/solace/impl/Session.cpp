@@ -381,6 +381,31 @@ bool Session::process(std::shared_ptr<ForwardTask> task) {
     return sendMessageGuaranteed(std::move(task));
 }
 
+// While the session (re)connects the library holds a send in sendMsg until it is up again; on the
+// caller's (JavaScript) thread that stalls the event loop for the whole outage, so such sends, and
+// those queued behind them, go to the worker, which sends them once the session is up. A worker
+// queue that stays full falls back to sending here.
+template <typename Worker>
+bool Session::sendLater(Worker& worker) {
+    int const state = connection.getState();
+    return state == Connection::CONNECTING ||
+           (state == Connection::CONNECTED && worker.hasQueuedTasks());
+}
+
+bool Session::send(std::shared_ptr<PublishTask> task) {
+    if (sendLater(publishWorker) && enqueue(task)) {
+        return true;
+    }
+    return process(std::move(task));
+}
+
+bool Session::send(std::shared_ptr<ForwardTask> task) {
+    if (sendLater(forwardWorker) && enqueue(task)) {
+        return true;
+    }
+    return process(std::move(task));
+}
+
 namespace {
 
 void check(SolaceAPI const& api, solClient_returnCode_t rc) {

@@ -84,6 +84,9 @@ class Session {
     // True when the library took the message; the outcome is reported either way.
     bool process(std::shared_ptr<PublishTask> task);
     bool process(std::shared_ptr<ForwardTask> task);
+    // A send on the caller's thread, handed to the worker while the session (re)connects.
+    bool send(std::shared_ptr<PublishTask> task);
+    bool send(std::shared_ptr<ForwardTask> task);
     bool sendMessageAtMostOnce(std::shared_ptr<MessageTask> task);
     bool sendMessageGuaranteed(std::shared_ptr<MessageTask> task);
     void notifyHandlerOfSendFinalize(std::shared_ptr<MessageTask>& task);
@@ -128,6 +131,8 @@ class Session {
     Flow* findFlow(std::string const& queue);
 
   private:
+    template <typename Worker>
+    bool sendLater(Worker& worker);
     void stopSendingWorkers(unsigned long timeoutMs);
     void settlePending(solClient_session_eventCallbackInfo* info, char const* rejectedText);
     void failUnsent(char const* text);
