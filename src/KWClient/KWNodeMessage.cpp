@@ -57,7 +57,7 @@ Nan::MaybeLocal<v8::Object> bufferOver(v8::Local<v8::ArrayBuffer> ab, size_t off
 // backing store per message. One per JavaScript thread.
 class PayloadSlab {
   public:
-    static constexpr size_t SIZE = 32 * 1024;
+    static constexpr size_t SIZE = size_t{32} * 1024;
 
     Nan::MaybeLocal<v8::Object> copy(char const* data, size_t n) {
         if (slab.IsEmpty() || used + n > SIZE) {
