@@ -47,6 +47,27 @@ exports.buildDir = path.resolve(process.env.KWNODE_BUILD_DIR || path.join(root, 
 exports.probePath = path.join(exports.buildDir, 'addon', 'node-v' + process.versions.modules, 'kwbridge_probe.node');
 exports.kwnode = function () { return require(root); };
 exports.probe = function () { return require(exports.probePath); };
+// The stand-in's control functions; kwnode is loaded first so that the
+// stand-in library is there to be found.
+exports.control = function () {
+  exports.kwnode();
+  return require(path.join(exports.buildDir, 'addon', 'node-v' + process.versions.modules, 'kwemu_control.node'));
+};
+// Set where the add-on runs under a sanitizer runtime: memory figures mean nothing there.
+exports.sanitized = !!process.env.KWNODE_SANITIZED;
+
+// A seeded random stream in [0, 1) (mulberry32), the same on every Node line,
+// so that a seed replays a fuzz or soak run.
+exports.seeded = function (seed) {
+  var state = seed >>> 0;
+  return function () {
+    state = (state + 0x6d2b79f5) >>> 0;
+    var t = state;
+    t = Math.imul(t ^ (t >>> 15), t | 1);
+    t ^= t + Math.imul(t ^ (t >>> 7), t | 61);
+    return ((t ^ (t >>> 14)) >>> 0) / 4294967296;
+  };
+};
 
 // A Node-style completion as a Promise resolving with what done receives.
 exports.completion = function (start) {

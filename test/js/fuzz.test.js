@@ -1,0 +1,192 @@
+'use strict';
+// Seeded random call sequences on clients, messages and events with hostile
+// arguments: wrong types, throwing getters and toString, proxies, huge
+// strings, receivers of other classes, calls after disconnect. Verdict: the
+// process survives and everything thrown, at once or from a callback, is an
+// Error. The calls run in a child process, so that a crash is reported with
+// the seed that replays its call sequence:
+//   KWNODE_FUZZ_SEED=<seed> [KWNODE_FUZZ_CALLS=<n>] node test/js/fuzz.test.js
+var assert = require('assert');
+var childProcess = require('child_process');
+var harness = require('./harness');
+
+var CALLS = Number(process.env.KWNODE_FUZZ_CALLS || 100000);
+var SEED = Number(process.env.KWNODE_FUZZ_SEED || Date.now() % 0x7fffffff) >>> 0;
+
+if (process.env.KWNODE_FUZZ_CHILD) {
+  fuzz();
+} else {
+  harness.test('random hostile call sequences end in JavaScript errors only (seed ' + SEED + ')', function () {
+    var env = Object.assign({}, process.env, { KWNODE_FUZZ_CHILD: '1', KWNODE_FUZZ_SEED: String(SEED), KWNODE_FUZZ_CALLS: String(CALLS) });
+    var child = childProcess.spawnSync(process.execPath, ['--expose-gc', __filename],
+      { env: env, timeout: 600000, maxBuffer: 256 * 1024 * 1024 });
+    var out = String(child.stdout);
+    var err = String(child.stderr);
+    var verdict = out.split('\n').filter(function (line) { return line.indexOf('fuzz:') === 0; }).join('\n');
+    console.log(verdict);
+    assert.ok(child.status === 0 && /fuzz: survived/.test(out),
+      'the fuzzed process failed (exit ' + child.status + ', signal ' + child.signal + '); replay with KWNODE_FUZZ_SEED=' + SEED +
+      '\n' + verdict + '\n' + err.slice(-4000));
+  });
+}
+
+function fuzz() {
+  var kw = harness.kwnode();
+  var random = harness.seeded(SEED);
+  function below(n) { return Math.floor(random() * n); }
+  function pick(list) { return list[below(list.length)]; }
+
+  var counts = { calls: 0, returned: 0, threw: 0, callbacks: 0, callbackThrew: 0, received: 0, clients: 0 };
+  function hostile() { var e = new Error('hostile'); e.hostile = true; throw e; }
+  function fail(what, value) {
+    console.log('fuzz: FAILED after ' + counts.calls + ' calls: ' + what + ': ' + typeof value + ' ' + String(value));
+    process.exit(1);
+  }
+  process.on('uncaughtException', function (e) {
+    if (!(e instanceof Error)) fail('a callback threw a non-Error', e);
+    counts.callbackThrew++;
+  });
+
+  var PORT = 55610;
+  var TOPICS = ['fuzz/a', 'fuzz/>', 'fuzz/*/x', '', '>', 'a//b', 'kw.q1', 'fuzz.none', '#emulator/drop'];
+  var received = [];   // real messages, kept as receivers and forward payloads
+  var events = [];     // real events
+  var clients = [];
+  function record(list, limit) {
+    return function (value) {
+      counts.callbacks++;
+      if (value && typeof value === 'object') {
+        list.push(value);
+        if (list.length > limit) list.splice(below(list.length), 1);
+      }
+    };
+  }
+  var onMessage = record(received, 50);
+  var onEvent = record(events, 20);
+
+  var huge = new Array(1 << 20).join('x');
+  var surrogates = new Array(1 << 16).join('\ud800');
+  var getterData = {};
+  ['host', 'port', 'vpn'].forEach(function (key) {
+    Object.defineProperty(getterData, key, { enumerable: true, get: hostile });
+  });
+  var trapAll = {};
+  ['get', 'set', 'has', 'ownKeys', 'getOwnPropertyDescriptor', 'getPrototypeOf', 'defineProperty', 'apply', 'construct']
+    .forEach(function (trap) { trapAll[trap] = hostile; });
+  var proxies = typeof Proxy === 'function' ? [
+    function () { return new Proxy({}, trapAll); },
+    function () { return new Proxy(function () {}, trapAll); },   // a callable that throws when called
+    function () { return new Proxy({ host: 'localhost', port: PORT, vpn: 'fuzz' }, {}); },
+    function () { return new Proxy({}, { ownKeys: function () { return ['host', 'host', 'x']; } }); }
+  ] : [];
+  var reentrant = function () {
+    counts.callbacks++;
+    if (below(4) === 0) step();  // calls back into the module from a callback
+  };
+
+  // Argument makers, each a fresh value per draw.
+  var VALUES = [
+    function () { return undefined; }, function () { return null; }, function () { return true; },
+    function () { return pick([0, -1, 1, 2, 3, 4294967296, -0, NaN, Infinity, 1e300, 2.5]); },
+    function () { return pick(TOPICS); }, function () { return pick(TOPICS); }, function () { return pick(TOPICS); },
+    function () { return pick(['', 'x', '12', 'caf\u00e9\u0000\ud83d\ude00', 'SOLACE', '5']); },
+    function () { return below(100) === 0 ? huge : surrogates.slice(0, below(64)); },
+    function () { return Symbol('fuzz'); },
+    function () { return pick([Buffer.alloc(0), Buffer.from('payload'), new Uint8Array(3), new ArrayBuffer(8), new DataView(new ArrayBuffer(4))]); },
+    function () { return below(50) === 0 ? Buffer.alloc(1 << 20) : Buffer.alloc(below(600), 1); },
+    function () { return pick([{}, [], [1, 2], Object.create(null), Object.freeze({ a: 1 }), new Date(0), /re/, new Map(), { topic: function () { return 't'; } }]); },
+    function () { return { toString: hostile, valueOf: hostile }; },
+    function () { return { host: 'localhost', port: PORT, vpn: pick(['fuzz', '', 'other']), user: pick(['u', 'mallory']) }; },
+    function () { return getterData; },
+    function () { return { host: { toString: hostile } }; },
+    function () { return proxies.length ? pick(proxies)() : {}; },
+    function () { return onMessage; }, function () { return onEvent; }, function () { return reentrant; },
+    function () { return hostile; },
+    function () { return pick(received) || null; }, function () { return pick(events) || null; },
+    function () { return pick(clients) || null; },
+    function () { return new kw.KWNodeMessage(); }, function () { return kw.KWNodeEvent(); }
+  ];
+  function value() { return pick(VALUES)(); }
+  function args() {
+    var list = [];
+    for (var n = below(7); n > 0; n--) list.push(value());
+    return list;
+  }
+
+  var classes = [kw.KWNodeClient, kw.KWNodeMessage, kw.KWNodeEvent];
+  var methods = [];
+  classes.forEach(function (cls) {
+    Object.getOwnPropertyNames(cls.prototype).forEach(function (name) {
+      if (name !== 'constructor') methods.push([cls, name]);
+    });
+  });
+  function receiver(cls) {
+    switch (below(6)) {
+      case 0: return value();  // any value, often of another class
+      case 1: return Object.create(cls.prototype);
+      default:
+        if (cls === kw.KWNodeClient) return pick(clients) || value();
+        if (cls === kw.KWNodeMessage) return pick(received) || new kw.KWNodeMessage();
+        return pick(events) || new kw.KWNodeEvent();
+    }
+  }
+  function newClient() {
+    var client = new kw.KWNodeClient(pick(['fuzz-a', 'fuzz-b']), 'SOLACE', { host: 'localhost', port: PORT, vpn: 'fuzz' }, onEvent);
+    clients.push(client);
+    counts.clients++;
+    if (clients.length > 12) clients.splice(below(clients.length), 1);  // dropped to the collector
+    return client;
+  }
+
+  // One random call; a throw must be an Error.
+  function step() {
+    counts.calls++;
+    var call;
+    var r = below(100);
+    if (r < 2) {
+      call = function () { newClient().connect(); };
+    } else if (r < 4) {
+      var cls = pick(classes);
+      var list = args();
+      call = below(2) ? function () { return new (Function.prototype.bind.apply(cls, [null].concat(list)))(); }
+        : function () { return cls.apply(value(), list); };
+    } else if (r < 30 && clients.length) {
+      // Mostly well-formed traffic, so that messages and events exist to abuse.
+      var client = pick(clients);
+      call = pick([
+        function () { client.publish('fuzz/a', below(2) + 1, 'm', onEvent); },
+        function () { client.subscribe(pick(['fuzz/>', 'fuzz/a']), onMessage, onEvent); },
+        function () { client.subscribe('kw.q1', 2, onMessage, onEvent); },
+        function () { client.publish('kw.q1', 2, 'q', onEvent); },
+        function () { client.forward('fuzz/a', pick(received), onEvent); },
+        function () { client.connect(); }, function () { client.disconnect(); }
+      ]);
+    } else {
+      var method = pick(methods);
+      var self = receiver(method[0]);
+      var params = args();
+      call = function () { return method[0].prototype[method[1]].apply(self, params); };
+    }
+    try {
+      call();
+      counts.returned++;
+    } catch (e) {
+      if (!(e instanceof Error)) fail('a call threw a non-Error', e);
+      counts.threw++;
+    }
+  }
+
+  newClient().connect();
+  var SLICE = 500;
+  (function run() {
+    for (var i = 0; i < SLICE && counts.calls < CALLS; i++) step();
+    if (counts.calls < CALLS) return setImmediate(run);
+    if (global.gc) global.gc();
+    counts.received = received.length;
+    // Late callbacks of the last calls get a moment to arrive.
+    setTimeout(function () {
+      console.log('fuzz: survived ' + JSON.stringify(counts) + ' seed ' + SEED);
+      process.exit(0);
+    }, 500);
+  })();
+}
