@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # The whole test suite, as a newcomer or CI runs it:
+#  0. the style gates (scripts/lint.sh: clang-format, clang-tidy, eslint);
 #  1. build (build/) and run the ctest entries other than the JavaScript
 #     suites: core, stand-in and adapter GoogleTest suites and the benchmark
 #     harness checks;
@@ -12,6 +13,9 @@
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 cd "$root"
+
+echo "== Style gates"
+bash scripts/lint.sh
 
 echo "== Node $(node --version): build and ctest"
 node scripts/build.js

@@ -25,16 +25,16 @@ void solEmu_reset(void);
 // connection (RECONNECTING_NOTICE, then retries every RECONNECT_RETRY_WAIT_MS)
 // and new connects are retried as CONNECT_RETRIES / CONNECT_TIMEOUT_MS say.
 // Up: reconnecting sessions get RECONNECTED_NOTICE on their next retry.
-void solEmu_setBrokerUp(const char* hostPort, int up);
+void solEmu_setBrokerUp(char const* hostPort, int up);
 
 // Refuse logins of this user name on every broker (CONNECT_FAILED_ERROR with
 // sub-code LOGIN_FAILURE). NULL clears the list.
-void solEmu_refuseUser(const char* user);
+void solEmu_refuseUser(char const* user);
 
 // The broker ends every session connected (or reconnecting) to it outright:
 // each gets DOWN_ERROR (no reconnecting), its flows SESSION_DOWN, and calls
 // blocked on it return FAIL. The broker stays up; a new connect succeeds.
-void solEmu_endSessions(const char* hostPort);
+void solEmu_endSessions(char const* hostPort);
 
 // The emulated network round trip in microseconds (0, the default: instant).
 // Every answer (connect result, confirmation, acknowledgement, bind result)
@@ -44,22 +44,22 @@ void solEmu_setRoundTrip(unsigned us);
 
 // ---- Queues --------------------------------------------------------------------
 // Queues exist on every broker of the process, present and future.
-int solEmu_addQueue(const char* name);     // 0 on success, -1 if it exists
-int solEmu_removeQueue(const char* name);  // 0 on success, -1 if unknown
+int solEmu_addQueue(char const* name);     // 0 on success, -1 if it exists
+int solEmu_removeQueue(char const* name);  // 0 on success, -1 if unknown
 // Messages held by the queue and not yet acknowledged (delivered or not),
 // summed over all brokers; -1 for an unknown queue.
-long solEmu_queueDepth(const char* name);
+long solEmu_queueDepth(char const* name);
 
 // ---- Faults --------------------------------------------------------------------
 // Make the next `count` calls of the named vendor function fail: they return
 // `returnCode` and set the thread's last error to `subCode` and `text`.
 // count 0 removes the fault. Returns 0, or -1 for an unknown function name.
-int solEmu_failNext(const char* function, int count, int returnCode, int subCode, const char* text);
+int solEmu_failNext(char const* function, int count, int returnCode, int subCode, char const* text);
 
 // Refuse subscribe and unsubscribe requests for `topic` (exact subscription
 // text; NULL: every topic) with FAIL and the given sub-code (23, 24, 68, ...).
 // subCode 0 removes the rule.
-void solEmu_refuseSubscriptions(const char* topic, int subCode);
+void solEmu_refuseSubscriptions(char const* topic, int subCode);
 
 // What the broker answers to guaranteed messages:
 // 0 acknowledge (default), 1 reject (REJECTED_MSG_ERROR), 2 withhold (no answer

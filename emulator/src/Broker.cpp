@@ -24,17 +24,17 @@ void Broker::setUp(bool up) {
         }
         return;
     }
-    for (const auto& vpn : vpns()) {
+    for (auto const& vpn : vpns()) {
         // Hold the snapshot: each session detaches itself, which replaces the
         // VPN's list while we walk this one.
-        const auto sessions = vpn->sessions();
-        for (const auto& session : *sessions) {
+        auto const sessions = vpn->sessions();
+        for (auto const& session : *sessions) {
             session->brokerWentDown();
         }
     }
 }
 
-std::shared_ptr<MessageVpn> Broker::vpn(const std::string& name) {
+std::shared_ptr<MessageVpn> Broker::vpn(std::string const& name) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto& entry = vpns_[name];
     if (!entry) {
@@ -46,13 +46,13 @@ std::shared_ptr<MessageVpn> Broker::vpn(const std::string& name) {
 std::vector<std::shared_ptr<MessageVpn>> Broker::vpns() const {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<std::shared_ptr<MessageVpn>> all;
-    for (const auto& entry : vpns_) {
+    for (auto const& entry : vpns_) {
         all.push_back(entry.second);
     }
     return all;
 }
 
-void Broker::waitForUp(const std::shared_ptr<Session>& session) {
+void Broker::waitForUp(std::shared_ptr<Session> const& session) {
     bool upNow = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -68,7 +68,7 @@ void Broker::waitForUp(const std::shared_ptr<Session>& session) {
 
 void Broker::reset() {
     setUp(true);
-    for (const auto& vpn : vpns()) {
+    for (auto const& vpn : vpns()) {
         vpn->clearQueues();
     }
 }

@@ -19,16 +19,16 @@ class Broker : public std::enable_shared_from_this<Broker> {
   public:
     explicit Broker(std::string hostPort) : hostPort_(std::move(hostPort)) {}
 
-    const std::string& hostPort() const { return hostPort_; }
+    std::string const& hostPort() const { return hostPort_; }
     bool isUp() const { return up_.load(); }
     void setUp(bool up);
 
-    std::shared_ptr<MessageVpn> vpn(const std::string& name);
+    std::shared_ptr<MessageVpn> vpn(std::string const& name);
     std::vector<std::shared_ptr<MessageVpn>> vpns() const;
 
     // A connecting session that found the broker down; it is told when the
     // broker comes up.
-    void waitForUp(const std::shared_ptr<Session>& session);
+    void waitForUp(std::shared_ptr<Session> const& session);
 
     void reset();
 

@@ -13,7 +13,7 @@ BrokerRegistry& BrokerRegistry::instance() {
     return *registry;
 }
 
-std::shared_ptr<Broker> BrokerRegistry::broker(const std::string& hostPort) {
+std::shared_ptr<Broker> BrokerRegistry::broker(std::string const& hostPort) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto& entry = brokers_[hostPort];
     if (!entry) {
@@ -22,49 +22,49 @@ std::shared_ptr<Broker> BrokerRegistry::broker(const std::string& hostPort) {
     return entry;
 }
 
-bool BrokerRegistry::addQueue(const std::string& name) {
+bool BrokerRegistry::addQueue(std::string const& name) {
     std::lock_guard<std::mutex> lock(mutex_);
     return queues_.insert(name).second;
 }
 
-bool BrokerRegistry::removeQueue(const std::string& name) {
+bool BrokerRegistry::removeQueue(std::string const& name) {
     std::vector<std::shared_ptr<Broker>> brokers;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (queues_.erase(name) == 0) {
             return false;
         }
-        for (const auto& entry : brokers_) {
+        for (auto const& entry : brokers_) {
             brokers.push_back(entry.second);
         }
     }
-    for (const auto& broker : brokers) {
-        for (const auto& vpn : broker->vpns()) {
+    for (auto const& broker : brokers) {
+        for (auto const& vpn : broker->vpns()) {
             vpn->removeQueue(name);
         }
     }
     return true;
 }
 
-bool BrokerRegistry::isProvisioned(const std::string& name) const {
+bool BrokerRegistry::isProvisioned(std::string const& name) const {
     std::lock_guard<std::mutex> lock(mutex_);
     return queues_.count(name) != 0;
 }
 
-long BrokerRegistry::queueDepth(const std::string& name) const {
+long BrokerRegistry::queueDepth(std::string const& name) const {
     std::vector<std::shared_ptr<Broker>> brokers;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (queues_.count(name) == 0) {
             return -1;
         }
-        for (const auto& entry : brokers_) {
+        for (auto const& entry : brokers_) {
             brokers.push_back(entry.second);
         }
     }
     long total = 0;
-    for (const auto& broker : brokers) {
-        for (const auto& vpn : broker->vpns()) {
+    for (auto const& broker : brokers) {
+        for (auto const& vpn : broker->vpns()) {
             total += std::max(0L, vpn->queueDepth(name));
         }
     }
@@ -76,11 +76,11 @@ void BrokerRegistry::reset() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         queues_.clear();
-        for (const auto& entry : brokers_) {
+        for (auto const& entry : brokers_) {
             brokers.push_back(entry.second);
         }
     }
-    for (const auto& broker : brokers) {
+    for (auto const& broker : brokers) {
         broker->reset();
     }
 }

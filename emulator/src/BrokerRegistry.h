@@ -17,13 +17,13 @@ class BrokerRegistry {
     static BrokerRegistry& instance();
 
     // The broker for `hostPort`, created (up) on first use.
-    std::shared_ptr<Broker> broker(const std::string& hostPort);
+    std::shared_ptr<Broker> broker(std::string const& hostPort);
 
-    bool addQueue(const std::string& name);
-    bool removeQueue(const std::string& name);
-    bool isProvisioned(const std::string& name) const;
+    bool addQueue(std::string const& name);
+    bool removeQueue(std::string const& name);
+    bool isProvisioned(std::string const& name) const;
     // Summed over every broker and VPN; -1 when not provisioned.
-    long queueDepth(const std::string& name) const;
+    long queueDepth(std::string const& name) const;
 
     // Brokers up, queues gone; broker objects stay so live sessions keep them.
     void reset();

@@ -17,27 +17,27 @@ Context::~Context() {
     stop();
 }
 
-void Context::post(const void* owner, const void* subOwner, Work work) {
+void Context::post(void const* owner, void const* subOwner, Work work) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (stopping_) {
             return;
         }
-        const auto due =
+        auto const due =
             std::chrono::steady_clock::now() + std::chrono::microseconds(roundTripUs_.load());
         items_.push_back(Item{owner, subOwner, std::move(work), due});
     }
     ready_.notify_one();
 }
 
-void Context::purge(const void* owner) {
+void Context::purge(void const* owner) {
     std::deque<Item> dropped;  // destroyed outside the lock
     std::unique_lock<std::mutex> lock(mutex_);
-    auto matches = [owner](const Item& item) {
+    auto matches = [owner](Item const& item) {
         return item.owner == owner || item.subOwner == owner;
     };
     auto keep = std::stable_partition(items_.begin(), items_.end(),
-                                      [&](const Item& item) { return !matches(item); });
+                                      [&](Item const& item) { return !matches(item); });
     std::move(keep, items_.end(), std::back_inserter(dropped));
     items_.erase(keep, items_.end());
     if (!onThread()) {
@@ -82,7 +82,7 @@ void Context::run() {
             return;
         }
         // In flight until due; a later post never overtakes an earlier one.
-        const auto due = items_.front().due;
+        auto const due = items_.front().due;
         if (std::chrono::steady_clock::now() < due) {
             ready_.wait_until(lock, due);
             continue;

@@ -20,13 +20,13 @@ class Context {
 
     Context();
     ~Context();
-    Context(const Context&) = delete;
-    Context& operator=(const Context&) = delete;
+    Context(Context const&) = delete;
+    Context& operator=(Context const&) = delete;
 
-    void post(const void* owner, const void* subOwner, Work work);
+    void post(void const* owner, void const* subOwner, Work work);
     // Discard queued work whose owner or sub-owner is `owner`; unless called on
     // this context's thread, also wait until none of it is running.
-    void purge(const void* owner);
+    void purge(void const* owner);
     bool onThread() const { return std::this_thread::get_id() == threadId_; }
     // Stop the thread, dropping queued work. Not from the thread itself.
     void stop();
@@ -44,8 +44,8 @@ class Context {
 
   private:
     struct Item {
-        const void* owner;
-        const void* subOwner;
+        void const* owner;
+        void const* subOwner;
         Work work;
         std::chrono::steady_clock::time_point due;
     };
@@ -58,8 +58,8 @@ class Context {
     std::condition_variable ready_;
     std::condition_variable idle_;
     std::deque<Item> items_;
-    const void* runningOwner_ = nullptr;
-    const void* runningSubOwner_ = nullptr;
+    void const* runningOwner_ = nullptr;
+    void const* runningSubOwner_ = nullptr;
     bool stopping_ = false;
     std::thread thread_;
     std::thread::id threadId_;

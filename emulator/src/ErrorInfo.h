@@ -13,10 +13,10 @@ class ErrorInfo {
     static solClient_errorInfo_t* current();
 
     // Fill the calling thread's record.
-    static void set(int subCode, unsigned responseCode, const std::string& text);
+    static void set(int subCode, unsigned responseCode, std::string const& text);
 
     // Fill the record and return `rc`: the usual tail of a failing call.
-    static solClient_returnCode_t fail(int subCode, const std::string& text,
+    static solClient_returnCode_t fail(int subCode, std::string const& text,
                                        solClient_returnCode_t rc = SOLCLIENT_FAIL);
 };
 

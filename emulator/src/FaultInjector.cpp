@@ -6,7 +6,7 @@ namespace solemu {
 
 namespace {
 
-const char* const VENDOR_FUNCTIONS[] = {
+char const* const VENDOR_FUNCTIONS[] = {
     "solClient_log_setFilterLevel",
     "solClient_version_get",
     "solClient_initialize",
@@ -45,8 +45,8 @@ FaultInjector& FaultInjector::instance() {
     return injector;
 }
 
-bool FaultInjector::isVendorFunction(const std::string& name) {
-    for (const char* known : VENDOR_FUNCTIONS) {
+bool FaultInjector::isVendorFunction(std::string const& name) {
+    for (char const* known : VENDOR_FUNCTIONS) {
         if (name == known) {
             return true;
         }
@@ -54,8 +54,8 @@ bool FaultInjector::isVendorFunction(const std::string& name) {
     return false;
 }
 
-bool FaultInjector::failNext(const std::string& function, int count, int returnCode, int subCode,
-                             const std::string& text) {
+bool FaultInjector::failNext(std::string const& function, int count, int returnCode, int subCode,
+                             std::string const& text) {
     if (!isVendorFunction(function)) {
         return false;
     }
@@ -69,7 +69,7 @@ bool FaultInjector::failNext(const std::string& function, int count, int returnC
     return true;
 }
 
-std::optional<solClient_returnCode_t> FaultInjector::check(const char* function) {
+std::optional<solClient_returnCode_t> FaultInjector::check(char const* function) {
     if (armed_.load(std::memory_order_acquire) == 0) {
         return std::nullopt;
     }
@@ -87,7 +87,7 @@ std::optional<solClient_returnCode_t> FaultInjector::check(const char* function)
     return static_cast<solClient_returnCode_t>(failure.returnCode);
 }
 
-void FaultInjector::refuseSubscriptions(const std::string* topic, int subCode) {
+void FaultInjector::refuseSubscriptions(std::string const* topic, int subCode) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (topic == nullptr) {
         refuseAllSubCode_ = subCode;
@@ -98,7 +98,7 @@ void FaultInjector::refuseSubscriptions(const std::string* topic, int subCode) {
     }
 }
 
-int FaultInjector::subscriptionRefusal(const std::string& topic) const {
+int FaultInjector::subscriptionRefusal(std::string const& topic) const {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = refusedTopics_.find(topic);
     if (it != refusedTopics_.end()) {
@@ -107,7 +107,7 @@ int FaultInjector::subscriptionRefusal(const std::string& topic) const {
     return refuseAllSubCode_;
 }
 
-void FaultInjector::refuseUser(const char* user) {
+void FaultInjector::refuseUser(char const* user) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (user == nullptr) {
         refusedUsers_.clear();
@@ -116,7 +116,7 @@ void FaultInjector::refuseUser(const char* user) {
     }
 }
 
-bool FaultInjector::isUserRefused(const std::string& user) const {
+bool FaultInjector::isUserRefused(std::string const& user) const {
     std::lock_guard<std::mutex> lock(mutex_);
     return refusedUsers_.count(user) != 0;
 }
@@ -128,7 +128,7 @@ void FaultInjector::reset() {
     refuseAllSubCode_ = 0;
     refusedTopics_.clear();
     refusedUsers_.clear();
-    ackMode_.store(AckMode::Acknowledge);
+    ackMode_.store(AckMode::ACKNOWLEDGE);
 }
 
 }  // namespace solemu

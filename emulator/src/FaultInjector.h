@@ -15,30 +15,30 @@ namespace solemu {
 // how the brokers answer guaranteed messages. Process-wide.
 class FaultInjector {
   public:
-    enum class AckMode { Acknowledge = 0, Reject = 1, Withhold = 2 };
+    enum AckMode : int { ACKNOWLEDGE = 0, REJECT = 1, WITHHOLD = 2 };
 
     static FaultInjector& instance();
 
     // False for a name that is not one of the vendor functions.
-    bool failNext(const std::string& function, int count, int returnCode, int subCode,
-                  const std::string& text);
+    bool failNext(std::string const& function, int count, int returnCode, int subCode,
+                  std::string const& text);
     // Consumes one armed failure of `function`; fills the error record and
     // returns the code to give back. Cheap when nothing is armed.
-    std::optional<solClient_returnCode_t> check(const char* function);
+    std::optional<solClient_returnCode_t> check(char const* function);
 
-    void refuseSubscriptions(const std::string* topic, int subCode);
+    void refuseSubscriptions(std::string const* topic, int subCode);
     // The sub-code to refuse `topic` with, 0 if it is allowed.
-    int subscriptionRefusal(const std::string& topic) const;
+    int subscriptionRefusal(std::string const& topic) const;
 
-    void refuseUser(const char* user);
-    bool isUserRefused(const std::string& user) const;
+    void refuseUser(char const* user);
+    bool isUserRefused(std::string const& user) const;
 
     void setAckMode(AckMode mode) { ackMode_.store(mode); }
     AckMode ackMode() const { return ackMode_.load(); }
 
     void reset();
 
-    static bool isVendorFunction(const std::string& name);
+    static bool isVendorFunction(std::string const& name);
 
   private:
     struct Failure {
@@ -53,7 +53,7 @@ class FaultInjector {
     int refuseAllSubCode_ = 0;
     std::map<std::string, int> refusedTopics_;
     std::set<std::string> refusedUsers_;
-    std::atomic<AckMode> ackMode_{AckMode::Acknowledge};
+    std::atomic<AckMode> ackMode_{AckMode::ACKNOWLEDGE};
 };
 
 }  // namespace solemu

@@ -6,8 +6,8 @@
 
 namespace solemu {
 
-Flow::Flow(std::shared_ptr<Context> context, const void* sessionOwner, FlowProperties properties,
-           const solClient_flow_createFuncInfo_t& funcs)
+Flow::Flow(std::shared_ptr<Context> context, void const* sessionOwner, FlowProperties properties,
+           solClient_flow_createFuncInfo_t const& funcs)
     : context_(std::move(context)),
       sessionOwner_(sessionOwner),
       properties_(std::move(properties)),
@@ -15,7 +15,7 @@ Flow::Flow(std::shared_ptr<Context> context, const void* sessionOwner, FlowPrope
       funcs_(funcs),
       started_(properties_.startState) {}
 
-bool Flow::bind(const std::shared_ptr<Queue>& queue) {
+bool Flow::bind(std::shared_ptr<Queue> const& queue) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (destroyed_ || retired_) {
@@ -93,9 +93,9 @@ void Flow::destroy() {
     context_->purge(this);
 }
 
-void Flow::deliver(const std::shared_ptr<Queue>& queue, uint64_t id,
-                   const std::shared_ptr<const Message>& message, bool redelivered) {
-    const bool autoAck = !properties_.clientAck;
+void Flow::deliver(std::shared_ptr<Queue> const& queue, uint64_t id,
+                   std::shared_ptr<const Message> const& message, bool redelivered) {
+    bool const autoAck = !properties_.clientAck;
     auto callback = funcs_.rxMsgInfo.callback_p;
     void* user = funcs_.rxMsgInfo.user_p;
     void* handle = this;
@@ -105,7 +105,7 @@ void Flow::deliver(const std::shared_ptr<Queue>& queue, uint64_t id,
         copy->setRedelivered(redelivered);
         if (callback != nullptr &&
             callback(handle, copy.get(), user) == SOLCLIENT_CALLBACK_TAKE_MSG) {
-            copy.release();  // the application frees it with msg_free
+            static_cast<void>(copy.release());  // the application frees it with msg_free
         }
         if (autoAck && queue) {
             queue->acknowledge(static_cast<Flow*>(handle), id);

@@ -18,15 +18,15 @@ class Queue;
 // thread; deliveries are posted there by the queue, events by the flow.
 class Flow : public std::enable_shared_from_this<Flow> {
   public:
-    Flow(std::shared_ptr<Context> context, const void* sessionOwner, FlowProperties properties,
-         const solClient_flow_createFuncInfo_t& funcs);
+    Flow(std::shared_ptr<Context> context, void const* sessionOwner, FlowProperties properties,
+         solClient_flow_createFuncInfo_t const& funcs);
 
     void* handle() { return this; }
-    const std::string& queueName() const { return properties_.queueName; }
+    std::string const& queueName() const { return properties_.queueName; }
 
     // Bind to `queue`; null means the queue does not exist. Raises UP_NOTICE
     // or BIND_FAILED_ERROR. False when not bound.
-    bool bind(const std::shared_ptr<Queue>& queue);
+    bool bind(std::shared_ptr<Queue> const& queue);
     solClient_returnCode_t start();
     solClient_returnCode_t stop();
     solClient_returnCode_t acknowledge(uint64_t id);
@@ -43,14 +43,14 @@ class Flow : public std::enable_shared_from_this<Flow> {
     // Called by the queue, under its lock.
     bool canReceive() const { return started_.load() && !destroyed_.load(); }
     size_t window() const { return window_; }
-    void deliver(const std::shared_ptr<Queue>& queue, uint64_t id,
-                 const std::shared_ptr<const Message>& message, bool redelivered);
+    void deliver(std::shared_ptr<Queue> const& queue, uint64_t id,
+                 std::shared_ptr<const Message> const& message, bool redelivered);
 
   private:
     void postEvent(solClient_flow_event_t event, unsigned responseCode, std::string info);
 
     const std::shared_ptr<Context> context_;
-    const void* const sessionOwner_;
+    void const* const sessionOwner_;
     const FlowProperties properties_;
     const size_t window_;
     const solClient_flow_createFuncInfo_t funcs_;

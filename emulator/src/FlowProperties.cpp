@@ -4,11 +4,14 @@
 
 namespace solemu {
 
-bool FlowProperties::parse(const PropertyList& list, std::string& error) {
+bool FlowProperties::parse(PropertyList const& list, std::string& error) {
     bool queueEntity = false;
-    for (const auto& [name, value] : list.entries()) {
-        auto bad = [&](const char* what) {
-            error = "flow property " + name + ": " + what + " ('" + value + "')";
+    for (auto const& entry : list.entries()) {
+        std::string const& name = entry.first;
+        std::string const& value = entry.second;
+        auto bad = [&](char const* what) {
+            error.assign("flow property ").append(name).append(": ").append(what);
+            error.append(" ('").append(value).append("')");
             return false;
         };
         long long number = 0;

@@ -11,7 +11,7 @@ namespace solemu {
 // FLOW_BIND_ENTITY_ID must be "2" and FLOW_BIND_NAME must name the queue.
 class FlowProperties {
   public:
-    bool parse(const PropertyList& list, std::string& error);
+    bool parse(PropertyList const& list, std::string& error);
 
     // Most messages handed out and not yet acknowledged.
     size_t window() const;

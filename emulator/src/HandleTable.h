@@ -40,7 +40,7 @@ class HandleTable {
     std::vector<Entry> values() const {
         std::shared_lock<std::shared_mutex> lock(mutex_);
         std::vector<Entry> all;
-        for (const auto& item : entries_) {
+        for (auto const& item : entries_) {
             all.push_back(item.second);
         }
         return all;

@@ -19,7 +19,7 @@ namespace solemu {
 
 namespace {
 
-std::vector<std::string> split(const std::string& text, char separator) {
+std::vector<std::string> split(std::string const& text, char separator) {
     std::vector<std::string> parts;
     std::string part;
     std::istringstream stream(text);
@@ -31,7 +31,7 @@ std::vector<std::string> split(const std::string& text, char separator) {
     return parts;
 }
 
-bool envFailure(const char* variable, const std::string& entry) {
+bool envFailure(char const* variable, std::string const& entry) {
     ErrorInfo::set(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, 0,
                    std::string(variable) + ": malformed entry '" + entry + "'");
     return false;
@@ -47,14 +47,14 @@ Library& Library::instance() {
 }
 
 bool Library::loadEnvironment() {
-    if (const char* queues = std::getenv("SOLCLIENT_EMULATOR_QUEUES")) {
-        for (const std::string& name : split(queues, ',')) {
+    if (char const* queues = std::getenv("SOLCLIENT_EMULATOR_QUEUES")) {
+        for (std::string const& name : split(queues, ',')) {
             BrokerRegistry::instance().addQueue(name);
         }
     }
-    if (const char* fail = std::getenv("SOLCLIENT_EMULATOR_FAIL")) {
+    if (char const* fail = std::getenv("SOLCLIENT_EMULATOR_FAIL")) {
         // function:count:returnCode:subCode:text;...
-        for (const std::string& entry : split(fail, ';')) {
+        for (std::string const& entry : split(fail, ';')) {
             std::vector<std::string> fields;
             size_t start = 0;
             for (int i = 0; i < 4; ++i) {
@@ -76,9 +76,9 @@ bool Library::loadEnvironment() {
             }
         }
     }
-    if (const char* refuse = std::getenv("SOLCLIENT_EMULATOR_REFUSE_SUBSCRIPTIONS")) {
+    if (char const* refuse = std::getenv("SOLCLIENT_EMULATOR_REFUSE_SUBSCRIPTIONS")) {
         // subCode[:topic];...  (no topic: every topic)
-        for (const std::string& entry : split(refuse, ';')) {
+        for (std::string const& entry : split(refuse, ';')) {
             const size_t colon = entry.find(':');
             long long sub = 0;
             if (!PropertyList::isInteger(entry.substr(0, colon), sub)) {
@@ -92,32 +92,32 @@ bool Library::loadEnvironment() {
             }
         }
     }
-    if (const char* mode = std::getenv("SOLCLIENT_EMULATOR_ACK_MODE")) {
+    if (char const* mode = std::getenv("SOLCLIENT_EMULATOR_ACK_MODE")) {
         const std::string value(mode);
         if (value == "ack" || value == "0") {
-            FaultInjector::instance().setAckMode(FaultInjector::AckMode::Acknowledge);
+            FaultInjector::instance().setAckMode(FaultInjector::AckMode::ACKNOWLEDGE);
         } else if (value == "reject" || value == "1") {
-            FaultInjector::instance().setAckMode(FaultInjector::AckMode::Reject);
+            FaultInjector::instance().setAckMode(FaultInjector::AckMode::REJECT);
         } else if (value == "withhold" || value == "2") {
-            FaultInjector::instance().setAckMode(FaultInjector::AckMode::Withhold);
+            FaultInjector::instance().setAckMode(FaultInjector::AckMode::WITHHOLD);
         } else {
             return envFailure("SOLCLIENT_EMULATOR_ACK_MODE", value);
         }
     }
-    if (const char* users = std::getenv("SOLCLIENT_EMULATOR_REFUSE_USERS")) {
-        for (const std::string& user : split(users, ',')) {
+    if (char const* users = std::getenv("SOLCLIENT_EMULATOR_REFUSE_USERS")) {
+        for (std::string const& user : split(users, ',')) {
             FaultInjector::instance().refuseUser(user.c_str());
         }
     }
-    if (const char* roundTrip = std::getenv("SOLCLIENT_EMULATOR_ROUND_TRIP_US")) {
+    if (char const* roundTrip = std::getenv("SOLCLIENT_EMULATOR_ROUND_TRIP_US")) {
         long long us = 0;
         if (!PropertyList::isInteger(roundTrip, us) || us < 0 || us > 60000000) {
             return envFailure("SOLCLIENT_EMULATOR_ROUND_TRIP_US", roundTrip);
         }
         Context::setRoundTrip(static_cast<unsigned>(us));
     }
-    if (const char* down = std::getenv("SOLCLIENT_EMULATOR_BROKERS_DOWN")) {
-        for (const std::string& hostPort : split(down, ',')) {
+    if (char const* down = std::getenv("SOLCLIENT_EMULATOR_BROKERS_DOWN")) {
+        for (std::string const& hostPort : split(down, ',')) {
             BrokerRegistry::instance().broker(hostPort)->setUp(false);
         }
     }
@@ -140,7 +140,7 @@ solClient_returnCode_t Library::initialize() {
 }
 
 solClient_returnCode_t Library::cleanup() {
-    for (const auto& entry : contexts_.values()) {
+    for (auto const& entry : contexts_.values()) {
         destroyContext(entry.context.get());
     }
     std::lock_guard<std::mutex> lock(mutex_);
@@ -162,7 +162,7 @@ solClient_returnCode_t Library::createContext(solClient_propertyArray_pt props, 
     if (!list.read(props, error)) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, error);
     }
-    for (const auto& entry : list.entries()) {
+    for (auto const& entry : list.entries()) {
         if (entry.first != "CONTEXT_CREATE_THREAD") {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
                                    "unknown context property " + entry.first);
@@ -192,7 +192,7 @@ solClient_returnCode_t Library::destroyContext(void* handle) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown context handle");
     }
     // Its sessions go with it.
-    for (const auto& session : sessions_.values()) {
+    for (auto const& session : sessions_.values()) {
         if (session.contextHandle == handle) {
             destroySession(session.session.get());
         }
@@ -203,10 +203,10 @@ solClient_returnCode_t Library::destroyContext(void* handle) {
 
 solClient_returnCode_t Library::createSession(solClient_propertyArray_pt props, void* contextHandle,
                                               void** handle,
-                                              const solClient_session_createFuncInfo_t& funcs) {
+                                              solClient_session_createFuncInfo_t const& funcs) {
     PropertyList list;
     std::string error;
-    const bool read = list.read(props, error);
+    bool const read = list.read(props, error);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         lastSessionProperties_ = list.record();
@@ -233,7 +233,7 @@ solClient_returnCode_t Library::destroySession(void* handle) {
     if (!sessions_.remove(handle, entry)) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown session handle");
     }
-    for (const auto& flow : entry.session->destroy()) {
+    for (auto const& flow : entry.session->destroy()) {
         FlowEntry removed;
         flows_.remove(flow->handle(), removed);
     }
@@ -251,10 +251,10 @@ std::shared_ptr<Session> Library::session(void* handle) const {
 
 solClient_returnCode_t Library::createFlow(solClient_propertyArray_pt props, void* sessionHandle,
                                            void** handle,
-                                           const solClient_flow_createFuncInfo_t& funcs) {
+                                           solClient_flow_createFuncInfo_t const& funcs) {
     PropertyList list;
     std::string error;
-    const bool read = list.read(props, error);
+    bool const read = list.read(props, error);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         lastFlowProperties_ = list.record();
@@ -309,13 +309,13 @@ std::string Library::lastFlowProperties() const {
 }
 
 void Library::releaseWithheld() {
-    for (const auto& entry : sessions_.values()) {
+    for (auto const& entry : sessions_.values()) {
         entry.session->releaseWithheld();
     }
 }
 
-void Library::endSessions(const std::string& hostPort) {
-    for (const auto& entry : sessions_.values()) {
+void Library::endSessions(std::string const& hostPort) {
+    for (auto const& entry : sessions_.values()) {
         if (entry.session->hostPort() == hostPort) {
             entry.session->endedByBroker();
         }
@@ -323,7 +323,7 @@ void Library::endSessions(const std::string& hostPort) {
 }
 
 void Library::wakeContexts() {
-    for (const auto& entry : contexts_.values()) {
+    for (auto const& entry : contexts_.values()) {
         entry.context->wake();
     }
 }

@@ -29,13 +29,13 @@ class Library {
 
     solClient_returnCode_t createSession(solClient_propertyArray_pt props, void* contextHandle,
                                          void** handle,
-                                         const solClient_session_createFuncInfo_t& funcs);
+                                         solClient_session_createFuncInfo_t const& funcs);
     solClient_returnCode_t destroySession(void* handle);
     // Null (and the error record filled) for an unknown handle.
     std::shared_ptr<Session> session(void* handle) const;
 
     solClient_returnCode_t createFlow(solClient_propertyArray_pt props, void* sessionHandle,
-                                      void** handle, const solClient_flow_createFuncInfo_t& funcs);
+                                      void** handle, solClient_flow_createFuncInfo_t const& funcs);
     solClient_returnCode_t destroyFlow(void* handle);
     std::shared_ptr<Flow> flow(void* handle) const;
 
@@ -46,7 +46,7 @@ class Library {
     // Answer withheld acknowledgements (the ack mode went back to "acknowledge").
     void releaseWithheld();
     // The broker at hostPort ends every session on it (DOWN_ERROR).
-    void endSessions(const std::string& hostPort);
+    void endSessions(std::string const& hostPort);
     // Let every context re-check the hold switch.
     void wakeContexts();
     void reset();

@@ -21,7 +21,7 @@ Message* Message::fromHandle(void* handle) {
     return message;
 }
 
-std::shared_ptr<const Message> Message::snapshot(const Message& source) {
+std::shared_ptr<const Message> Message::snapshot(Message const& source) {
     auto copy = std::make_shared<Message>();
     copy->deliveryMode_ = source.deliveryMode_;
     copy->destType_ = source.destinationType();
@@ -30,7 +30,7 @@ std::shared_ptr<const Message> Message::snapshot(const Message& source) {
     copy->sequenceNumber_ = source.sequenceNumber_;
     if (source.hasAttachment_) {
         copy->ownedPayload_ = std::make_shared<const std::string>(
-            static_cast<const char*>(source.attachmentData_), source.attachmentSize_);
+            static_cast<char const*>(source.attachmentData_), source.attachmentSize_);
         copy->hasAttachment_ = true;
         copy->attachmentData_ = copy->ownedPayload_->data();
         copy->attachmentSize_ = source.attachmentSize_;
@@ -38,7 +38,7 @@ std::shared_ptr<const Message> Message::snapshot(const Message& source) {
     return copy;
 }
 
-std::unique_ptr<Message> Message::deliveryCopy(const Message& source) {
+std::unique_ptr<Message> Message::deliveryCopy(Message const& source) {
     auto copy = std::make_unique<Message>();
     copy->deliveryMode_ = source.deliveryMode_;
     copy->destType_ = source.destType_;
@@ -67,12 +67,12 @@ std::string Message::destinationName() const {
     return topicPtr_ != nullptr ? std::string(topicPtr_) : std::string();
 }
 
-void Message::setDestination(solClient_destinationType_t type, const char* name) {
+void Message::setDestination(solClient_destinationType_t type, char const* name) {
     destType_ = type;
     destName_ = name != nullptr ? name : "";
 }
 
-void Message::setAttachmentPtr(const void* data, uint32_t size) {
+void Message::setAttachmentPtr(void const* data, uint32_t size) {
     ownedPayload_.reset();
     hasAttachment_ = data != nullptr;
     attachmentData_ = data;

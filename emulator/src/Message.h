@@ -17,8 +17,8 @@ class Message {
   public:
     Message();
     ~Message();
-    Message(const Message&) = delete;
-    Message& operator=(const Message&) = delete;
+    Message(Message const&) = delete;
+    Message& operator=(Message const&) = delete;
 
     // The message behind a handle, or null when the handle is not one of ours
     // (or has been freed).
@@ -27,18 +27,18 @@ class Message {
 
     // A library-owned, self-contained copy of what a send needs: the payload
     // and the destination are copied, the correlation tag kept as a value.
-    static std::shared_ptr<const Message> snapshot(const Message& source);
+    static std::shared_ptr<const Message> snapshot(Message const& source);
     // A fresh message for a receive callback sharing `source`'s payload.
-    static std::unique_ptr<Message> deliveryCopy(const Message& source);
+    static std::unique_ptr<Message> deliveryCopy(Message const& source);
 
     // Destination as a send sees it: the destination record if set, else the
     // topic pointer as a topic.
     solClient_destinationType_t destinationType() const;
     std::string destinationName() const;
 
-    void setDestination(solClient_destinationType_t type, const char* name);
-    void setTopicPtr(const char* topic) { topicPtr_ = topic; }
-    void setAttachmentPtr(const void* data, uint32_t size);
+    void setDestination(solClient_destinationType_t type, char const* name);
+    void setTopicPtr(char const* topic) { topicPtr_ = topic; }
+    void setAttachmentPtr(void const* data, uint32_t size);
     void setDeliveryMode(uint32_t mode) { deliveryMode_ = mode; }
     void setCorrelationTag(void* tag) { correlationTag_ = tag; }
     void setSequenceNumber(uint64_t seq) { sequenceNumber_ = seq; }
@@ -49,13 +49,13 @@ class Message {
     void setRedelivered(bool redelivered) { redelivered_ = redelivered; }
 
     bool hasAttachment() const { return hasAttachment_; }
-    const void* attachmentData() const { return attachmentData_; }
+    void const* attachmentData() const { return attachmentData_; }
     uint32_t attachmentSize() const { return attachmentSize_; }
     bool hasDestinationRecord() const { return destType_ != SOLCLIENT_NULL_DESTINATION; }
     // Points into this message; valid while it lives.
-    const char* destinationRecordName() const { return destName_.c_str(); }
+    char const* destinationRecordName() const { return destName_.c_str(); }
     solClient_destinationType_t destinationRecordType() const { return destType_; }
-    const char* topicPtr() const { return topicPtr_; }
+    char const* topicPtr() const { return topicPtr_; }
     uint32_t deliveryMode() const { return deliveryMode_; }
     bool isGuaranteed() const { return deliveryMode_ != SOLCLIENT_DELIVERY_MODE_DIRECT; }
     void* correlationTag() const { return correlationTag_; }
@@ -72,9 +72,9 @@ class Message {
     uint32_t deliveryMode_ = SOLCLIENT_DELIVERY_MODE_DIRECT;
     solClient_destinationType_t destType_ = SOLCLIENT_NULL_DESTINATION;
     std::string destName_;
-    const char* topicPtr_ = nullptr;
+    char const* topicPtr_ = nullptr;
     bool hasAttachment_ = false;
-    const void* attachmentData_ = nullptr;
+    void const* attachmentData_ = nullptr;
     uint32_t attachmentSize_ = 0;
     // Set on library copies: keeps attachmentData_ valid.
     std::shared_ptr<const std::string> ownedPayload_;

@@ -8,7 +8,7 @@
 
 namespace solemu {
 
-void MessageVpn::attach(const std::shared_ptr<Session>& session) {
+void MessageVpn::attach(std::shared_ptr<Session> const& session) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto next = std::make_shared<SessionList>(*sessions_);
     if (std::find(next->begin(), next->end(), session) == next->end()) {
@@ -17,11 +17,11 @@ void MessageVpn::attach(const std::shared_ptr<Session>& session) {
     sessions_ = std::move(next);
 }
 
-void MessageVpn::detach(const Session* session) {
+void MessageVpn::detach(Session const* session) {
     std::shared_ptr<const SessionList> previous;  // released outside the lock
     std::lock_guard<std::mutex> lock(mutex_);
     auto next = std::make_shared<SessionList>();
-    for (const auto& each : *sessions_) {
+    for (auto const& each : *sessions_) {
         if (each.get() != session) {
             next->push_back(each);
         }
@@ -35,15 +35,15 @@ std::shared_ptr<const MessageVpn::SessionList> MessageVpn::sessions() const {
     return sessions_;
 }
 
-void MessageVpn::publish(const std::string& topic,
-                         const std::shared_ptr<const Message>& message) const {
-    const auto snapshot = sessions();  // a concurrent detach may replace the list
-    for (const auto& session : *snapshot) {
+void MessageVpn::publish(std::string const& topic,
+                         std::shared_ptr<const Message> const& message) const {
+    auto const snapshot = sessions();  // a concurrent detach may replace the list
+    for (auto const& session : *snapshot) {
         session->deliverDirect(topic, message);
     }
 }
 
-std::shared_ptr<Queue> MessageVpn::queue(const std::string& name) {
+std::shared_ptr<Queue> MessageVpn::queue(std::string const& name) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = queues_.find(name);
     if (it != queues_.end()) {
@@ -57,7 +57,7 @@ std::shared_ptr<Queue> MessageVpn::queue(const std::string& name) {
     return created;
 }
 
-void MessageVpn::removeQueue(const std::string& name) {
+void MessageVpn::removeQueue(std::string const& name) {
     std::shared_ptr<Queue> removed;
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -71,7 +71,7 @@ void MessageVpn::removeQueue(const std::string& name) {
     removed->clear();
 }
 
-long MessageVpn::queueDepth(const std::string& name) const {
+long MessageVpn::queueDepth(std::string const& name) const {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = queues_.find(name);
     return it == queues_.end() ? -1 : it->second->depth();

@@ -18,20 +18,20 @@ class MessageVpn {
   public:
     using SessionList = std::vector<std::shared_ptr<Session>>;
 
-    void attach(const std::shared_ptr<Session>& session);
-    void detach(const Session* session);
+    void attach(std::shared_ptr<Session> const& session);
+    void detach(Session const* session);
     // The connected sessions; a snapshot, so publishers take no lock while
     // they deliver.
     std::shared_ptr<const SessionList> sessions() const;
 
     // Deliver a direct message to every matching subscription.
-    void publish(const std::string& topic, const std::shared_ptr<const Message>& message) const;
+    void publish(std::string const& topic, std::shared_ptr<const Message> const& message) const;
 
     // The queue of that name if it is provisioned (created on first use).
-    std::shared_ptr<Queue> queue(const std::string& name);
-    void removeQueue(const std::string& name);
+    std::shared_ptr<Queue> queue(std::string const& name);
+    void removeQueue(std::string const& name);
     // -1 when the queue was never used here.
-    long queueDepth(const std::string& name) const;
+    long queueDepth(std::string const& name) const;
     void clearQueues();
 
   private:

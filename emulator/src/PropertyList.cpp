@@ -20,7 +20,7 @@ bool PropertyList::read(solClient_propertyArray_pt props, std::string& error) {
     return true;
 }
 
-std::string PropertyList::get(const std::string& name, const std::string& fallback) const {
+std::string PropertyList::get(std::string const& name, std::string const& fallback) const {
     for (auto it = entries_.rbegin(); it != entries_.rend(); ++it) {
         if (it->first == name) {
             return it->second;
@@ -31,7 +31,7 @@ std::string PropertyList::get(const std::string& name, const std::string& fallba
 
 std::string PropertyList::record() const {
     std::string text;
-    for (const auto& entry : entries_) {
+    for (auto const& entry : entries_) {
         if (!text.empty()) {
             text += '\n';
         }
@@ -42,7 +42,7 @@ std::string PropertyList::record() const {
     return text;
 }
 
-bool PropertyList::isInteger(const std::string& value, long long& out) {
+bool PropertyList::isInteger(std::string const& value, long long& out) {
     if (value.empty() || value.size() > 19) {
         return false;
     }

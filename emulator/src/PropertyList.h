@@ -17,15 +17,15 @@ class PropertyList {
     bool read(solClient_propertyArray_pt props, std::string& error);
 
     // The last value given for `name`, or `fallback`.
-    std::string get(const std::string& name, const std::string& fallback) const;
+    std::string get(std::string const& name, std::string const& fallback) const;
     // Names and values joined by '\n', as solEmu_last*Properties report them.
     std::string record() const;
-    const std::vector<std::pair<std::string, std::string>>& entries() const { return entries_; }
+    std::vector<std::pair<std::string, std::string>> const& entries() const { return entries_; }
 
     // Value checks shared by the session and flow parsers.
-    static bool isSwitch(const std::string& value) { return value == "0" || value == "1"; }
+    static bool isSwitch(std::string const& value) { return value == "0" || value == "1"; }
     // A decimal integer (optional leading '-'), no other characters.
-    static bool isInteger(const std::string& value, long long& out);
+    static bool isInteger(std::string const& value, long long& out);
 
   private:
     std::vector<std::pair<std::string, std::string>> entries_;

@@ -13,9 +13,9 @@ void Queue::spool(std::shared_ptr<const Message> message) {
     pumpLocked();
 }
 
-void Queue::bind(const std::shared_ptr<Flow>& flow) {
+void Queue::bind(std::shared_ptr<Flow> const& flow) {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (const Binding& binding : bindings_) {
+    for (Binding const& binding : bindings_) {
         if (binding.key == flow.get()) {
             return;
         }
@@ -24,7 +24,7 @@ void Queue::bind(const std::shared_ptr<Flow>& flow) {
     pumpLocked();
 }
 
-void Queue::unbind(const Flow* flow) {
+void Queue::unbind(Flow const* flow) {
     std::lock_guard<std::mutex> lock(mutex_);
     for (auto it = bindings_.begin(); it != bindings_.end(); ++it) {
         if (it->key != flow) {
@@ -40,7 +40,7 @@ void Queue::unbind(const Flow* flow) {
     }
 }
 
-void Queue::acknowledge(const Flow* flow, uint64_t id) {
+void Queue::acknowledge(Flow const* flow, uint64_t id) {
     std::shared_ptr<const Message> released;  // freed outside the lock
     std::lock_guard<std::mutex> lock(mutex_);
     for (Binding& binding : bindings_) {
@@ -88,7 +88,7 @@ void Queue::pumpLocked() {
 long Queue::depth() const {
     std::lock_guard<std::mutex> lock(mutex_);
     long total = static_cast<long>(available_.size());
-    for (const Binding& binding : bindings_) {
+    for (Binding const& binding : bindings_) {
         total += static_cast<long>(binding.unacked.size());
     }
     return total;

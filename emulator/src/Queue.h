@@ -20,15 +20,15 @@ class Queue : public std::enable_shared_from_this<Queue> {
   public:
     explicit Queue(std::string name) : name_(std::move(name)) {}
 
-    const std::string& name() const { return name_; }
+    std::string const& name() const { return name_; }
 
     void spool(std::shared_ptr<const Message> message);
-    void bind(const std::shared_ptr<Flow>& flow);
+    void bind(std::shared_ptr<Flow> const& flow);
     // The flow's unacknowledged messages go back to the queue, marked
     // redelivered, and are offered to the remaining flows.
-    void unbind(const Flow* flow);
+    void unbind(Flow const* flow);
     // Removes a message the flow holds; unknown ids are ignored.
-    void acknowledge(const Flow* flow, uint64_t id);
+    void acknowledge(Flow const* flow, uint64_t id);
     // Hand out messages to flows that are started and have room.
     void pump();
     // Spooled messages, handed out or not.
@@ -41,7 +41,7 @@ class Queue : public std::enable_shared_from_this<Queue> {
         bool redelivered = false;
     };
     struct Binding {
-        const Flow* key;
+        Flow const* key;
         std::weak_ptr<Flow> flow;
         std::map<uint64_t, Entry> unacked;
     };

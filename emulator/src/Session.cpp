@@ -24,7 +24,7 @@ namespace solemu {
 
 namespace {
 
-bool isDirectory(const std::string& path) {
+bool isDirectory(std::string const& path) {
     struct stat info {};
     return !path.empty() && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
@@ -48,7 +48,7 @@ std::atomic<long> Session::blocked_{0};
 std::atomic<long> Session::windowWaits_{0};
 
 Session::Session(std::shared_ptr<Context> context, SessionProperties properties,
-                 const solClient_session_createFuncInfo_t& funcs)
+                 solClient_session_createFuncInfo_t const& funcs)
     : context_(std::move(context)),
       properties_(std::move(properties)),
       funcs_(funcs),
@@ -62,22 +62,22 @@ Session::~Session() = default;
 solClient_returnCode_t Session::connect() {
     std::unique_lock<std::mutex> lock(mutex_);
     switch (state_.load()) {
-        case State::Up:
+        case State::UP:
             return SOLCLIENT_OK;
-        case State::Connecting:
-        case State::Reconnecting:
+        case State::CONNECTING:
+        case State::RECONNECTING:
             return SOLCLIENT_IN_PROGRESS;
-        case State::Destroyed:
+        case State::DESTROYED:
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "session destroyed");
-        case State::Idle:
-        case State::Down:
+        case State::IDLE:
+        case State::DOWN:
             break;
     }
     if (properties_.connectBlocking && context_->onThread()) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                "blocking connect from the context thread");
     }
-    state_ = State::Connecting;
+    state_ = State::CONNECTING;
     const uint64_t epoch = ++epoch_;
     attempts_ = 0;
     std::weak_ptr<Session> weak = weak_from_this();
@@ -90,8 +90,8 @@ solClient_returnCode_t Session::connect() {
         return SOLCLIENT_IN_PROGRESS;
     }
     Blocked blocked;
-    stateChanged_.wait(lock, [&] { return state_.load() != State::Connecting; });
-    if (state_.load() == State::Up) {
+    stateChanged_.wait(lock, [&] { return state_.load() != State::CONNECTING; });
+    if (state_.load() == State::UP) {
         return SOLCLIENT_OK;
     }
     return ErrorInfo::fail(lastSubCode_, lastError_.empty() ? "connect failed" : lastError_);
@@ -113,7 +113,7 @@ std::string Session::loginRefusal() const {
 
 void Session::attempt(uint64_t epoch) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (epoch != epoch_ || state_.load() != State::Connecting) {
+    if (epoch != epoch_ || state_.load() != State::CONNECTING) {
         return;
     }
     if (properties_.vpn.empty()) {
@@ -122,7 +122,7 @@ void Session::attempt(uint64_t epoch) {
     }
     const std::string refusal = loginRefusal();
     if (!refusal.empty()) {
-        const bool tlsFailure = refusal != "Unauthorized";
+        bool const tlsFailure = refusal != "Unauthorized";
         failConnectLocked(
             tlsFailure ? SOLCLIENT_SUBCODE_COMMUNICATION_ERROR : SOLCLIENT_SUBCODE_LOGIN_FAILURE,
             tlsFailure ? 0 : 401, refusal);
@@ -152,7 +152,7 @@ void Session::scheduleConnectTimeout(uint64_t epoch) {
 
 void Session::connectTimedOut(uint64_t epoch) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (epoch != epoch_ || state_.load() != State::Connecting) {
+    if (epoch != epoch_ || state_.load() != State::CONNECTING) {
         return;
     }
     if (++attempts_ > properties_.connectRetries) {
@@ -181,8 +181,8 @@ void Session::brokerCameUp() {
     });
 }
 
-void Session::failConnectLocked(int subCode, unsigned responseCode, const std::string& text) {
-    state_ = State::Down;
+void Session::failConnectLocked(int subCode, unsigned responseCode, std::string const& text) {
+    state_ = State::DOWN;
     ++epoch_;
     lastSubCode_ = subCode;
     lastError_ = text;
@@ -191,7 +191,7 @@ void Session::failConnectLocked(int subCode, unsigned responseCode, const std::s
 }
 
 void Session::goUpLocked(bool reconnected) {
-    state_ = State::Up;
+    state_ = State::UP;
     vpn_->attach(shared_from_this());
     {
         std::unique_lock<std::shared_mutex> lock(subscriptionsMutex_);
@@ -231,7 +231,7 @@ void Session::detachLocked(bool clearSubscriptions) {
 
 void Session::brokerWentDown() {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (state_.load() != State::Up) {
+    if (state_.load() != State::UP) {
         return;
     }
     detachLocked(false);
@@ -241,7 +241,7 @@ void Session::brokerWentDown() {
     // Confirmations and binds in flight are lost with the connection.
     failWaitersLocked(SOLCLIENT_SUBCODE_COMMUNICATION_ERROR,
                       "connection to broker " + broker_->hostPort() + " lost");
-    state_ = State::Reconnecting;
+    state_ = State::RECONNECTING;
     ++epoch_;
     attempts_ = 0;
     postEvent(SOLCLIENT_SESSION_EVENT_RECONNECTING_NOTICE, 0,
@@ -266,7 +266,7 @@ void Session::scheduleReconnectLocked() {
 
 void Session::reconnectTick(uint64_t epoch) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (epoch != epoch_ || state_.load() != State::Reconnecting) {
+    if (epoch != epoch_ || state_.load() != State::RECONNECTING) {
         return;
     }
     if (broker_->isUp() && loginRefusal().empty()) {
@@ -281,8 +281,8 @@ void Session::reconnectTick(uint64_t epoch) {
     scheduleReconnectLocked();
 }
 
-void Session::goDownLocked(const std::string& reason) {
-    state_ = State::Down;
+void Session::goDownLocked(std::string const& reason) {
+    state_ = State::DOWN;
     ++epoch_;
     detachLocked(true);
     for (auto& entry : flows_) {
@@ -298,7 +298,7 @@ void Session::goDownLocked(const std::string& reason) {
 void Session::endedByBroker() {
     std::lock_guard<std::mutex> lock(mutex_);
     const State state = state_.load();
-    if (state != State::Up && state != State::Reconnecting) {
+    if (state != State::UP && state != State::RECONNECTING) {
         return;
     }
     for (auto& entry : flows_) {
@@ -310,9 +310,9 @@ void Session::endedByBroker() {
 // ---- Blocking calls ----------------------------------------------------------------
 
 solClient_returnCode_t Session::awaitAnswer(std::unique_lock<std::mutex>& lock,
-                                            const void* subOwner,
-                                            const std::shared_ptr<Answer>& answer,
-                                            long long timeoutMs, const std::string& what) {
+                                            void const* subOwner,
+                                            std::shared_ptr<Answer> const& answer,
+                                            long long timeoutMs, std::string const& what) {
     std::weak_ptr<Session> weak = weak_from_this();
     context_->post(this, subOwner, [weak, answer] {
         if (auto self = weak.lock()) {
@@ -323,7 +323,7 @@ solClient_returnCode_t Session::awaitAnswer(std::unique_lock<std::mutex>& lock,
     });
     waiting_.push_back(answer);
     Blocked blocked;
-    const bool answered = stateChanged_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+    bool const answered = stateChanged_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
                                                  [&] { return answer->done; });
     waiting_.erase(std::remove(waiting_.begin(), waiting_.end(), answer), waiting_.end());
     if (!answered) {
@@ -335,7 +335,7 @@ solClient_returnCode_t Session::awaitAnswer(std::unique_lock<std::mutex>& lock,
     return SOLCLIENT_OK;
 }
 
-void Session::failWaitersLocked(int subCode, const std::string& text) {
+void Session::failWaitersLocked(int subCode, std::string const& text) {
     for (auto& answer : waiting_) {
         if (!answer->done) {
             answer->done = true;
@@ -348,17 +348,17 @@ void Session::failWaitersLocked(int subCode, const std::string& text) {
 }
 
 solClient_returnCode_t Session::awaitUpLocked(std::unique_lock<std::mutex>& lock,
-                                              TimePoint deadline, const char* what) {
+                                              TimePoint deadline, char const* what) {
     Blocked blocked;
-    const bool settled = stateChanged_.wait_until(lock, deadline, [this] {
+    bool const settled = stateChanged_.wait_until(lock, deadline, [this] {
         const State state = state_.load();
-        return state != State::Connecting && state != State::Reconnecting;
+        return state != State::CONNECTING && state != State::RECONNECTING;
     });
     if (!settled) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_TIMEOUT,
                                std::string(what) + " timed out while the session was connecting");
     }
-    if (state_.load() != State::Up) {
+    if (state_.load() != State::UP) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                "session not established");
     }
@@ -370,7 +370,7 @@ solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& 
     const size_t window = static_cast<size_t>(properties_.pubWindowSize);
     for (;;) {
         const State state = state_.load();
-        if (state == State::Connecting || state == State::Reconnecting) {
+        if (state == State::CONNECTING || state == State::RECONNECTING) {
             if (!properties_.blockWhileConnecting) {
                 return SOLCLIENT_OK;  // buffered until the session is up
             }
@@ -388,7 +388,7 @@ solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& 
             }
             continue;
         }
-        if (state != State::Up) {
+        if (state != State::UP) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                    "session not established");
         }
@@ -406,8 +406,8 @@ solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& 
         }
         ++windowWaits_;
         Blocked blocked;
-        const bool room = stateChanged_.wait_until(
-            lock, deadline, [&] { return state_.load() != State::Up || unackedLocked() < window; });
+        bool const room = stateChanged_.wait_until(
+            lock, deadline, [&] { return state_.load() != State::UP || unackedLocked() < window; });
         if (!room) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_TIMEOUT,
                                    "send timed out: publish window full");
@@ -418,14 +418,14 @@ solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& 
 solClient_returnCode_t Session::disconnect() {
     std::lock_guard<std::mutex> lock(mutex_);
     const State state = state_.load();
-    if (state == State::Idle || state == State::Down || state == State::Destroyed) {
+    if (state == State::IDLE || state == State::DOWN || state == State::DESTROYED) {
         return SOLCLIENT_OK;
     }
     detachLocked(true);
     for (auto& entry : flows_) {
         entry.second->retire(-1);
     }
-    state_ = State::Idle;
+    state_ = State::IDLE;
     ++epoch_;
     failWaitersLocked(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, "session disconnected");
     return SOLCLIENT_OK;
@@ -435,7 +435,7 @@ std::vector<std::shared_ptr<Flow>> Session::destroy() {
     std::vector<std::shared_ptr<Flow>> flows;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        state_ = State::Destroyed;
+        state_ = State::DESTROYED;
         ++epoch_;
         detachLocked(true);
         for (auto& entry : flows_) {
@@ -454,7 +454,7 @@ std::vector<std::shared_ptr<Flow>> Session::destroy() {
 
 // ---- Sending --------------------------------------------------------------------
 
-solClient_returnCode_t Session::send(const Message& message) {
+solClient_returnCode_t Session::send(Message const& message) {
     if (message.hasAttachment() && message.attachmentSize() > MAX_MESSAGE_SIZE) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_MESSAGE_TOO_LARGE,
                                "message larger than the emulator's limit of 30 MB");
@@ -464,7 +464,7 @@ solClient_returnCode_t Session::send(const Message& message) {
     if (type == SOLCLIENT_NULL_DESTINATION || destination.empty()) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_TOPIC_MISSING, "message has no destination");
     }
-    const bool toQueue =
+    bool const toQueue =
         type == SOLCLIENT_QUEUE_DESTINATION || type == SOLCLIENT_QUEUE_TEMP_DESTINATION;
 
     if (!message.isGuaranteed()) {
@@ -477,7 +477,7 @@ solClient_returnCode_t Session::send(const Message& message) {
                                    "invalid topic '" + destination + "'");
         }
         const State state = state_.load();
-        if (state == State::Connecting || state == State::Reconnecting) {
+        if (state == State::CONNECTING || state == State::RECONNECTING) {
             if (!properties_.blockWhileConnecting) {
                 return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                        "session is (re)connecting", SOLCLIENT_NOT_READY);
@@ -500,7 +500,7 @@ solClient_returnCode_t Session::send(const Message& message) {
             if (rc != SOLCLIENT_OK) {
                 return rc;
             }
-        } else if (state != State::Up) {
+        } else if (state != State::UP) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                    "session not established");
         }
@@ -511,7 +511,7 @@ solClient_returnCode_t Session::send(const Message& message) {
         if (destination == DROP_TOPIC) {
             std::string text;
             if (message.hasAttachment()) {
-                text.assign(static_cast<const char*>(message.attachmentData()),
+                text.assign(static_cast<char const*>(message.attachmentData()),
                             message.attachmentSize());
             }
             long long ms = 0;
@@ -537,7 +537,7 @@ solClient_returnCode_t Session::send(const Message& message) {
         return rc;
     }
     pending_.push_back(PendingSend{Message::snapshot(message), false});
-    if (state_.load() == State::Up) {
+    if (state_.load() == State::UP) {
         transmitLocked(std::prev(pending_.end()));
     }  // else buffered (BLOCK_WHILE_CONNECTING "0"); transmitted when the session is up
     return SOLCLIENT_OK;
@@ -561,7 +561,7 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
         }
     }
     const FaultInjector::AckMode mode = FaultInjector::instance().ackMode();
-    if (mode == FaultInjector::AckMode::Reject) {
+    if (mode == FaultInjector::AckMode::REJECT) {
         postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 400, "Rejected by the emulator",
                     tag);
         pending_.erase(entry);
@@ -570,7 +570,7 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
     if (queue) {
         queue->spool(entry->message);
     }
-    if (mode == FaultInjector::AckMode::Withhold) {
+    if (mode == FaultInjector::AckMode::WITHHOLD) {
         entry->spooled = true;
         return;
     }
@@ -589,7 +589,7 @@ void Session::postSettled(solClient_session_event_t event, unsigned responseCode
             if (self->answersInFlight_ > 0) {
                 --self->answersInFlight_;
             }
-            if (self->canSendOwed_ && self->state_.load() == State::Up &&
+            if (self->canSendOwed_ && self->state_.load() == State::UP &&
                 self->unackedLocked() < static_cast<size_t>(self->properties_.pubWindowSize)) {
                 self->canSendOwed_ = false;
                 self->postEvent(SOLCLIENT_SESSION_EVENT_CAN_SEND, 0, "OK");
@@ -602,7 +602,7 @@ void Session::postSettled(solClient_session_event_t event, unsigned responseCode
 
 void Session::releaseWithheld() {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (state_.load() != State::Up) {
+    if (state_.load() != State::UP) {
         return;
     }
     for (auto it = pending_.begin(); it != pending_.end();) {
@@ -617,8 +617,8 @@ void Session::releaseWithheld() {
 // ---- Subscriptions and delivery ---------------------------------------------------
 
 solClient_returnCode_t Session::changeSubscription(
-    bool add, solClient_subscribeFlags_t flags, const char* topic,
-    const solClient_session_rxMsgDispatchFuncInfo_t* dispatch, void* correlationTag) {
+    bool add, solClient_subscribeFlags_t flags, char const* topic,
+    solClient_session_rxMsgDispatchFuncInfo_t const* dispatch, void* correlationTag) {
     if (topic == nullptr) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "topic is NULL");
     }
@@ -640,8 +640,8 @@ solClient_returnCode_t Session::changeSubscription(
         callback = dispatch->callback_p;
         user = dispatch->user_p;
     }
-    const bool wait = (flags & SOLCLIENT_SUBSCRIBE_FLAGS_WAITFORCONFIRM) != 0;
-    const bool confirm = !wait && (flags & SOLCLIENT_SUBSCRIBE_FLAGS_REQUEST_CONFIRM) != 0;
+    bool const wait = (flags & SOLCLIENT_SUBSCRIBE_FLAGS_WAITFORCONFIRM) != 0;
+    bool const confirm = !wait && (flags & SOLCLIENT_SUBSCRIBE_FLAGS_REQUEST_CONFIRM) != 0;
     if (wait && context_->onThread()) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                "cannot wait for confirmation on the context thread");
@@ -649,9 +649,9 @@ solClient_returnCode_t Session::changeSubscription(
 
     std::unique_lock<std::mutex> lock(mutex_);
     State state = state_.load();
-    const auto deadline = std::chrono::steady_clock::now() +
+    auto const deadline = std::chrono::steady_clock::now() +
                           std::chrono::milliseconds(properties_.subconfirmTimeoutMs);
-    if ((state == State::Connecting || state == State::Reconnecting) &&
+    if ((state == State::CONNECTING || state == State::RECONNECTING) &&
         properties_.blockWhileConnecting && !context_->onThread()) {
         const solClient_returnCode_t rc = awaitUpLocked(lock, deadline, "subscription change");
         if (rc != SOLCLIENT_OK) {
@@ -659,14 +659,14 @@ solClient_returnCode_t Session::changeSubscription(
         }
         state = state_.load();
     }
-    if (state != State::Up && state != State::Reconnecting) {
+    if (state != State::UP && state != State::RECONNECTING) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                "session not established");
     }
     // A confirm-waiting call returns once the context thread has processed
     // the broker's answer, refusals included.
-    auto answered = [&](int subCode, const std::string& failure) {
-        if (!wait || state != State::Up) {
+    auto answered = [&](int subCode, std::string const& failure) {
+        if (!wait || state != State::UP) {
             return subCode == 0 ? SOLCLIENT_OK : ErrorInfo::fail(subCode, failure);
         }
         auto answer = std::make_shared<Answer>();
@@ -680,7 +680,7 @@ solClient_returnCode_t Session::changeSubscription(
         return awaitAnswer(lock, nullptr, answer, std::max<long long>(left.count(), 1),
                            "subscription confirmation");
     };
-    const int refusal = FaultInjector::instance().subscriptionRefusal(text);
+    int const refusal = FaultInjector::instance().subscriptionRefusal(text);
     if (refusal != 0) {
         if (confirm) {
             postEvent(SOLCLIENT_SESSION_EVENT_SUBSCRIPTION_ERROR, 403,
@@ -703,7 +703,7 @@ solClient_returnCode_t Session::changeSubscription(
         } else if (!add && found != subscriptions_.end()) {
             subscriptions_.erase(found);
         } else if (!properties_.ignoreDupSubscriptionError) {
-            const int subCode = add ? SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT
+            int const subCode = add ? SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT
                                     : SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND;
             subscriptionsLock.unlock();
             return answered(subCode, subscriptionErrorText(subCode) + ": " + text);
@@ -716,8 +716,8 @@ solClient_returnCode_t Session::changeSubscription(
     return answered(0, std::string());
 }
 
-void Session::deliverDirect(const std::string& topic,
-                            const std::shared_ptr<const Message>& message) {
+void Session::deliverDirect(std::string const& topic,
+                            std::shared_ptr<const Message> const& message) {
     std::shared_lock<std::shared_mutex> lock(subscriptionsMutex_);
     if (!receiving_) {
         return;
@@ -725,7 +725,7 @@ void Session::deliverDirect(const std::string& topic,
     // One delivery per distinct callback, however many of its subscriptions match.
     std::set<std::pair<solClient_session_rxMsgCallbackFunc_t, void*>> served;
     void* handle = this;
-    for (const Subscription& subscription : subscriptions_) {
+    for (Subscription const& subscription : subscriptions_) {
         if (subscription.callback == nullptr || !subscription.matcher.matches(topic) ||
             !served.emplace(subscription.callback, subscription.user).second) {
             continue;
@@ -735,7 +735,7 @@ void Session::deliverDirect(const std::string& topic,
         context_->post(this, nullptr, [message, callback, user, handle] {
             std::unique_ptr<Message> copy = Message::deliveryCopy(*message);
             if (callback(handle, copy.get(), user) == SOLCLIENT_CALLBACK_TAKE_MSG) {
-                copy.release();  // the application frees it with msg_free
+                static_cast<void>(copy.release());  // the application frees it with msg_free
             }
         });
     }
@@ -743,15 +743,15 @@ void Session::deliverDirect(const std::string& topic,
 
 // ---- Flows ------------------------------------------------------------------------
 
-solClient_returnCode_t Session::createFlow(const FlowProperties& properties,
-                                           const solClient_flow_createFuncInfo_t& funcs,
+solClient_returnCode_t Session::createFlow(FlowProperties const& properties,
+                                           solClient_flow_createFuncInfo_t const& funcs,
                                            std::shared_ptr<Flow>& flow) {
     if (properties.bindBlocking && context_->onThread()) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                "cannot bind a flow blocking in a callback");
     }
     std::unique_lock<std::mutex> lock(mutex_);
-    if (state_.load() != State::Up) {
+    if (state_.load() != State::UP) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                "session not established");
     }
@@ -777,7 +777,7 @@ solClient_returnCode_t Session::createFlow(const FlowProperties& properties,
         flows_.erase(flow.get());
         lock.unlock();
         const std::string text = ErrorInfo::current()->errorStr;
-        const int subCode = ErrorInfo::current()->subCode;
+        int const subCode = ErrorInfo::current()->subCode;
         flow->destroy();  // not handed out
         flow.reset();
         return ErrorInfo::fail(subCode, text);
@@ -785,7 +785,7 @@ solClient_returnCode_t Session::createFlow(const FlowProperties& properties,
     return SOLCLIENT_OK;
 }
 
-void Session::forgetFlow(const Flow* flow) {
+void Session::forgetFlow(Flow const* flow) {
     std::lock_guard<std::mutex> lock(mutex_);
     flows_.erase(flow);
 }

@@ -34,17 +34,17 @@ class Session : public std::enable_shared_from_this<Session> {
     // The largest binary attachment a send accepts.
     static constexpr uint32_t MAX_MESSAGE_SIZE = 30u * 1024u * 1024u;
     // Direct messages to this topic take the broker down for N ms (payload).
-    static constexpr const char* DROP_TOPIC = "#emulator/drop";
+    static constexpr char const* DROP_TOPIC = "#emulator/drop";
     // Direct messages to this topic make the broker end every session on it
     // outright (DOWN_ERROR).
-    static constexpr const char* DOWN_TOPIC = "#emulator/down";
+    static constexpr char const* DOWN_TOPIC = "#emulator/down";
 
     Session(std::shared_ptr<Context> context, SessionProperties properties,
-            const solClient_session_createFuncInfo_t& funcs);
+            solClient_session_createFuncInfo_t const& funcs);
     ~Session();
 
     void* handle() { return this; }
-    const std::shared_ptr<Context>& context() const { return context_; }
+    std::shared_ptr<Context> const& context() const { return context_; }
 
     // Calls blocked in any session now, and sends that have waited for room in
     // a full publish window so far (for tests that want to know they hit it).
@@ -53,30 +53,30 @@ class Session : public std::enable_shared_from_this<Session> {
 
     solClient_returnCode_t connect();
     solClient_returnCode_t disconnect();
-    solClient_returnCode_t send(const Message& message);
+    solClient_returnCode_t send(Message const& message);
     solClient_returnCode_t changeSubscription(
-        bool add, solClient_subscribeFlags_t flags, const char* topic,
-        const solClient_session_rxMsgDispatchFuncInfo_t* dispatch, void* correlationTag);
-    solClient_returnCode_t createFlow(const FlowProperties& properties,
-                                      const solClient_flow_createFuncInfo_t& funcs,
+        bool add, solClient_subscribeFlags_t flags, char const* topic,
+        solClient_session_rxMsgDispatchFuncInfo_t const* dispatch, void* correlationTag);
+    solClient_returnCode_t createFlow(FlowProperties const& properties,
+                                      solClient_flow_createFuncInfo_t const& funcs,
                                       std::shared_ptr<Flow>& flow);
     // Forget a flow that flow_destroy has destroyed.
-    void forgetFlow(const Flow* flow);
+    void forgetFlow(Flow const* flow);
     // Stop everything and discard queued callbacks; the flows it had are
     // returned (already destroyed) so that their handles can be dropped.
     std::vector<std::shared_ptr<Flow>> destroy();
 
     // Broker side.
-    void deliverDirect(const std::string& topic, const std::shared_ptr<const Message>& message);
+    void deliverDirect(std::string const& topic, std::shared_ptr<const Message> const& message);
     void brokerWentDown();
     void brokerCameUp();
     void releaseWithheld();
     // The broker ends the session outright: DOWN_ERROR, no reconnecting.
     void endedByBroker();
-    const std::string& hostPort() const { return properties_.hostPort; }
+    std::string const& hostPort() const { return properties_.hostPort; }
 
   private:
-    enum class State { Idle, Connecting, Up, Reconnecting, Down, Destroyed };
+    enum State : int { IDLE, CONNECTING, UP, RECONNECTING, DOWN, DESTROYED };
     struct Subscription {
         TopicMatcher matcher;
         solClient_session_rxMsgCallbackFunc_t callback;
@@ -101,19 +101,19 @@ class Session : public std::enable_shared_from_this<Session> {
     void connectTimedOut(uint64_t epoch);
     void reconnectTick(uint64_t epoch);
     void scheduleReconnectLocked();
-    void failConnectLocked(int subCode, unsigned responseCode, const std::string& text);
+    void failConnectLocked(int subCode, unsigned responseCode, std::string const& text);
     void goUpLocked(bool reconnected);
-    void goDownLocked(const std::string& reason);
+    void goDownLocked(std::string const& reason);
     // Posts the completion of `answer` to the context thread and waits for
     // it (mutex_ held by `lock`); a time-out fails with TIMEOUT.
-    solClient_returnCode_t awaitAnswer(std::unique_lock<std::mutex>& lock, const void* subOwner,
-                                       const std::shared_ptr<Answer>& answer, long long timeoutMs,
-                                       const std::string& what);
+    solClient_returnCode_t awaitAnswer(std::unique_lock<std::mutex>& lock, void const* subOwner,
+                                       std::shared_ptr<Answer> const& answer, long long timeoutMs,
+                                       std::string const& what);
     // Wakes every caller waiting for an answer with FAIL.
-    void failWaitersLocked(int subCode, const std::string& text);
+    void failWaitersLocked(int subCode, std::string const& text);
     // Blocks while the session (re)connects: OK once it is up.
     solClient_returnCode_t awaitUpLocked(std::unique_lock<std::mutex>& lock, TimePoint deadline,
-                                         const char* what);
+                                         char const* what);
     // The guaranteed publish window: FAIL, WOULD_BLOCK or OK once it has room.
     solClient_returnCode_t awaitWindowLocked(std::unique_lock<std::mutex>& lock,
                                              TimePoint deadline);
@@ -130,8 +130,8 @@ class Session : public std::enable_shared_from_this<Session> {
     struct Blocked {
         Blocked() { ++blocked_; }
         ~Blocked() { --blocked_; }
-        Blocked(const Blocked&) = delete;
-        Blocked& operator=(const Blocked&) = delete;
+        Blocked(Blocked const&) = delete;
+        Blocked& operator=(Blocked const&) = delete;
     };
     static std::atomic<long> blocked_;
     static std::atomic<long> windowWaits_;
@@ -144,12 +144,12 @@ class Session : public std::enable_shared_from_this<Session> {
 
     std::mutex mutex_;
     std::condition_variable stateChanged_;
-    std::atomic<State> state_{State::Idle};
+    std::atomic<State> state_{State::IDLE};
     uint64_t epoch_ = 0;  // bumped on every connection change; stale timers see it
     long long attempts_ = 0;
     int lastSubCode_ = 0;
     std::string lastError_;
-    std::map<const Flow*, std::shared_ptr<Flow>> flows_;
+    std::map<Flow const*, std::shared_ptr<Flow>> flows_;
     std::list<PendingSend> pending_;
     size_t answersInFlight_ = 0;  // acknowledgements posted, not yet processed
     bool canSendOwed_ = false;    // a WOULD_BLOCK was returned; CAN_SEND follows

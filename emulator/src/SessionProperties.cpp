@@ -6,7 +6,7 @@ namespace solemu {
 
 namespace {
 
-const std::set<std::string>& knownNames() {
+std::set<std::string> const& knownNames() {
     static const std::set<std::string> names = {
         "SESSION_HOST",
         "SESSION_VPN_NAME",
@@ -38,7 +38,7 @@ const std::set<std::string>& knownNames() {
     return names;
 }
 
-bool parseHost(const std::string& value, bool& tls, std::string& hostPort) {
+bool parseHost(std::string const& value, bool& tls, std::string& hostPort) {
     std::string rest;
     if (value.rfind("tcp:", 0) == 0) {
         tls = false;
@@ -63,10 +63,13 @@ bool parseHost(const std::string& value, bool& tls, std::string& hostPort) {
 
 }  // namespace
 
-bool SessionProperties::parse(const PropertyList& list, std::string& error) {
-    for (const auto& [name, value] : list.entries()) {
-        auto bad = [&](const char* what) {
-            error = "session property " + name + ": " + what + " ('" + value + "')";
+bool SessionProperties::parse(PropertyList const& list, std::string& error) {
+    for (auto const& entry : list.entries()) {
+        std::string const& name = entry.first;
+        std::string const& value = entry.second;
+        auto bad = [&](char const* what) {
+            error.assign("session property ").append(name).append(": ").append(what);
+            error.append(" ('").append(value).append("')");
             return false;
         };
         long long number = 0;
@@ -126,7 +129,7 @@ bool SessionProperties::parse(const PropertyList& list, std::string& error) {
             if (!PropertyList::isSwitch(value)) {
                 return bad("expected \"0\" or \"1\"");
             }
-            const bool on = value == "1";
+            bool const on = value == "1";
             if (name == "SESSION_SSL_VALIDATE_CERTIFICATE") {
                 validateCertificate = on;
             } else if (name == "SESSION_CONNECT_BLOCKING") {

@@ -12,7 +12,7 @@ namespace solemu {
 class SessionProperties {
   public:
     // False with `error` set when the list is not acceptable.
-    bool parse(const PropertyList& list, std::string& error);
+    bool parse(PropertyList const& list, std::string& error);
 
     bool tls = false;
     std::string hostPort = "127.0.0.1:55555";

@@ -34,7 +34,7 @@ namespace {
         }                                                                \
     } while (false)
 
-solClient_returnCode_t nullArgument(const char* what) {
+solClient_returnCode_t nullArgument(char const* what) {
     return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, std::string(what) + " is NULL");
 }
 
@@ -50,7 +50,7 @@ Message* message(void* handle) {
 
 extern "C" {
 
-const char* _solClient_contextPropsDefaultWithCreateThread[] = {"CONTEXT_CREATE_THREAD", "1",
+char const* _solClient_contextPropsDefaultWithCreateThread[] = {"CONTEXT_CREATE_THREAD", "1",
                                                                 nullptr};
 
 solClient_errorInfo_pt solClient_getLastErrorInfo(void) {
@@ -174,7 +174,7 @@ solClient_returnCode_t solClient_session_sendMsg(solClient_opaqueSession_pt opaq
 
 solClient_returnCode_t solClient_session_topicSubscribeWithDispatch(
     solClient_opaqueSession_pt opaqueSession_p, solClient_subscribeFlags_t flags,
-    const char* topicSubscription_p, solClient_session_rxMsgDispatchFuncInfo_t* dispatchInfo_p,
+    char const* topicSubscription_p, solClient_session_rxMsgDispatchFuncInfo_t* dispatchInfo_p,
     void* correlationTag) {
     KW_EMU_ENTER("solClient_session_topicSubscribeWithDispatch");
     auto session = Library::instance().session(opaqueSession_p);
@@ -185,7 +185,7 @@ solClient_returnCode_t solClient_session_topicSubscribeWithDispatch(
 
 solClient_returnCode_t solClient_session_topicUnsubscribeWithDispatch(
     solClient_opaqueSession_pt opaqueSession_p, solClient_subscribeFlags_t flags,
-    const char* topicSubscription_p, solClient_session_rxMsgDispatchFuncInfo_t* dispatchInfo_p,
+    char const* topicSubscription_p, solClient_session_rxMsgDispatchFuncInfo_t* dispatchInfo_p,
     void* correlationTag) {
     KW_EMU_ENTER("solClient_session_topicUnsubscribeWithDispatch");
     auto session = Library::instance().session(opaqueSession_p);
@@ -388,7 +388,7 @@ solClient_returnCode_t solClient_msg_setBinaryAttachmentPtr(solClient_opaqueMsg_
 }
 
 solClient_returnCode_t solClient_msg_setTopicPtr(solClient_opaqueMsg_pt msg_p,
-                                                 const char* topic_p) {
+                                                 char const* topic_p) {
     KW_EMU_ENTER("solClient_msg_setTopicPtr");
     Message* msg = message(msg_p);
     if (msg == nullptr) {

@@ -23,7 +23,7 @@ using solemu::Library;
 
 namespace {
 
-size_t copyOut(const std::string& text, char* buffer, size_t size) {
+size_t copyOut(std::string const& text, char* buffer, size_t size) {
     if (buffer != nullptr && size > 0) {
         const size_t n = std::min(text.size(), size - 1);
         std::memcpy(buffer, text.data(), n);
@@ -40,30 +40,30 @@ void solEmu_reset(void) {
     Library::instance().reset();
 }
 
-void solEmu_setBrokerUp(const char* hostPort, int up) {
+void solEmu_setBrokerUp(char const* hostPort, int up) {
     if (hostPort != nullptr) {
         BrokerRegistry::instance().broker(hostPort)->setUp(up != 0);
     }
 }
 
-void solEmu_refuseUser(const char* user) {
+void solEmu_refuseUser(char const* user) {
     FaultInjector::instance().refuseUser(user);
 }
 
-int solEmu_addQueue(const char* name) {
+int solEmu_addQueue(char const* name) {
     return name != nullptr && BrokerRegistry::instance().addQueue(name) ? 0 : -1;
 }
 
-int solEmu_removeQueue(const char* name) {
+int solEmu_removeQueue(char const* name) {
     return name != nullptr && BrokerRegistry::instance().removeQueue(name) ? 0 : -1;
 }
 
-long solEmu_queueDepth(const char* name) {
+long solEmu_queueDepth(char const* name) {
     return name != nullptr ? BrokerRegistry::instance().queueDepth(name) : -1;
 }
 
-int solEmu_failNext(const char* function, int count, int returnCode, int subCode,
-                    const char* text) {
+int solEmu_failNext(char const* function, int count, int returnCode, int subCode,
+                    char const* text) {
     if (function == nullptr) {
         return -1;
     }
@@ -73,7 +73,7 @@ int solEmu_failNext(const char* function, int count, int returnCode, int subCode
                : -1;
 }
 
-void solEmu_refuseSubscriptions(const char* topic, int subCode) {
+void solEmu_refuseSubscriptions(char const* topic, int subCode) {
     if (topic == nullptr) {
         FaultInjector::instance().refuseSubscriptions(nullptr, subCode);
     } else {
@@ -84,9 +84,9 @@ void solEmu_refuseSubscriptions(const char* topic, int subCode) {
 
 void solEmu_setAckMode(int mode) {
     using Mode = FaultInjector::AckMode;
-    const Mode next = mode == 1 ? Mode::Reject : mode == 2 ? Mode::Withhold : Mode::Acknowledge;
+    const Mode next = mode == 1 ? Mode::REJECT : mode == 2 ? Mode::WITHHOLD : Mode::ACKNOWLEDGE;
     FaultInjector::instance().setAckMode(next);
-    if (next == Mode::Acknowledge) {
+    if (next == Mode::ACKNOWLEDGE) {
         Library::instance().releaseWithheld();
     }
 }
@@ -103,7 +103,7 @@ void solEmu_setRoundTrip(unsigned us) {
     Library::instance().wakeContexts();
 }
 
-void solEmu_endSessions(const char* hostPort) {
+void solEmu_endSessions(char const* hostPort) {
     if (hostPort != nullptr) {
         Library::instance().endSessions(hostPort);
     }
@@ -134,7 +134,7 @@ long solEmu_liveSessions(void) {
 }
 
 int solEmu_msgIsRedelivered(void* msg) {
-    const solemu::Message* found = solemu::Message::fromHandle(msg);
+    solemu::Message const* found = solemu::Message::fromHandle(msg);
     return found == nullptr ? -1 : (found->redelivered() ? 1 : 0);
 }
 

@@ -4,7 +4,7 @@ namespace solemu {
 
 namespace {
 
-std::vector<std::string> splitLevels(const std::string& text) {
+std::vector<std::string> splitLevels(std::string const& text) {
     std::vector<std::string> levels;
     size_t start = 0;
     for (;;) {
@@ -20,13 +20,13 @@ std::vector<std::string> splitLevels(const std::string& text) {
 
 }  // namespace
 
-bool TopicMatcher::isValidSubscription(const std::string& subscription) {
+bool TopicMatcher::isValidSubscription(std::string const& subscription) {
     if (subscription.empty()) {
         return false;
     }
     const std::vector<std::string> levels = splitLevels(subscription);
     for (size_t i = 0; i < levels.size(); ++i) {
-        const std::string& level = levels[i];
+        std::string const& level = levels[i];
         if (level.empty()) {
             return false;
         }
@@ -44,11 +44,11 @@ bool TopicMatcher::isValidSubscription(const std::string& subscription) {
     return true;
 }
 
-bool TopicMatcher::isValidTopic(const std::string& topic) {
+bool TopicMatcher::isValidTopic(std::string const& topic) {
     if (topic.empty()) {
         return false;
     }
-    for (const std::string& level : splitLevels(topic)) {
+    for (std::string const& level : splitLevels(topic)) {
         if (level.empty()) {
             return false;
         }
@@ -56,52 +56,52 @@ bool TopicMatcher::isValidTopic(const std::string& topic) {
     return true;
 }
 
-TopicMatcher::TopicMatcher(const std::string& subscription) : text_(subscription) {
+TopicMatcher::TopicMatcher(std::string const& subscription) : text_(subscription) {
     const std::vector<std::string> levels = splitLevels(subscription);
     for (size_t i = 0; i < levels.size(); ++i) {
-        const std::string& level = levels[i];
+        std::string const& level = levels[i];
         if (level == ">" && i + 1 == levels.size()) {
-            levels_.push_back({Kind::Rest, std::string()});
+            levels_.push_back({Kind::REST, std::string()});
         } else if (level == "*") {
-            levels_.push_back({Kind::AnyLevel, std::string()});
+            levels_.push_back({Kind::ANY_LEVEL, std::string()});
         } else if (!level.empty() && level.back() == '*') {
-            levels_.push_back({Kind::Prefix, level.substr(0, level.size() - 1)});
+            levels_.push_back({Kind::PREFIX, level.substr(0, level.size() - 1)});
         } else {
-            levels_.push_back({Kind::Literal, level});
+            levels_.push_back({Kind::LITERAL, level});
         }
     }
 }
 
-bool TopicMatcher::matches(const std::string& topic) const {
+bool TopicMatcher::matches(std::string const& topic) const {
     size_t pos = 0;  // start of the current topic level
     bool exhausted = topic.empty();
-    for (const Level& level : levels_) {
+    for (Level const& level : levels_) {
         if (exhausted) {
             return false;
         }
-        if (level.kind == Kind::Rest) {
+        if (level.kind == Kind::REST) {
             return true;  // at least one level remains, which is all ">" needs
         }
         size_t end = topic.find('/', pos);
-        const bool last = end == std::string::npos;
+        bool const last = end == std::string::npos;
         if (last) {
             end = topic.size();
         }
         const size_t length = end - pos;
         switch (level.kind) {
-            case Kind::Literal:
+            case Kind::LITERAL:
                 if (length != level.text.size() || topic.compare(pos, length, level.text) != 0) {
                     return false;
                 }
                 break;
-            case Kind::Prefix:
+            case Kind::PREFIX:
                 if (length < level.text.size() ||
                     topic.compare(pos, level.text.size(), level.text) != 0) {
                     return false;
                 }
                 break;
-            case Kind::AnyLevel:
-            case Kind::Rest:
+            case Kind::ANY_LEVEL:
+            case Kind::REST:
                 break;
         }
         if (last) {

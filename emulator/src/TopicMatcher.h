@@ -12,19 +12,19 @@ class TopicMatcher {
   public:
     // Empty text, an empty level, ">" anywhere but as the whole last level, or
     // "*" anywhere but at the end of a level are refused.
-    static bool isValidSubscription(const std::string& subscription);
+    static bool isValidSubscription(std::string const& subscription);
     // A topic to publish on: non-empty, no empty level. Wildcard characters
     // are plain characters here.
-    static bool isValidTopic(const std::string& topic);
+    static bool isValidTopic(std::string const& topic);
 
     // `subscription` must be valid.
-    explicit TopicMatcher(const std::string& subscription);
+    explicit TopicMatcher(std::string const& subscription);
 
-    bool matches(const std::string& topic) const;
-    const std::string& text() const { return text_; }
+    bool matches(std::string const& topic) const;
+    std::string const& text() const { return text_; }
 
   private:
-    enum class Kind { Literal, AnyLevel, Prefix, Rest };
+    enum Kind : int { LITERAL, ANY_LEVEL, PREFIX, REST };
     struct Level {
         Kind kind;
         std::string text;  // literal text, or the prefix before "*"

@@ -26,7 +26,7 @@ typedef void** solClient_opaquePointer_pt;
 
 // Name/value string pairs ending in NULL. The vendor offers this const form
 // under SOLCLIENT_CONST_PROPERTIES; the ABI is the same either way.
-typedef const char** solClient_propertyArray_pt;
+typedef char const** solClient_propertyArray_pt;
 
 // ---- Enumerations (all 4 bytes, signed) -----------------------------------
 typedef enum solClient_returnCode : int {
@@ -220,14 +220,14 @@ typedef struct solClient_errorInfo {
 typedef struct solClient_session_eventCallbackInfo {
     solClient_session_event_t sessionEvent;
     solClient_session_responseCode_t responseCode;
-    const char* info_p;
+    char const* info_p;
     void* correlation_p;
 } solClient_session_eventCallbackInfo_t, *solClient_session_eventCallbackInfo_pt;
 
 typedef struct solClient_flow_eventCallbackInfo {
     solClient_flow_event_t flowEvent;
     solClient_session_responseCode_t responseCode;
-    const char* info_p;
+    char const* info_p;
 } solClient_flow_eventCallbackInfo_t, *solClient_flow_eventCallbackInfo_pt;
 
 typedef solClient_rxMsgCallback_returnCode_t (*solClient_session_rxMsgCallbackFunc_t)(
@@ -307,13 +307,13 @@ typedef struct solClient_session_rxMsgDispatchFuncInfo {
 
 typedef struct solClient_destination {
     solClient_destinationType_t destType;
-    const char* dest;
+    char const* dest;
 } solClient_destination_t;
 
 typedef struct solClient_version_info {
-    const char* version_p;
-    const char* dateTime_p;
-    const char* variant_p;
+    char const* version_p;
+    char const* dateTime_p;
+    char const* variant_p;
 } solClient_version_info_t, *solClient_version_info_pt;
 
 // ---- The 30 functions and the data symbol -------------------------------------
@@ -341,11 +341,11 @@ solClient_returnCode_t solClient_session_sendMsg(solClient_opaqueSession_pt opaq
                                                  solClient_opaqueMsg_pt msg_p);
 solClient_returnCode_t solClient_session_topicSubscribeWithDispatch(
     solClient_opaqueSession_pt opaqueSession_p, solClient_subscribeFlags_t flags,
-    const char* topicSubscription_p, solClient_session_rxMsgDispatchFuncInfo_t* dispatchInfo_p,
+    char const* topicSubscription_p, solClient_session_rxMsgDispatchFuncInfo_t* dispatchInfo_p,
     void* correlationTag);
 solClient_returnCode_t solClient_session_topicUnsubscribeWithDispatch(
     solClient_opaqueSession_pt opaqueSession_p, solClient_subscribeFlags_t flags,
-    const char* topicSubscription_p, solClient_session_rxMsgDispatchFuncInfo_t* dispatchInfo_p,
+    char const* topicSubscription_p, solClient_session_rxMsgDispatchFuncInfo_t* dispatchInfo_p,
     void* correlationTag);
 solClient_returnCode_t solClient_session_createFlow(solClient_propertyArray_pt props,
                                                     solClient_opaqueSession_pt opaqueSession_p,
@@ -377,13 +377,13 @@ solClient_returnCode_t solClient_msg_setCorrelationTagPtr(solClient_opaqueMsg_pt
                                                           solClient_uint32_t size);
 solClient_returnCode_t solClient_msg_setBinaryAttachmentPtr(solClient_opaqueMsg_pt msg_p,
                                                             void* buf_p, solClient_uint32_t size);
-solClient_returnCode_t solClient_msg_setTopicPtr(solClient_opaqueMsg_pt msg_p, const char* topic_p);
+solClient_returnCode_t solClient_msg_setTopicPtr(solClient_opaqueMsg_pt msg_p, char const* topic_p);
 solClient_returnCode_t solClient_msg_setDeliveryMode(solClient_opaqueMsg_pt msg_p,
                                                      solClient_uint32_t mode);
 
 // The library's default context properties {"CONTEXT_CREATE_THREAD","1",NULL}.
 // The address dlsym returns is the array itself.
-extern const char* _solClient_contextPropsDefaultWithCreateThread[];
+extern char const* _solClient_contextPropsDefaultWithCreateThread[];
 #define SOLCLIENT_CONTEXT_PROPS_DEFAULT_WITH_CREATE_THREAD \
     ((solClient_propertyArray_pt)_solClient_contextPropsDefaultWithCreateThread)
 

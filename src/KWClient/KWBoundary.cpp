@@ -26,6 +26,7 @@ bool KWBoundary::constructIfCalled(Nan::Persistent<v8::Function> const& construc
         return false;
     }
     std::vector<v8::Local<v8::Value>> argv;
+    argv.reserve(static_cast<std::size_t>(info.Length()));
     for (int i = 0; i < info.Length(); ++i) {
         argv.push_back(info[i]);
     }

@@ -100,7 +100,7 @@ void KWCallbackProcessor::disposeFunction(Nan::Callback* callback) {
     if (closed) {
         // Its isolate is gone (or going, with the handle freed along with
         // it): a dispose now would touch freed memory.
-        owned.release();
+        static_cast<void>(owned.release());  // leaked on purpose
         return;
     }
     // The release item is dropped after its batch, on the loop thread.

@@ -23,16 +23,16 @@ void InitEnvironment(v8::Local<v8::Object> exports, v8::Local<v8::Value>, v8::Lo
                      void*) {
     InitAll(exports);
 }
-node::addon_register_func const registerExports = nullptr;
-node::addon_context_register_func const registerContext = InitEnvironment;
+node::addon_register_func const REGISTER_EXPORTS = nullptr;
+node::addon_context_register_func const REGISTER_CONTEXT = InitEnvironment;
 #else
 // node's register-function signature; the module object and private data are
 // not used.
 void InitExports(v8::Local<v8::Object> exports, v8::Local<v8::Value>, void*) {
     InitAll(exports);
 }
-node::addon_register_func const registerExports = InitExports;
-node::addon_context_register_func const registerContext = nullptr;
+node::addon_register_func const REGISTER_EXPORTS = InitExports;
+node::addon_context_register_func const REGISTER_CONTEXT = nullptr;
 #endif
 
 node::node_module kwModule = {
@@ -40,8 +40,8 @@ node::node_module kwModule = {
     0,                                  // flags
     nullptr,                            // DSO handle
     "src/KWClient/KWNodeClientModule",  // file name
-    registerExports,                    // register function (exports only)
-    registerContext,                    // context-aware register function
+    REGISTER_EXPORTS,                   // register function (exports only)
+    REGISTER_CONTEXT,                   // context-aware register function
     "kwnode",                           // module name
     nullptr,                            // private data
     nullptr                             // link
@@ -51,5 +51,5 @@ node::node_module kwModule = {
 // any script can look for it.
 struct ModuleRegistration {
     ModuleRegistration() { node_module_register(&kwModule); }
-} const registration;
+} const REGISTRATION;
 }  // namespace

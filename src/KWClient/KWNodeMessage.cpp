@@ -57,7 +57,7 @@ Nan::MaybeLocal<v8::Object> bufferOver(v8::Local<v8::ArrayBuffer> ab, size_t off
 // backing store per message. One per JavaScript thread.
 class PayloadSlab {
   public:
-    static constexpr size_t SIZE = 32 * 1024;
+    static constexpr size_t SIZE = size_t{32} * 1024;
 
     Nan::MaybeLocal<v8::Object> copy(char const* data, size_t n) {
         if (slab.IsEmpty() || used + n > SIZE) {
@@ -241,7 +241,7 @@ NAN_METHOD(KWNodeMessage::Payload) {
         auto hint = std::make_unique<std::shared_ptr<KW::DataPacket>>(std::move(packet));
         v8::Local<v8::Object> buffer;
         if (Nan::NewBuffer(data, length, releasePacket, hint.get()).ToLocal(&buffer)) {
-            hint.release();
+            static_cast<void>(hint.release());  // the Buffer's free callback owns it now
             info.GetReturnValue().Set(buffer);
         }
     } catch (KW::Exception& e) {

@@ -113,18 +113,18 @@ DataPacket::ChunkPtr DataPacket::detach(ChunkPtr list, Chunk** tail) {
     return list;
 }
 
-DataPacket::DataPacket() : size_(0), head(makeChunk(0)), tail(head.get()) {}
+DataPacket::DataPacket() : totalSize(0), head(makeChunk(0)), tail(head.get()) {}
 
-DataPacket::DataPacket(unsigned long n) : size_(n), head(makeChunk(n)), tail(head.get()) {}
+DataPacket::DataPacket(unsigned long n) : totalSize(n), head(makeChunk(n)), tail(head.get()) {}
 
 DataPacket::DataPacket(void const* data, unsigned long n)
-    : size_(n), head(makeChunk(n)), tail(head.get()) {
+    : totalSize(n), head(makeChunk(n)), tail(head.get()) {
     copyBytes(head->buffer.get() + head->offset, data, n);
 }
 
 // The same chunk as makeChunk(n) gives, over bytes allocated with the packet.
 DataPacket::DataPacket(InPlace storage, void const* data, unsigned long n)
-    : size_(n), head(&first, ChunkRelease{false}), tail(&first) {
+    : totalSize(n), head(&first, ChunkRelease{false}), tail(&first) {
     first.buffer =
         std::unique_ptr<unsigned char[], BytesRelease>(*storage.bytes, BytesRelease{false});
     first.capacity = n + HEADROOM + TAILROOM;
@@ -163,7 +163,7 @@ std::shared_ptr<DataPacket> DataPacket::create(void const* data, unsigned long n
 }
 
 unsigned long DataPacket::size() {
-    return head ? size_ : 0;
+    return head ? totalSize : 0;
 }
 
 void DataPacket::append(void const* data, unsigned long n) {
@@ -180,7 +180,7 @@ void DataPacket::append(void const* data, unsigned long n) {
         tail->next = std::move(chunk);
         tail = newTail;
     }
-    size_ += n;
+    totalSize += n;
 }
 
 void DataPacket::prepend(void const* data, unsigned long n) {
@@ -197,19 +197,19 @@ void DataPacket::prepend(void const* data, unsigned long n) {
         chunk->next = std::move(head);
         head = std::move(chunk);
     }
-    size_ += n;
+    totalSize += n;
 }
 
 void DataPacket::stealAndAppendData(DataPacket* other) {
     if (!head || other == nullptr || !other->head) {
         return;
     }
-    unsigned long n = other->size_;
+    unsigned long n = other->totalSize;
     if (tail->offset + tail->length + n > tail->capacity) {
         Chunk* otherTail = nullptr;
         tail->next = detach(std::move(other->head), &otherTail);
         tail = otherTail;
-        size_ += n;
+        totalSize += n;
         return;
     }
     unsigned char* to = tail->buffer.get() + tail->offset + tail->length;
@@ -218,20 +218,20 @@ void DataPacket::stealAndAppendData(DataPacket* other) {
         to += chunk->length;
     }
     tail->length += n;
-    size_ += n;
+    totalSize += n;
 }
 
 void DataPacket::stealAndPrependData(DataPacket* other) {
     if (!head || other == nullptr || !other->head) {
         return;
     }
-    unsigned long n = other->size_;
+    unsigned long n = other->totalSize;
     if (head->offset < n) {
         Chunk* otherTail = nullptr;
         ChunkPtr list = detach(std::move(other->head), &otherTail);
         otherTail->next = std::move(head);
         head = std::move(list);
-        size_ += n;
+        totalSize += n;
         return;
     }
     unsigned char* to = head->buffer.get() + head->offset - n;
@@ -240,7 +240,7 @@ void DataPacket::stealAndPrependData(DataPacket* other) {
         to += chunk->length;
     }
     head->offset -= n;
-    size_ += n;
+    totalSize += n;
 }
 
 void DataPacket::skip(unsigned long n) {
@@ -251,11 +251,11 @@ void DataPacket::skip(unsigned long n) {
     while (head->length <= remaining) {
         if (head.get() == tail) {
             // Skipping past the end leaves one empty chunk; the excess is ignored.
-            size_ -= head->length;
+            totalSize -= head->length;
             head->length = 0;
             return;
         }
-        size_ -= head->length;
+        totalSize -= head->length;
         remaining -= head->length;
         dropFirst(head);
         if (remaining == 0) {
@@ -264,14 +264,14 @@ void DataPacket::skip(unsigned long n) {
     }
     head->offset += remaining;
     head->length -= remaining;
-    size_ -= remaining;
+    totalSize -= remaining;
 }
 
 void DataPacket::consolidate() {
     if (!head || head.get() == tail) {
         return;
     }
-    auto merged = makeChunk(size_);
+    auto merged = makeChunk(totalSize);
     unsigned char* to = merged->buffer.get() + merged->offset;
     for (Chunk* chunk = head.get(); chunk != nullptr; chunk = chunk->next.get()) {
         copyBytes(to, chunk->buffer.get() + chunk->offset, chunk->length);

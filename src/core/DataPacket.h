@@ -89,7 +89,7 @@ class DataPacket {
     // replaced by an identical heap copy, so that the list can outlive it.
     static ChunkPtr detach(ChunkPtr list, Chunk** tail);
 
-    unsigned long size_;
+    unsigned long totalSize;
     ChunkPtr head;
     Chunk* tail;
     Chunk first;  // the head record of a packet made by create()

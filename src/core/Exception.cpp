@@ -2,16 +2,16 @@
 
 namespace KW {
 
-Exception::Exception(std::string const& message) : message_(message), code_(0) {}
+Exception::Exception(std::string const& message) : message(message), errorCode(0) {}
 
 Exception::~Exception() = default;
 
 char const* Exception::what() const noexcept {
-    return message_.c_str();
+    return message.c_str();
 }
 
 int Exception::code() const {
-    return code_;
+    return errorCode;
 }
 
 }  // namespace KW

@@ -14,8 +14,8 @@ class Exception : public std::exception {
     virtual int code() const;
 
   protected:
-    std::string message_;
-    int code_;
+    std::string message;
+    int errorCode;
 };
 
 }  // namespace KW

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include "core/DroppedFailures.h"
 #include "core/SharedLibraryHandleException.h"
 
 namespace KW {
@@ -15,14 +16,17 @@ SharedLibraryHandle::SharedLibraryHandle(char const* fileName)
 }
 
 SharedLibraryHandle::~SharedLibraryHandle() {
-    // Unload failures are deliberately silent: nothing useful can be done here.
+    // Unload failures are not reported to the caller (nothing useful can be
+    // done here), only counted and, on request, traced.
     if (dlclose(handle) != 0) {
         traceLastError("unload error");
     }
 }
 
 void* SharedLibraryHandle::getSymbolAddress(char const* symbolName) {
-    dlerror();  // drop any stale error so that the one reported is ours
+    // Drops any stale error so that the one reported is ours. The loader's
+    // error state is per thread, whatever the check says of dlerror.
+    dlerror();  // NOLINT(concurrency-mt-unsafe)
     if (symbolName == nullptr || *symbolName == '\0') {
         throw SharedLibraryHandleException("symbol name invalid");
     }
@@ -42,10 +46,11 @@ void SharedLibraryHandle::throwLastError(char const* context) {
 void SharedLibraryHandle::traceLastError(char const* context) {
     std::string text;
     queryLastError(context, text);
+    DroppedFailures::record("SharedLibraryHandle::traceLastError", text.c_str());
 }
 
 void SharedLibraryHandle::queryLastError(char const* context, std::string& out) {
-    char const* loaderText = dlerror();
+    char const* loaderText = dlerror();  // NOLINT(concurrency-mt-unsafe): per thread
     out = name;
     out += ": ";
     out += loaderText != nullptr ? loaderText : (context != nullptr ? context : "");

@@ -6,6 +6,8 @@
 #include <thread>
 #include <vector>
 
+#include "core/DroppedFailures.h"
+
 namespace KW {
 
 // Body of one worker thread: takes tasks (one at a time, or up to batchSize
@@ -45,6 +47,7 @@ class WorkerFunctor {
                     owner->process(batchList);
                 } catch (...) {
                     // Nothing may leave a worker thread.
+                    DroppedFailures::recordCurrent("WorkerFunctor batch");
                 }
             } else {
                 Task task = std::move(context->queue.front());
@@ -63,6 +66,7 @@ class WorkerFunctor {
                     owner->process(task);
                 } catch (...) {
                     // Nothing may leave a worker thread.
+                    DroppedFailures::recordCurrent("WorkerFunctor task");
                 }
             }
             lock.lock();

@@ -41,7 +41,9 @@ class DataPacketInspector {
 namespace {
 
 using KW::DataPacket;
-constexpr auto layout = &KW::DataPacketInspector::layout;
+auto layout(DataPacket& packet) {
+    return KW::DataPacketInspector::layout(packet);
+}
 using Bytes = std::vector<std::uint8_t>;
 
 Bytes pattern(std::size_t n, std::uint8_t seed) {
@@ -190,7 +192,7 @@ TEST(DataPacketSteal, PrependLinksPastTheHeadroomAndCopiesWithinIt) {
 // chunks; its copying path (which leaves the head's length short on purpose,
 // see above) is checked for what it promises and then the packet is replaced.
 unsigned long fromEnv(char const* name, unsigned long fallback) {
-    char const* text = std::getenv(name);
+    char const* text = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): read before any thread
     return text != nullptr && *text != '\0' ? std::stoul(text) : fallback;
 }
 
@@ -269,7 +271,9 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
             case 2: {
                 unsigned long const n = below(model.size() + 300);
                 packet->skip(n);
-                model.erase(model.begin(), model.begin() + std::min<std::size_t>(n, model.size()));
+                model.erase(model.begin(),
+                            model.begin() + static_cast<std::ptrdiff_t>(
+                                                std::min<std::size_t>(n, model.size())));
                 break;
             }
             case 3:
@@ -321,7 +325,7 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
                 break;
             }
             case 7:
-                if (below(20) == 0 || model.size() > 64 * 1024) {
+                if (below(20) == 0 || model.size() > std::size_t{64} * 1024) {
                     packet = fresh(model);
                 }
                 break;

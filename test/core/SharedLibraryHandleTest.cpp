@@ -63,14 +63,14 @@ TEST(SharedLibraryHandle, InvalidOrMissingSymbolNames) {
 TEST(SharedLibraryHandle, ContextWordIsUsedWhenTheLoaderHasNothingToSay) {
     SharedLibraryHandle library(KW_TEST_LOADABLE);
     std::string text;
-    dlerror();
+    dlerror();  // NOLINT(concurrency-mt-unsafe): the loader's error state is per thread
     library.queryLastError("some context", text);
     EXPECT_EQ(text, std::string(KW_TEST_LOADABLE) + ": some context\n");
     // A pending loader error wins and is consumed by the query.
     EXPECT_EQ(dlsym(RTLD_DEFAULT, "kw_test_no_such_symbol_anywhere"), nullptr);
     library.queryLastError("some context", text);
     EXPECT_EQ(text.find("some context"), std::string::npos) << text;
-    EXPECT_EQ(dlerror(), nullptr);
+    EXPECT_EQ(dlerror(), nullptr);  // NOLINT(concurrency-mt-unsafe)
 }
 
 }  // namespace

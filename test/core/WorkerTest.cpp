@@ -296,7 +296,7 @@ void stress() {
     constexpr int producers = 4, perProducer = 1500;
     Pool<batch> pool(batch ? 7 : 0, 64, 8);
     pool.worker.pushTimeoutMs = 2;
-    std::vector<int> accepted(producers * perProducer, 0), seen(accepted.size(), 0);
+    std::vector<int> accepted(std::size_t{producers} * perProducer, 0), seen(accepted.size(), 0);
     std::atomic<bool> producing{true};
     std::thread toggler([&] {
         std::mt19937 rng(12345);
@@ -307,6 +307,7 @@ void stress() {
         }
     });
     std::vector<std::thread> threads;
+    threads.reserve(producers);
     for (int p = 0; p < producers; ++p) {
         threads.emplace_back([&, p] {
             for (int id = p * perProducer; id < (p + 1) * perProducer; ++id) {

@@ -11,7 +11,7 @@ using Clock = std::chrono::steady_clock;
 using Outcome = std::pair<solClient_returnCode_t, int>;
 using Call = std::function<solClient_returnCode_t()>;
 
-Outcome outcome(const Call& call) {
+Outcome outcome(Call const& call) {
     const solClient_returnCode_t rc = call();
     return {rc, rc == SOLCLIENT_OK ? 0 : static_cast<int>(solClient_getLastErrorInfo()->subCode)};
 }
@@ -189,7 +189,7 @@ TEST_F(Blocking, RoundTripDelaysAnswersAndKeepsOrder) {
         ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "t", std::to_string(i)));
     }
     ASSERT_TRUE(harness.waitForMessages(50, &tag));
-    const auto received = harness.messages();
+    auto const received = harness.messages();
     for (int i = 0; i < 50; ++i) {
         EXPECT_EQ(std::to_string(i), received[i].payload);
     }

@@ -18,7 +18,7 @@ TEST_F(DirectMessaging, TwoSessionsTalkInPublishOrderAndCallbacksRunOnTheContext
                   harness.publish(publisher, "orders/" + std::to_string(i), std::to_string(i)));
     }
     ASSERT_TRUE(harness.waitForMessages(50, &tag));
-    const auto received = harness.messages();
+    auto const received = harness.messages();
     std::set<std::thread::id> threads;
     for (size_t i = 0; i < received.size(); ++i) {
         EXPECT_EQ(std::to_string(i), received[i].payload);
@@ -27,7 +27,7 @@ TEST_F(DirectMessaging, TwoSessionsTalkInPublishOrderAndCallbacksRunOnTheContext
         EXPECT_FALSE(received[i].hasId);  // direct messages carry no id
         threads.insert(received[i].thread);
     }
-    for (const auto& event : harness.events()) {
+    for (auto const& event : harness.events()) {
         threads.insert(event.thread);
     }
     EXPECT_EQ(1u, threads.size());
@@ -49,10 +49,10 @@ TEST_F(DirectMessaging, EachMatchingCallbackOfTheBrokerAndVpnGetsOneCopy) {
     ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "a/b", "own"));
     ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "a/b/c", "end"));
     ASSERT_TRUE(harness.waitForMessages(3));
-    const auto received = harness.messages();
+    auto const received = harness.messages();
     ASSERT_EQ(3u, received.size());
     EXPECT_EQ(1, std::count_if(received.begin(), received.end(),
-                               [&](const SeenMessage& m) { return m.user == &second; }));
+                               [&](SeenMessage const& m) { return m.user == &second; }));
     EXPECT_EQ("end", received[2].payload);
 }
 
@@ -98,7 +98,7 @@ TEST_F(DirectMessaging, TakenMessagesStayValidUntilFreed) {
     int tag = 0;
     ASSERT_EQ(SOLCLIENT_OK, harness.subscribe(session, "keep", &tag));
     harness.setTakeMessages(true);
-    const long before = solEmu_liveMessages();
+    long const before = solEmu_liveMessages();
     ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "keep", "held payload"));
     ASSERT_TRUE(harness.waitForMessages(1));
     auto taken = harness.takenMessages();

@@ -13,7 +13,7 @@ class EmulatorTest : public ::testing::Test {
     void SetUp() override {
         solEmu_reset();
         solEmu_setRoundTrip(0);
-        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+        auto const* info = ::testing::UnitTest::GetInstance()->current_test_info();
         hostPort = std::string(info->test_suite_name()) + "." + info->name() + ":55555";
     }
 

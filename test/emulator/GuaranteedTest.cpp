@@ -27,7 +27,7 @@ TEST_F(Guaranteed, AcknowledgesSpooledMessagesAndRejectsUnknownQueuesByTag) {
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR));
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT));
     size_t settled = 0;
-    for (const auto& e : harness.events()) {
+    for (auto const& e : harness.events()) {
         if (e.event == SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT) {
             EXPECT_EQ(&spooled, e.correlation);
             ++settled;
@@ -53,7 +53,7 @@ TEST_F(Guaranteed, ClientAckFlowWindowAcknowledgementAndRedelivery) {
                                  {{"FLOW_WINDOWSIZE", "10"}, {"FLOW_MAX_UNACKED_MESSAGES", "2"}}));
     ASSERT_TRUE(harness.waitForEvent(true, SOLCLIENT_FLOW_EVENT_UP_NOTICE));
     ASSERT_TRUE(harness.waitForMessages(2));
-    const auto first = harness.messages();
+    auto const first = harness.messages();
     ASSERT_EQ(2u, first.size());
     EXPECT_TRUE(first[0].hasId);
     EXPECT_EQ("0", first[0].payload);
@@ -72,8 +72,8 @@ TEST_F(Guaranteed, ClientAckFlowWindowAcknowledgementAndRedelivery) {
     solClient_opaqueFlow_pt again = nullptr;
     ASSERT_EQ(SOLCLIENT_OK, harness.createFlow(session, "work", again));
     ASSERT_TRUE(harness.waitForMessages(6));
-    const auto all = harness.messages();
-    const SeenMessage& redelivered = all[3];
+    auto const all = harness.messages();
+    SeenMessage const& redelivered = all[3];
     EXPECT_EQ("1", redelivered.payload);
     EXPECT_EQ(1, redelivered.redelivered);
     EXPECT_EQ(first[1].id, redelivered.id);
@@ -108,10 +108,10 @@ TEST_F(Guaranteed, StoppedFlowsWaitAndStartedFlowsShareTheQueue) {
     ASSERT_EQ(SOLCLIENT_OK, solClient_flow_start(second));
     // A window of one: each flow holds one message until it acknowledges it.
     ASSERT_TRUE(harness.waitForMessages(2));
-    const auto held = harness.messages();
+    auto const held = harness.messages();
     ASSERT_EQ(2u, held.size());
     EXPECT_NE(held[0].user, held[1].user);
-    for (const auto& m : held) {
+    for (auto const& m : held) {
         ASSERT_EQ(SOLCLIENT_OK, solClient_flow_sendAck(m.user, m.id));
     }
     ASSERT_TRUE(harness.waitForMessages(4));
@@ -136,7 +136,7 @@ TEST_F(Guaranteed, BindFailuresAndFlowPropertyChecks) {
     const Props bad = {{"FLOW_BIND_ENTITY_ID", "1"}, {"FLOW_ACKMODE", "3"},
                        {"FLOW_WINDOWSIZE", "0"},     {"FLOW_WINDOWSIZE", "ten"},
                        {"FLOW_START_STATE", "yes"},  {"FLOW_NO_SUCH", "1"}};
-    for (const auto& property : bad) {
+    for (auto const& property : bad) {
         EXPECT_EQ(SOLCLIENT_FAIL, harness.createFlow(session, "work", flow, {property}))
             << property.first;
         EXPECT_EQ(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, solClient_getLastErrorInfo()->subCode);

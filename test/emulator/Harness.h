@@ -54,25 +54,25 @@ class Harness {
         solClient_context_createFuncInfo_t info{};
         EXPECT_EQ(SOLCLIENT_OK,
                   solClient_context_create(SOLCLIENT_CONTEXT_PROPS_DEFAULT_WITH_CREATE_THREAD,
-                                           &context_, &info, sizeof(info)));
+                                           &contextHandle, &info, sizeof(info)));
     }
 
     ~Harness() {
-        for (auto& session : sessions_) {
+        for (auto& session : sessions) {
             solClient_session_destroy(&session);
         }
-        if (context_ != nullptr) {
-            solClient_context_destroy(&context_);
+        if (contextHandle != nullptr) {
+            solClient_context_destroy(&contextHandle);
         }
-        for (auto msg : taken_) {
+        for (auto msg : taken) {
             solClient_msg_free(&msg);
         }
     }
 
     // A session with the adapter's property list for a plain TCP connection
     // plus `extra`; null on failure.
-    solClient_opaqueSession_pt createSession(const std::string& hostPort, const Props& extra = {}) {
-        const auto props = merged({{"SESSION_HOST", "tcp:" + hostPort},
+    solClient_opaqueSession_pt createSession(std::string const& hostPort, Props const& extra = {}) {
+        auto const props = merged({{"SESSION_HOST", "tcp:" + hostPort},
                                    {"SESSION_VPN_NAME", "default"},
                                    {"SESSION_USERNAME", "user"},
                                    {"SESSION_PASSWORD", ""},
@@ -89,7 +89,7 @@ class Harness {
                                    {"SESSION_SUBSCRIBE_BLOCKING", "0"},
                                    {"SESSION_IGNORE_DUP_SUBSCRIPTION_ERROR", "0"}},
                                   extra);
-        std::vector<const char*> array = pointers(props);
+        std::vector<char const*> array = pointers(props);
         solClient_session_createFuncInfo_t funcs{};
         funcs.eventInfo.callback_p = [](solClient_opaqueSession_pt,
                                         solClient_session_eventCallbackInfo_pt info, void* self) {
@@ -102,16 +102,16 @@ class Harness {
         };
         funcs.eventInfo.user_p = funcs.rxMsgInfo.user_p = this;
         solClient_opaqueSession_pt session = nullptr;
-        if (solClient_session_create(array.data(), context_, &session, &funcs, sizeof(funcs)) !=
-            SOLCLIENT_OK) {
+        if (solClient_session_create(array.data(), contextHandle, &session, &funcs,
+                                     sizeof(funcs)) != SOLCLIENT_OK) {
             return nullptr;
         }
-        sessions_.push_back(session);
+        sessions.push_back(session);
         return session;
     }
 
     // Create and connect, waiting for UP_NOTICE.
-    solClient_opaqueSession_pt connected(const std::string& hostPort, const Props& extra = {}) {
+    solClient_opaqueSession_pt connected(std::string const& hostPort, Props const& extra = {}) {
         solClient_opaqueSession_pt session = createSession(hostPort, extra);
         if (session == nullptr) {
             ADD_FAILURE() << "session_create failed: " << solClient_getLastErrorInfo()->errorStr;
@@ -123,35 +123,35 @@ class Harness {
         return session;
     }
 
-    solClient_returnCode_t subscribe(solClient_opaqueSession_pt session, const std::string& topic,
+    solClient_returnCode_t subscribe(solClient_opaqueSession_pt session, std::string const& topic,
                                      void* tag, solClient_subscribeFlags_t flags = 0x12) {
         auto dispatch = dispatchFor(tag);
         return solClient_session_topicSubscribeWithDispatch(session, flags, topic.c_str(),
                                                             &dispatch, tag);
     }
 
-    solClient_returnCode_t unsubscribe(solClient_opaqueSession_pt session, const std::string& topic,
+    solClient_returnCode_t unsubscribe(solClient_opaqueSession_pt session, std::string const& topic,
                                        void* tag, solClient_subscribeFlags_t flags = 0x12) {
         auto dispatch = dispatchFor(tag);
         return solClient_session_topicUnsubscribeWithDispatch(session, flags, topic.c_str(),
                                                               &dispatch, nullptr);
     }
 
-    solClient_returnCode_t publish(solClient_opaqueSession_pt session, const std::string& topic,
-                                   const std::string& payload) {
+    solClient_returnCode_t publish(solClient_opaqueSession_pt session, std::string const& topic,
+                                   std::string const& payload) {
         return send(session, {SOLCLIENT_TOPIC_DESTINATION, topic.c_str()}, payload, nullptr);
     }
 
     solClient_returnCode_t sendGuaranteed(solClient_opaqueSession_pt session,
-                                          const std::string& queue, const std::string& payload,
+                                          std::string const& queue, std::string const& payload,
                                           void* tag) {
         return send(session, {SOLCLIENT_QUEUE_DESTINATION, queue.c_str()}, payload, tag);
     }
 
     // A started, blocking-bound, client-ack queue flow; `extra` overrides.
-    solClient_returnCode_t createFlow(solClient_opaqueSession_pt session, const std::string& queue,
-                                      solClient_opaqueFlow_pt& flow, const Props& extra = {}) {
-        const auto props = merged({{"FLOW_BIND_BLOCKING", "1"},
+    solClient_returnCode_t createFlow(solClient_opaqueSession_pt session, std::string const& queue,
+                                      solClient_opaqueFlow_pt& flow, Props const& extra = {}) {
+        auto const props = merged({{"FLOW_BIND_BLOCKING", "1"},
                                    {"FLOW_BIND_ENTITY_DURABLE", "1"},
                                    {"FLOW_ACKMODE", "2"},
                                    {"FLOW_MAX_BIND_TRIES", "1"},
@@ -161,7 +161,7 @@ class Harness {
                                    {"FLOW_BIND_NAME", queue},
                                    {"FLOW_START_STATE", "1"}},
                                   extra);
-        std::vector<const char*> array = pointers(props);
+        std::vector<char const*> array = pointers(props);
         solClient_flow_createFuncInfo_t funcs{};
         funcs.eventInfo.callback_p = [](solClient_opaqueFlow_pt,
                                         solClient_flow_eventCallbackInfo_pt info, void* self) {
@@ -183,15 +183,15 @@ class Harness {
     // Wait for `count` messages, of the dispatch tag or flow `from` if not null.
     bool waitForMessages(size_t count, void* from = nullptr) {
         return waitUntil([&] {
-            return std::count_if(messages_.begin(), messages_.end(), [&](const auto& m) {
+            return std::count_if(seenMessages.begin(), seenMessages.end(), [&](const auto& m) {
                        return from == nullptr || m.user == from;
                    }) >= static_cast<long>(count);
         });
     }
 
     // For state outside the callbacks (the library's counters): poll until true.
-    static bool eventually(const std::function<bool()>& done) {
-        const auto deadline = std::chrono::steady_clock::now() + WAIT;
+    static bool eventually(std::function<bool()> const& done) {
+        auto const deadline = std::chrono::steady_clock::now() + WAIT;
         while (!done()) {
             if (std::chrono::steady_clock::now() >= deadline) {
                 return false;
@@ -202,15 +202,15 @@ class Harness {
     }
 
     size_t countEvents(bool flow, int event) {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<std::mutex> lock(mutex);
         return eventsLocked(flow, event);
     }
-    std::vector<SeenMessage> messages() { return snapshot(messages_); }
-    std::vector<SeenEvent> events() { return snapshot(events_); }
-    std::vector<solClient_opaqueMsg_pt> takenMessages() { return snapshot(taken_); }
-    solClient_opaqueContext_pt context() const { return context_; }
+    std::vector<SeenMessage> messages() { return snapshot(seenMessages); }
+    std::vector<SeenEvent> events() { return snapshot(seenEvents); }
+    std::vector<solClient_opaqueMsg_pt> takenMessages() { return snapshot(taken); }
+    solClient_opaqueContext_pt context() const { return contextHandle; }
     // From now on the receive callbacks keep (TAKE_MSG) what they get.
-    void setTakeMessages(bool take) { take_ = take; }
+    void setTakeMessages(bool take) { takingMessages = take; }
 
   private:
     // Dispatch users are (harness, tag) pairs so that a test names its own tag.
@@ -221,10 +221,10 @@ class Harness {
 
     // `base` with `extra` replacing the pairs of the same name or appended,
     // flattened for a null-terminated array (see pointers).
-    static std::vector<std::string> merged(Props base, const Props& extra) {
-        for (const auto& pair : extra) {
+    static std::vector<std::string> merged(Props base, Props const& extra) {
+        for (auto const& pair : extra) {
             auto same = std::find_if(base.begin(), base.end(),
-                                     [&](const auto& b) { return b.first == pair.first; });
+                                     [&](auto const& b) { return b.first == pair.first; });
             if (same != base.end()) {
                 same->second = pair.second;
             } else {
@@ -232,15 +232,16 @@ class Harness {
             }
         }
         std::vector<std::string> flat;
-        for (const auto& pair : base) {
+        for (auto const& pair : base) {
             flat.insert(flat.end(), {pair.first, pair.second});
         }
         return flat;
     }
 
-    static std::vector<const char*> pointers(const std::vector<std::string>& strings) {
-        std::vector<const char*> array;
-        for (const auto& s : strings) {
+    static std::vector<char const*> pointers(std::vector<std::string> const& strings) {
+        std::vector<char const*> array;
+        array.reserve(strings.size() + 1);
+        for (auto const& s : strings) {
             array.push_back(s.c_str());
         }
         array.push_back(nullptr);
@@ -250,12 +251,12 @@ class Harness {
     // A fresh record each time, with the same content for the same tag:
     // unsubscribe matches by content.
     solClient_session_rxMsgDispatchFuncInfo_t dispatchFor(void* tag) {
-        std::lock_guard<std::mutex> lock(mutex_);  // tests subscribe from several threads
-        auto known = std::find_if(users_.begin(), users_.end(),
-                                  [&](const auto& user) { return user->tag == tag; });
-        if (known == users_.end()) {
-            users_.push_back(std::make_unique<DispatchUser>(DispatchUser{this, tag}));
-            known = users_.end() - 1;
+        std::lock_guard<std::mutex> lock(mutex);  // tests subscribe from several threads
+        auto known = std::find_if(users.begin(), users.end(),
+                                  [&](auto const& user) { return user->tag == tag; });
+        if (known == users.end()) {
+            users.push_back(std::make_unique<DispatchUser>(DispatchUser{this, tag}));
+            known = users.end() - 1;
         }
         return {SOLCLIENT_DISPATCH_TYPE_CALLBACK,
                 [](solClient_opaqueSession_pt, solClient_opaqueMsg_pt msg, void* p) {
@@ -267,8 +268,8 @@ class Harness {
 
     // Direct to a topic, or guaranteed with the correlation tag to a queue.
     solClient_returnCode_t send(solClient_opaqueSession_pt session, solClient_destination_t dest,
-                                const std::string& payload, void* tag) {
-        const bool guaranteed = dest.destType == SOLCLIENT_QUEUE_DESTINATION;
+                                std::string const& payload, void* tag) {
+        bool const guaranteed = dest.destType == SOLCLIENT_QUEUE_DESTINATION;
         solClient_opaqueMsg_pt msg = nullptr;
         solClient_msg_alloc(&msg);
         solClient_msg_setDeliveryMode(
@@ -286,20 +287,20 @@ class Harness {
         return rc;
     }
 
-    bool waitUntil(const std::function<bool()>& done) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, WAIT, done);
+    bool waitUntil(std::function<bool()> const& done) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, WAIT, done);
     }
 
     size_t eventsLocked(bool flow, int event) const {
-        return std::count_if(events_.begin(), events_.end(), [&](const SeenEvent& seen) {
+        return std::count_if(seenEvents.begin(), seenEvents.end(), [&](SeenEvent const& seen) {
             return seen.flow == flow && seen.event == event;
         });
     }
 
     template <class T>
-    std::vector<T> snapshot(const std::vector<T>& recorded) {
-        std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<T> snapshot(std::vector<T> const& recorded) {
+        std::lock_guard<std::mutex> lock(mutex);
         return recorded;
     }
 
@@ -319,38 +320,38 @@ class Harness {
             seen.payload.assign(static_cast<char*>(data), size);
         }
         seen.hasId = solClient_msg_getMsgId(msg, &seen.id) == SOLCLIENT_OK;
-        const bool take = take_;
+        bool const take = takingMessages;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
-            messages_.push_back(seen);
+            std::lock_guard<std::mutex> lock(mutex);
+            seenMessages.push_back(seen);
             if (take) {
-                taken_.push_back(msg);
+                taken.push_back(msg);
             }
         }
-        changed_.notify_all();
+        changed.notify_all();
         return take ? SOLCLIENT_CALLBACK_TAKE_MSG : SOLCLIENT_CALLBACK_OK;
     }
 
-    void recordEvent(bool flow, int event, unsigned responseCode, const char* info,
+    void recordEvent(bool flow, int event, unsigned responseCode, char const* info,
                      void* correlation) {
         if (inEvent) {
             inEvent(flow, event);
         }
         {
-            std::lock_guard<std::mutex> lock(mutex_);
-            events_.push_back({flow, event, responseCode, info != nullptr ? info : "", correlation,
-                               std::this_thread::get_id()});
+            std::lock_guard<std::mutex> lock(mutex);
+            seenEvents.push_back({flow, event, responseCode, info != nullptr ? info : "",
+                                  correlation, std::this_thread::get_id()});
         }
-        changed_.notify_all();
+        changed.notify_all();
     }
 
-    solClient_opaqueContext_pt context_ = nullptr;
-    std::vector<solClient_opaqueSession_pt> sessions_;
-    std::vector<std::unique_ptr<DispatchUser>> users_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<SeenEvent> events_;
-    std::vector<SeenMessage> messages_;
-    std::vector<solClient_opaqueMsg_pt> taken_;
-    bool take_ = false;
+    solClient_opaqueContext_pt contextHandle = nullptr;
+    std::vector<solClient_opaqueSession_pt> sessions;
+    std::vector<std::unique_ptr<DispatchUser>> users;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<SeenEvent> seenEvents;
+    std::vector<SeenMessage> seenMessages;
+    std::vector<solClient_opaqueMsg_pt> taken;
+    bool takingMessages = false;
 };

@@ -26,8 +26,8 @@ TEST_F(Reconnect, BrokerDropReappliesSubscriptionsAndRedeliversToFlows) {
     ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "live/x", "after"));
     ASSERT_TRUE(harness.waitForMessages(1, &tag));
     ASSERT_TRUE(harness.waitForMessages(2, flow));
-    const auto received = harness.messages();
-    const SeenMessage& again = received[received[1].user == flow ? 1 : 2];
+    auto const received = harness.messages();
+    SeenMessage const& again = received[received[1].user == flow ? 1 : 2];
     EXPECT_EQ("unacked", again.payload);
     EXPECT_EQ(1, again.redelivered);
     EXPECT_EQ(SOLCLIENT_OK, solClient_flow_sendAck(flow, again.id));
@@ -70,7 +70,7 @@ TEST_F(Reconnect, RetransmitsUnacknowledgedSendsWithoutLossOrDuplicates) {
     ASSERT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(session, "q", "3", &tags[3]));
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 4));
     std::map<void*, int> acks;
-    for (const auto& e : harness.events()) {
+    for (auto const& e : harness.events()) {
         acks[e.correlation] += e.event == SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT ? 1 : 0;
     }
     for (auto& tag : tags) {

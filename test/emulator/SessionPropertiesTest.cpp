@@ -10,9 +10,9 @@ using Property = Props::value_type;
 class SessionProperties : public EmulatorTest, public ::testing::WithParamInterface<Property> {};
 
 TEST_P(SessionProperties, MalformedValuesAreRefusedNamingTheProperty) {
-    const auto& [name, value] = GetParam();
+    auto const& [name, value] = GetParam();
     EXPECT_EQ(nullptr, harness.createSession(hostPort, {GetParam()}));
-    const solClient_errorInfo_t* info = solClient_getLastErrorInfo();
+    solClient_errorInfo_t const* info = solClient_getLastErrorInfo();
     EXPECT_EQ(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, info->subCode);
     EXPECT_EQ(0u, info->responseCode);
     EXPECT_NE(nullptr, std::strstr(info->errorStr, name.c_str())) << info->errorStr;
@@ -55,7 +55,7 @@ TEST_F(SessionSetup, RecordsTheListAndChecksRecordSizes) {
 
     solClient_session_createFuncInfo_t funcs{};
     solClient_opaqueSession_pt other = nullptr;
-    const char* props[] = {"SESSION_HOST", "tcp:h:1", nullptr};
+    char const* props[] = {"SESSION_HOST", "tcp:h:1", nullptr};
     EXPECT_EQ(SOLCLIENT_FAIL,
               solClient_session_create(props, harness.context(), &other, &funcs, 40));
     EXPECT_EQ(nullptr, other);

@@ -3,8 +3,8 @@
 namespace {
 
 struct MatchCase {
-    const char* subscription;
-    const char* topic;
+    char const* subscription;
+    char const* topic;
     bool matches;
 };
 
@@ -24,7 +24,7 @@ class TopicMatching : public EmulatorTest, public ::testing::WithParamInterface<
 // The sentinel subscription proves that a non-matching message had its chance:
 // messages from one publisher arrive in publish order.
 TEST_P(TopicMatching, DeliversExactlyWhenTheSubscriptionMatches) {
-    const MatchCase& c = GetParam();
+    MatchCase const& c = GetParam();
     auto session = harness.connected(hostPort);
     int matchTag = 0, sentinelTag = 0;
     ASSERT_EQ(SOLCLIENT_OK, harness.subscribe(session, c.subscription, &matchTag));
@@ -33,7 +33,7 @@ TEST_P(TopicMatching, DeliversExactlyWhenTheSubscriptionMatches) {
     ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "sentinel/topic", "end"));
     ASSERT_TRUE(harness.waitForMessages(1, &sentinelTag));
     bool matched = false;
-    for (const auto& m : harness.messages()) {
+    for (auto const& m : harness.messages()) {
         if (m.user == &matchTag && m.payload == "x") {
             matched = true;
             EXPECT_EQ(c.topic, m.destination);  // the concrete topic, not the pattern
@@ -44,7 +44,7 @@ TEST_P(TopicMatching, DeliversExactlyWhenTheSubscriptionMatches) {
 
 INSTANTIATE_TEST_SUITE_P(Grammar, TopicMatching, ::testing::ValuesIn(MATCH_CASES));
 
-class TopicSyntax : public EmulatorTest, public ::testing::WithParamInterface<const char*> {};
+class TopicSyntax : public EmulatorTest, public ::testing::WithParamInterface<char const*> {};
 
 TEST_P(TopicSyntax, InvalidSubscriptionsAreRefused) {
     auto session = harness.connected(hostPort);

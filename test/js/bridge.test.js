@@ -67,8 +67,8 @@ test('runtime errors reach the event function as KWNodeEvent objects', function 
 
 test('a handler released last on a library thread hands its function to the JavaScript thread', function () {
   var collected = false;
-  var registry = typeof FinalizationRegistry === 'function' && global.gc
-    ? new FinalizationRegistry(function () { collected = true; }) : null;
+  var registry = typeof global.FinalizationRegistry === 'function' && global.gc
+    ? new global.FinalizationRegistry(function () { collected = true; }) : null;
   (function () {
     var fn = function () { throw new Error('never called'); };
     if (registry) registry.register(fn, 'fn');

@@ -9,19 +9,18 @@ namespace KW {
 namespace Solace {
 namespace Impl {
 
-Context::Context(SolaceAPI const& api) : api(api), handle(nullptr) {
+Context::Context(SolaceAPI const& api) : api(api), handle(api) {
     solClient_context_createFuncInfo_t funcInfo{};
-    if (api.contextCreate(api.contextPropsDefaultWithCreateThread, &handle, &funcInfo,
+    solClient_opaqueContext_pt created = nullptr;
+    if (api.contextCreate(api.contextPropsDefaultWithCreateThread, &created, &funcInfo,
                           sizeof(funcInfo)) != SOLCLIENT_OK) {
         throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
     }
+    handle.adopt(created);
 }
 
-Context::~Context() {
-    if (handle != nullptr) {
-        api.contextDestroy(&handle);
-    }
-}
+// The handle's owner destroys the vendor context.
+Context::~Context() = default;
 
 Session* Context::createSession(std::string const& destination,
                                 std::map<std::string, std::string> const& connectionData,

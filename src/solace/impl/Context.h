@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 
+#include "solace/impl/VendorHandle.h"
 #include "solclient/SolClientABI.h"
 
 namespace KW {
@@ -13,8 +14,6 @@ namespace KW {
 class EventHandler;
 
 namespace Solace {
-
-class SolaceAPI;
 
 namespace Impl {
 
@@ -30,7 +29,7 @@ class Context {
     Context(Context const&) = delete;
     Context& operator=(Context const&) = delete;
 
-    solClient_opaqueContext_pt getHandle() const { return handle; }
+    solClient_opaqueContext_pt getHandle() const { return handle.get(); }
     SolaceAPI const& getAPI() const { return api; }
 
     Session* createSession(std::string const& destination,
@@ -44,7 +43,7 @@ class Context {
 
   private:
     SolaceAPI const& api;
-    solClient_opaqueContext_pt handle;
+    ContextHandle handle;
     std::mutex mutex;
     std::set<Session*> sessions;
 };

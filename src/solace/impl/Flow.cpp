@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "core/DroppedFailures.h"
 #include "solace/ClientTerminatedException.h"
 #include "solace/SolaceAPI.h"
 #include "solace/impl/QueueReceiveTask.h"
@@ -18,7 +19,7 @@ Flow::Flow(Session& session, KW::QOS::Enum qos, std::string const& name,
       name(name),
       qos(qos),
       handler(std::move(handler)),
-      handle(nullptr),
+      handle(session.getAPI()),
       state(CREATED),
       lastSubCode(0) {}
 
@@ -69,7 +70,7 @@ bool Flow::start(std::shared_ptr<KW::Reference>& reference) {
         session.notifyHandlerOfQueueSubscribe(name, qos, reference, info);
         return false;
     }
-    handle = created;
+    handle.adopt(created);
     if (api.flowStart(created) == SOLCLIENT_OK) {
         state = ACTIVE;
         return true;
@@ -82,8 +83,7 @@ bool Flow::start(std::shared_ptr<KW::Reference>& reference) {
 
 bool Flow::stop(std::shared_ptr<KW::Reference>& reference) {
     SolaceAPI const& api = session.getAPI();
-    solClient_opaqueFlow_pt current = handle;
-    if (current == nullptr) {
+    if (!handle) {
         // Never bound: answered as a failed stop so that the completion runs.
         solClient_errorInfo info{};
         info.subCode = SOLCLIENT_SUBCODE_PARAM_NULL_PTR;
@@ -95,28 +95,21 @@ bool Flow::stop(std::shared_ptr<KW::Reference>& reference) {
         return false;
     }
     bool stopped = true;
-    if (api.flowStop(current) != SOLCLIENT_OK) {
+    if (api.flowStop(handle.get()) != SOLCLIENT_OK) {
         stopped = false;
         solClient_errorInfo* info = recordFailure();
         session.notifyHandlerOfQueueUnsubscribe(name, qos, reference, info);
     }
-    solClient_returnCode_t const rc = api.flowDestroy(&current);
-    handle = current;
-    if (rc != SOLCLIENT_OK) {
+    if (handle.close() != SOLCLIENT_OK) {
         recordFailure();
         session.notifyHandlerOfQueueUnsubscribe(name, qos, reference, nullptr);
         return false;
     }
-    handle = nullptr;
     return stopped;
 }
 
 void Flow::destroyHandle() {
-    solClient_opaqueFlow_pt current = handle;
-    if (current != nullptr) {
-        session.getAPI().flowDestroy(&current);
-        handle = nullptr;
-    }
+    handle.reset();
 }
 
 void Flow::handleEvent(solClient_flow_eventCallbackInfo* info) {
@@ -162,8 +155,11 @@ solClient_rxMsgCallback_returnCode_t Flow::queueReceiveCallback(void* /*flow*/, 
     try {
         // A refused push (receive queue full) drops the message; the broker
         // redelivers it under its own rules since it was never acknowledged.
-        flow->session.enqueue(
-            std::shared_ptr<ReceiveTask>(std::make_shared<QueueReceiveTask>(msg, flow)));
+        if (!flow->session.enqueue(
+                std::shared_ptr<ReceiveTask>(std::make_shared<QueueReceiveTask>(msg, flow)))) {
+            KW::DroppedFailures::record("Flow::queueReceiveCallback",
+                                        "receive queue full, queue message dropped");
+        }
     } catch (ClientTerminatedException const& e) {
         flow->session.notifyHandlerOfRuntimeError(e.what());
     } catch (...) {

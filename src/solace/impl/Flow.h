@@ -7,6 +7,7 @@
 #include "core/MessageHandler.h"
 #include "core/QOS.h"
 #include "core/Reference.h"
+#include "solace/impl/VendorHandle.h"
 #include "solclient/SolClientABI.h"
 
 namespace KW {
@@ -23,7 +24,8 @@ class Flow : public std::enable_shared_from_this<Flow> {
 
     Flow(Session& session, KW::QOS::Enum qos, std::string const& name,
          std::shared_ptr<KW::MessageHandler> handler);
-    // Leaves the library flow alone: stop is what destroys it.
+    // Stop is what destroys the library flow; the handle's owner frees it
+    // here only if no stop or session teardown did.
     ~Flow();
 
     Flow(Flow const&) = delete;
@@ -37,7 +39,7 @@ class Flow : public std::enable_shared_from_this<Flow> {
 
     int getState() const { return state; }
     int getLastSubCode() const { return lastSubCode; }
-    solClient_opaqueFlow_pt getHandle() const { return handle; }
+    solClient_opaqueFlow_pt getHandle() const { return handle.get(); }
     Session& getSession() const { return session; }
     std::string const& getName() const { return name; }
     KW::QOS::Enum getQOS() const { return qos; }
@@ -58,7 +60,7 @@ class Flow : public std::enable_shared_from_this<Flow> {
     KW::QOS::Enum qos;
     std::shared_ptr<KW::MessageHandler> handler;
     // Set on the subscribe worker, read by acknowledging threads.
-    std::atomic<solClient_opaqueFlow_pt> handle;
+    FlowHandle handle;
     std::atomic<int> state;
     std::atomic<int> lastSubCode;
 };

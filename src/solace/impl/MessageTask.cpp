@@ -18,7 +18,7 @@ MessageTask::MessageTask(Session& session, KW::QOS::Enum qos, char const* topic,
       qos(qos),
       topic(topic ? topic : ""),
       messageID(messageID),
-      messageHandle(nullptr) {}
+      messageHandle(session.getAPI()) {}
 
 MessageTask::~MessageTask() = default;
 
@@ -37,22 +37,20 @@ std::shared_ptr<KW::Reference> MessageTask::returnReference(bool take) {
     return reference;
 }
 
-solClient_opaqueMsg_pt* MessageTask::provideMessageHandle() {
-    if (messageHandle == nullptr) {
+solClient_opaqueMsg_pt MessageTask::provideMessageHandle() {
+    if (!messageHandle) {
         SolaceAPI const& api = session.getAPI();
-        if (api.msgAlloc(&messageHandle) != SOLCLIENT_OK) {
-            messageHandle = nullptr;
+        solClient_opaqueMsg_pt allocated = nullptr;
+        if (api.msgAlloc(&allocated) != SOLCLIENT_OK) {
             throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
         }
+        messageHandle.adopt(allocated);
     }
-    return &messageHandle;
+    return messageHandle.get();
 }
 
 void MessageTask::releaseMessageHandle() {
-    if (messageHandle != nullptr) {
-        session.getAPI().msgFree(&messageHandle);
-        messageHandle = nullptr;
-    }
+    messageHandle.reset();
 }
 
 }  // namespace Impl

@@ -7,6 +7,7 @@
 #include "core/Message.h"
 #include "core/QOS.h"
 #include "core/Reference.h"
+#include "solace/impl/VendorHandle.h"
 #include "solclient/SolClientABI.h"
 
 namespace KW {
@@ -37,7 +38,9 @@ class MessageTask : public KW::Message {
 
     unsigned long long getMessageID() const { return messageID; }
     // The task's library message, allocated on first use.
-    solClient_opaqueMsg_pt* provideMessageHandle();
+    solClient_opaqueMsg_pt provideMessageHandle();
+    // Frees the library message once the library is done with it; the
+    // destructor frees one that no path released.
     void releaseMessageHandle();
 
     Session& getSession() const { return session; }
@@ -51,7 +54,7 @@ class MessageTask : public KW::Message {
     KW::QOS::Enum qos;
     std::string topic;
     unsigned long long messageID;
-    solClient_opaqueMsg_pt messageHandle;
+    MessageHandle messageHandle;
 
   private:
     static std::atomic<unsigned long long> _nextID;

@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "core/DataPacket.h"
+#include "core/DroppedFailures.h"
 #include "core/EventHandler.h"
 #include "core/MessageHandler.h"
 #include "solace/ClientTerminatedException.h"
@@ -44,7 +45,7 @@ Session::Session(std::string const& destination,
     : api(context.getAPI()),
       context(context),
       connection(destination, connectionData),
-      handle(nullptr),
+      handle(api),
       eventHandler(std::move(handler)) {
     receiveWorker.batchSize = 50;
     receiveWorker.maxQueueSize = 512;
@@ -111,11 +112,12 @@ Session::Session(std::string const& destination,
     funcInfo.rxMsgInfo.callback_p = &Session::messageReceiveCallback;
     funcInfo.rxMsgInfo.user_p = this;
 
-    if (api.sessionCreate(properties.data(), context.getHandle(), &handle, &funcInfo,
+    solClient_opaqueSession_pt created = nullptr;
+    if (api.sessionCreate(properties.data(), context.getHandle(), &created, &funcInfo,
                           sizeof(funcInfo)) != SOLCLIENT_OK) {
-        handle = nullptr;
         throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
     }
+    handle.adopt(created);
 }
 
 void Session::stopSendingWorkers(unsigned long timeoutMs) {
@@ -139,8 +141,9 @@ Session::~Session() {
     publishWorker.releaseProcessor(0);
     receiveWorker.releaseProcessor(0);
     int const state = connection.getState();
-    if (state == Connection::CONNECTED || state == Connection::CONNECTING) {
-        api.sessionDisconnect(handle);
+    if ((state == Connection::CONNECTED || state == Connection::CONNECTING) &&
+        api.sessionDisconnect(handle.get()) != SOLCLIENT_OK) {
+        KW::DroppedFailures::record("solClient_session_disconnect", "while destroying the session");
     }
     subscribeWorker.awaitDetachedJobs();
     forwardWorker.awaitDetachedJobs();
@@ -157,9 +160,7 @@ Session::~Session() {
         }
         flows.clear();
     }
-    if (handle != nullptr) {
-        api.sessionDestroy(&handle);
-    }
+    handle.reset();
     stopWorkers();
     // No answer can come any more: every send still open ends here, so that
     // no request is left unanswered and no library message is left behind.
@@ -195,7 +196,7 @@ bool Session::connect(unsigned long timeoutMs) {
     if (connection.getState() == Connection::CONNECTED) {
         return true;
     }
-    if (api.sessionConnect(handle) == SOLCLIENT_FAIL) {
+    if (api.sessionConnect(handle.get()) == SOLCLIENT_FAIL) {
         throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
     }
     if (timeoutMs == 0) {
@@ -208,7 +209,7 @@ void Session::disconnect(unsigned long timeoutMs) {
     // Not joined: the JavaScript thread never waits for a blocked worker.
     stopSendingWorkers(timeoutMs);
     if (connection.getState() != Connection::DISCONNECTED) {
-        if (api.sessionDisconnect(handle) != SOLCLIENT_OK) {
+        if (api.sessionDisconnect(handle.get()) != SOLCLIENT_OK) {
             throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
         }
         connection.setDisconnected();
@@ -329,6 +330,7 @@ void Session::notifyHandlerOfConnectState() {
     try {
         eventHandler->connectionStateChanged(live);
     } catch (...) {
+        KW::DroppedFailures::recordCurrent("Session::notifyHandlerOfConnectState");
     }
 }
 
@@ -339,6 +341,7 @@ void Session::notifyHandlerOfRuntimeError(char const* text) {
     try {
         eventHandler->runtimeErrorOccurred(text);
     } catch (...) {
+        KW::DroppedFailures::recordCurrent("Session::notifyHandlerOfRuntimeError");
     }
 }
 
@@ -350,6 +353,7 @@ void Session::notifyHandlerOfRuntimeError(solClient_errorInfo* info) {
         std::string const text = LibraryException::readRecordText(info);
         eventHandler->runtimeErrorOccurred(text.c_str(), static_cast<int>(info->subCode));
     } catch (...) {
+        KW::DroppedFailures::recordCurrent("Session::notifyHandlerOfRuntimeError(errorInfo)");
     }
 }
 
@@ -437,7 +441,7 @@ void attachPayload(SolaceAPI const& api, solClient_opaqueMsg_pt msg,
 solClient_opaqueMsg_pt prepareMessage(SolaceAPI const& api, MessageTask& task,
                                       solClient_uint32_t deliveryMode,
                                       solClient_destinationType_t destinationType) {
-    solClient_opaqueMsg_pt msg = *task.provideMessageHandle();
+    solClient_opaqueMsg_pt msg = task.provideMessageHandle();
     check(api, api.msgSetDeliveryMode(msg, deliveryMode));
     attachPayload(api, msg, task.getPayload());
     solClient_destination_t destination{};
@@ -450,27 +454,33 @@ solClient_opaqueMsg_pt prepareMessage(SolaceAPI const& api, MessageTask& task,
 }  // namespace
 
 bool Session::sendMessageAtMostOnce(std::shared_ptr<MessageTask> task) {
+    bool sent = false;
+    std::string error;
     try {
         solClient_opaqueMsg_pt msg =
             prepareMessage(api, *task, SOLCLIENT_DELIVERY_MODE_DIRECT, SOLCLIENT_TOPIC_DESTINATION);
         check(api, api.msgSetTopicPtr(msg, task->getTopic().c_str()));
         check(api, api.msgSetSequenceNumber(msg, task->getMessageID()));
-        check(api, api.sessionSendMsg(handle, msg));
+        check(api, api.sessionSendMsg(handle.get(), msg));
         task->acknowledge();
-        task->releaseMessageHandle();
-        notifyHandlerOfSendFinalize(task);
-        return true;
+        sent = true;
     } catch (std::exception const& e) {
-        task->releaseMessageHandle();
-        notifyHandlerOfSendError(task, e.what());
+        error = e.what();
     } catch (...) {
-        task->releaseMessageHandle();
-        notifyHandlerOfSendError(task, "unkwown error while sending to topic");
+        error = "unkwown error while sending to topic";
     }
-    return false;
+    // A direct message is done with once the library has taken or refused it.
+    task->releaseMessageHandle();
+    if (sent) {
+        notifyHandlerOfSendFinalize(task);
+    } else {
+        notifyHandlerOfSendError(task, error.c_str());
+    }
+    return sent;
 }
 
 bool Session::sendMessageGuaranteed(std::shared_ptr<MessageTask> task) {
+    std::string error;
     try {
         // The topic text names the queue; no topic pointer is set.
         solClient_opaqueMsg_pt msg = prepareMessage(api, *task, SOLCLIENT_DELIVERY_MODE_PERSISTENT,
@@ -483,21 +493,22 @@ bool Session::sendMessageGuaranteed(std::shared_ptr<MessageTask> task) {
             std::lock_guard<std::mutex> lock(pendingMutex);
             pending[id] = task;
         }
-        if (api.sessionSendMsg(handle, msg) != SOLCLIENT_OK) {
-            {
-                std::lock_guard<std::mutex> lock(pendingMutex);
-                pending.erase(id);
-            }
-            throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
+        if (api.sessionSendMsg(handle.get(), msg) == SOLCLIENT_OK) {
+            // Settled, and its message freed, when the broker answers.
+            return true;
         }
-        return true;
+        {
+            std::lock_guard<std::mutex> lock(pendingMutex);
+            pending.erase(id);
+        }
+        throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
     } catch (std::exception const& e) {
-        task->releaseMessageHandle();
-        notifyHandlerOfSendError(task, e.what());
+        error = e.what();
     } catch (...) {
-        task->releaseMessageHandle();
-        notifyHandlerOfSendError(task, "unkwown error while sending to queue");
+        error = "unkwown error while sending to queue";
     }
+    task->releaseMessageHandle();
+    notifyHandlerOfSendError(task, error.c_str());
     return false;
 }
 
@@ -507,6 +518,7 @@ void Session::notifyHandlerOfSendFinalize(std::shared_ptr<MessageTask>& task) {
         try {
             eventHandler->messageSendFinalize(task, reference);
         } catch (...) {
+            KW::DroppedFailures::recordCurrent("Session::notifyHandlerOfSendFinalize");
         }
     }
 }
@@ -517,6 +529,7 @@ void Session::notifyHandlerOfSendRejected(std::shared_ptr<MessageTask>& task, ch
         try {
             eventHandler->messageSendRejected(task, text, reference);
         } catch (...) {
+            KW::DroppedFailures::recordCurrent("Session::notifyHandlerOfSendRejected");
         }
     }
 }
@@ -527,6 +540,7 @@ void Session::notifyHandlerOfSendError(std::shared_ptr<MessageTask>& task, char 
         try {
             eventHandler->messageSendError(task, text, reference);
         } catch (...) {
+            KW::DroppedFailures::recordCurrent("Session::notifyHandlerOfSendError");
         }
     }
 }
@@ -546,12 +560,10 @@ template <typename TaskType, typename Target>
 std::shared_ptr<SubscribeTask> makeTask(SubscribeTask::Action action,
                                         std::unique_ptr<Target>& target,
                                         std::shared_ptr<KW::Reference> reference) {
-    std::shared_ptr<SubscribeTask> task =
-        std::make_shared<TaskType>(action, target.get(), std::move(reference));
     if (action == SubscribeTask::UNSUBSCRIBE) {
-        target.release();  // the task owns it now
+        return std::make_shared<TaskType>(action, std::move(target), std::move(reference));
     }
-    return task;
+    return std::make_shared<TaskType>(action, target.get(), std::move(reference));
 }
 
 template <typename TaskType, typename Target>
@@ -741,6 +753,7 @@ void Session::notifyHandlerOfSubscription(bool create, std::string const& name, 
             eventHandler->subscriptionRemoveError(name, qos, reference, text.c_str(), subCode);
         }
     } catch (...) {
+        KW::DroppedFailures::recordCurrent("Session::notifyHandlerOfSubscription");
     }
 }
 

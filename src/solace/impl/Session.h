@@ -11,6 +11,7 @@
 #include "core/Worker.h"
 #include "solclient/SolClientABI.h"
 #include "solace/impl/Connection.h"
+#include "solace/impl/VendorHandle.h"
 
 namespace KW {
 
@@ -58,7 +59,7 @@ class Session {
     bool connect(unsigned long timeoutMs);
     void disconnect(unsigned long timeoutMs);
     int getConnectionState() const { return connection.getState(); }
-    solClient_opaqueSession_pt getHandle() const { return handle; }
+    solClient_opaqueSession_pt getHandle() const { return handle.get(); }
     SolaceAPI const& getAPI() const { return api; }
     Connection const& getConnection() const { return connection; }
     std::shared_ptr<Client> createClient();
@@ -144,7 +145,7 @@ class Session {
     SolaceAPI const& api;
     Context& context;
     Connection connection;
-    solClient_opaqueSession_pt handle;
+    SessionHandle handle;
     std::weak_ptr<Client> client;
     std::shared_ptr<KW::EventHandler> eventHandler;
 

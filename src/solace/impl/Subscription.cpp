@@ -1,5 +1,6 @@
 #include "solace/impl/Subscription.h"
 
+#include "core/DroppedFailures.h"
 #include "solace/ClientTerminatedException.h"
 #include "solace/SolaceAPI.h"
 #include "solace/impl/Session.h"
@@ -92,8 +93,11 @@ solClient_rxMsgCallback_returnCode_t Subscription::messageReceiveCallback(void* 
     Subscription* subscription = *it;
     try {
         // A refused push (receive queue full) drops the message.
-        subscription->session.enqueue(
-            std::shared_ptr<ReceiveTask>(std::make_shared<TopicReceiveTask>(msg, subscription)));
+        if (!subscription->session.enqueue(std::shared_ptr<ReceiveTask>(
+                std::make_shared<TopicReceiveTask>(msg, subscription)))) {
+            KW::DroppedFailures::record("Subscription::messageReceiveCallback",
+                                        "receive queue full, topic message dropped");
+        }
     } catch (ClientTerminatedException const& e) {
         subscription->session.notifyHandlerOfRuntimeError(e.what());
     } catch (...) {

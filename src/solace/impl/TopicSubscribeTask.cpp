@@ -8,11 +8,13 @@ namespace Impl {
 
 TopicSubscribeTask::TopicSubscribeTask(Action action, Subscription* subscription,
                                        std::shared_ptr<KW::Reference> reference)
-    : SubscribeTask(action, std::move(reference)), subscription(subscription) {
-    if (action == UNSUBSCRIBE) {
-        owned.reset(subscription);
-    }
-}
+    : SubscribeTask(action, std::move(reference)), subscription(subscription) {}
+
+TopicSubscribeTask::TopicSubscribeTask(Action action, std::unique_ptr<Subscription> subscription,
+                                       std::shared_ptr<KW::Reference> reference)
+    : SubscribeTask(action, std::move(reference)),
+      subscription(subscription.get()),
+      owned(std::move(subscription)) {}
 
 TopicSubscribeTask::~TopicSubscribeTask() = default;
 

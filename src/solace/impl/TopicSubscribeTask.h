@@ -13,7 +13,11 @@ class Subscription;
 // subscription lives until its stop has run.
 class TopicSubscribeTask : public SubscribeTask {
   public:
+    // A target that stays owned by the session's map.
     TopicSubscribeTask(Action action, Subscription* subscription,
+                       std::shared_ptr<KW::Reference> reference);
+    // A target handed over to the task.
+    TopicSubscribeTask(Action action, std::unique_ptr<Subscription> subscription,
                        std::shared_ptr<KW::Reference> reference);
     ~TopicSubscribeTask() override;
 
