@@ -91,12 +91,12 @@ const SEND_FAULTS = [
   { name: 'rejected', arm: () => control.setAckMode(1), settle: () => control.setAckMode(0) },
   { name: 'unknown queue', queue: 'soak.nowhere' },
   // While the broker holds its answers or is down, the add-on keeps sends off the JavaScript
-  // thread only up to its publish queue (256, after a window of 50 guaranteed): these batches
-  // stay below that, since only this thread ends the fault.
-  { name: 'held acks', batch: 300, arm: () => control.setAckMode(2), settle: async () => { await sleep(20); control.setAckMode(0); } },
+  // thread only up to its publish queue (256, after a window of 50 guaranteed), counting what
+  // still waits from before: these batches stay below that, since only this thread ends the fault.
+  { name: 'held acks', batch: 250, arm: () => control.setAckMode(2), settle: async () => { await sleep(20); control.setAckMode(0); } },
   {
     name: 'broker drop',
-    batch: 400,
+    batch: 200,
     // The library blocks sends from the drop on; the add-on keeps them off this thread once it
     // has heard of the drop, so the batch goes on only then (the broker returns from here).
     at: async (i, n, client) => {
@@ -227,7 +227,10 @@ async function endToEnd() {
     brokerUp = false;
     control.setBrokerUp(HOST, 0);
     deferred.length = 0;  // these come back; acknowledging the old copies would race them
-    publish(below(50));  // held by the library until the reconnect
+    // Once the add-on has heard of the drop these wait on its publish worker until the
+    // reconnect; sent before, the library would hold this thread, which brings the broker back.
+    await until(() => pub.client.getConnectionState() === 2, 'reconnecting');
+    publish(below(50));
     await sleep(below(200));
     control.setBrokerUp(HOST, 1);
     await until(() => [pub, sub].every((c) => c.client.getConnectionState() === 3), 'reconnect', 30000);
