@@ -199,5 +199,6 @@ test('a broker outage of seconds: every send settles and every guaranteed messag
     `${longest.toFixed(1)} ms (${raw.toFixed(1)} ms with waits for a CPU)`);
   // Sends made before the layer hears of the drop wait on the add-on's publish
   // worker, those after it in the layer: nothing holds the event loop.
-  assert.ok(longest < 50, `the event loop stalled ${longest.toFixed(1)} ms`);
+  // Under a sanitizer runtime the figure says more about its instrumentation than about us.
+  if (!process.env.KWNODE_SANITIZED) assert.ok(longest < 50, `the event loop stalled ${longest.toFixed(1)} ms`);
 });
