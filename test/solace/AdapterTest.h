@@ -11,6 +11,7 @@
 
 #include "SolClientEmulator.h"
 #include "core/DataPacket.h"
+#include "core/DroppedFailures.h"
 #include "core/EventHandler.h"
 #include "core/Exception.h"
 #include "core/MessageHandler.h"
@@ -241,6 +242,11 @@ class AdapterTest : public ::testing::Test {
         }
         solEmu_reset();
         EXPECT_EQ(solEmu_liveMessages(), 0) << "library messages leaked";
+        // A refused free is a handle freed after its session or twice.
+        for (char const* site : {"solClient_msg_free", "solClient_flow_destroy",
+                                 "solClient_session_destroy", "solClient_context_destroy"}) {
+            EXPECT_EQ(KW::DroppedFailures::count(site), 0u) << site;
+        }
     }
 
     shared_ptr<Client> makeClient(Data const& data = connectionData()) {

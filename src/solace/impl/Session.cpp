@@ -160,6 +160,19 @@ Session::~Session() {
         }
         flows.clear();
     }
+    {
+        // A queue subscribe or unsubscribe still queued holds a flow that is in
+        // no map; its library flow dies with the session, so free it before.
+        std::lock_guard<std::mutex> lock(subscribeWorker.queueMutex);
+        auto queued = subscribeWorker.queue;
+        for (; !queued.empty(); queued.pop()) {
+            if (auto* task = dynamic_cast<QueueSubscribeTask*>(queued.front().get())) {
+                if (Flow* flow = task->getFlow()) {
+                    flow->destroyHandle();
+                }
+            }
+        }
+    }
     handle.reset();
     stopWorkers();
     // No answer can come any more: every send still open ends here, so that
