@@ -69,6 +69,17 @@ void KWCallbackProcessor::triggerCallback() {
     }
 }
 
+void KWCallbackProcessor::post(std::shared_ptr<KWCallbackItem> item) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (closed) {
+        return;
+    }
+    items.push_back(std::move(item));
+    if (items.size() == 1) {
+        uv_async_send(&async);
+    }
+}
+
 void KWCallbackProcessor::pullAllItems(std::vector<std::shared_ptr<KWCallbackItem>>& out) {
     std::lock_guard<std::mutex> lock(mutex);
     items.swap(out);

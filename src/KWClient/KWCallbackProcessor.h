@@ -29,6 +29,10 @@ class KWCallbackProcessor : public std::enable_shared_from_this<KWCallbackProces
 
     void pushBackItem(std::shared_ptr<KWCallbackItem> item);
     void triggerCallback();
+    // pushBackItem plus triggerCallback under one lock; the loop is woken
+    // only by the push that finds the queue empty, as a wake already on its
+    // way pulls every item pushed before the pull.
+    void post(std::shared_ptr<KWCallbackItem> item);
     void pullAllItems(std::vector<std::shared_ptr<KWCallbackItem>>& out);
 
     // Diagnostics: items queued and not yet pulled; runs of kw_item_callback
