@@ -128,15 +128,18 @@ void kw_item_callback(uv_async_s* handle) {
     if (processor == nullptr) {
         return;
     }
-    std::vector<std::shared_ptr<KWCallbackItem>> batch;
+    std::vector<std::shared_ptr<KWCallbackItem>> batch = std::move(processor->spare);
     processor->pullAllItems(batch);
     if (batch.empty()) {
+        processor->spare = std::move(batch);
         return;
     }
     processor->countBatch();
     for (auto const& item : batch) {
         item->executeCallback();
     }
-    // batch goes out of scope here: every item of the run is released on this
-    // thread, only after the whole run.
+    // Every item of the run is released on this thread, only after the whole
+    // run; the emptied vector keeps its capacity for a later pull.
+    batch.clear();
+    processor->spare = std::move(batch);
 }

@@ -19,6 +19,8 @@ class KWCallbackItem;
 // it closes, and items or function handles arriving later are dropped
 // without touching JavaScript.
 class KWCallbackProcessor : public std::enable_shared_from_this<KWCallbackProcessor> {
+    friend void kw_item_callback(uv_async_s* handle);
+
   public:
     virtual ~KWCallbackProcessor();
 
@@ -63,6 +65,9 @@ class KWCallbackProcessor : public std::enable_shared_from_this<KWCallbackProces
 
     std::mutex mutex;
     std::vector<std::shared_ptr<KWCallbackItem>> items;
+    // The previous batch's vector, emptied on the loop thread: swapped in for
+    // the next pull, so that neither side grows a fresh vector per batch.
+    std::vector<std::shared_ptr<KWCallbackItem>> spare;
     bool closed = false;  // guarded by mutex
     std::atomic<bool> released{false};
     // Keeps the processor alive until its handle has closed; handlers and

@@ -88,16 +88,10 @@ class WorkerFunctor {
             if (stopped()) {
                 return false;
             }
-            auto const idleSince = std::chrono::steady_clock::now();
-            if (spinPays) {
-                spinPays = spin(lock, idleSince);
-            }
+            spin(lock);
             // A stop made during the spin found nobody waiting to notify.
             if (stopped()) {
                 return false;
-            }
-            if (!context->queue.empty()) {
-                return true;
             }
             while (context->queue.empty()) {
                 context->notEmpty.wait_until(lock, deadline);
@@ -105,11 +99,6 @@ class WorkerFunctor {
                     return false;
                 }
                 if (!context->queue.empty()) {
-                    // Work that came within the spin's reach after a sleep
-                    // means a burst again: the next idle spell spins.
-                    spinPays = context->spinMicros != 0 &&
-                               std::chrono::steady_clock::now() - idleSince <
-                                   std::chrono::microseconds(context->spinMicros);
                     break;
                 }
                 if (Context::Clock::now() >= deadline) {
@@ -123,19 +112,15 @@ class WorkerFunctor {
     // With queueMutex held on entry and on return: watches the queue for up
     // to spinMicros before the caller sleeps. The same checks follow under
     // the lock, so a spin that sees nothing changes nothing but the timing.
-    // False when the spin ran out: work comes further apart than a spin
-    // reaches (a paced sender), and spinning then only keeps a core busy that
-    // the thread about to hand over the next task needs.
-    bool spin(std::unique_lock<std::mutex>& lock, std::chrono::steady_clock::time_point idleSince) {
+    void spin(std::unique_lock<std::mutex>& lock) {
         if (context->spinMicros == 0) {
-            return false;
+            return;
         }
         lock.unlock();
-        auto const until = idleSince + std::chrono::microseconds(context->spinMicros);
-        bool seen = false;
+        auto const until =
+            std::chrono::steady_clock::now() + std::chrono::microseconds(context->spinMicros);
         for (unsigned round = 0;; ++round) {
             if (context->queuedHint.load(std::memory_order_acquire) != 0) {
-                seen = true;
                 break;
             }
             if ((round & 15) == 15) {
@@ -149,7 +134,6 @@ class WorkerFunctor {
             }
         }
         lock.lock();
-        return seen;
     }
 
     static void pause() {
@@ -200,9 +184,6 @@ class WorkerFunctor {
     Owner* owner;
     std::uint64_t generation;
     std::vector<Task> batchList;
-    // Whether the next idle spell spins first: yes until a spin runs out,
-    // then again once work follows a sleep within the spin's reach.
-    bool spinPays = true;
 };
 
 }  // namespace KW
