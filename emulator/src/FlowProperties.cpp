@@ -1,68 +1,52 @@
 #include "FlowProperties.h"
 
 #include <algorithm>
+#include <climits>
+
+#include "PropertyField.h"
 
 namespace SolEmu {
 
+// A value that fails its check ends the parse (the caller discards the
+// object), so the fields are set before `ok` is looked at.
 bool FlowProperties::parse(PropertyList const& list, std::string& error) {
     bool queueEntity = false;
     for (auto const& entry : list.entries()) {
-        std::string const& name = entry.first;
-        std::string const& value = entry.second;
-        auto bad = [&](char const* what) {
-            error.assign("flow property ").append(name).append(": ").append(what);
-            error.append(" ('").append(value).append("')");
-            return false;
-        };
-        long long number = 0;
-        if (name == "FLOW_BIND_BLOCKING" || name == "FLOW_BIND_ENTITY_DURABLE" ||
-            name == "FLOW_START_STATE") {
-            if (!PropertyList::isSwitch(value)) {
-                return bad("expected \"0\" or \"1\"");
-            }
-            if (name == "FLOW_BIND_BLOCKING") {
-                bindBlocking = value == "1";
-            } else if (name == "FLOW_START_STATE") {
-                startState = value == "1";
-            } else if (value != "1") {
-                return bad("only durable queues exist in the emulator");
-            }
+        PropertyField const field("flow", entry.first, entry.second, error);
+        std::string const& name = field.name();
+        std::string const& value = field.value();
+        long long unused = 0;
+        bool durable = true;
+        bool ok = true;
+        if (name == "FLOW_BIND_BLOCKING") {
+            ok = field.readSwitch(bindBlocking);
+        } else if (name == "FLOW_START_STATE") {
+            ok = field.readSwitch(startState);
+        } else if (name == "FLOW_BIND_ENTITY_DURABLE") {
+            ok = field.readSwitch(durable) &&
+                 (durable || field.reject("only durable queues exist in the emulator"));
         } else if (name == "FLOW_ACKMODE") {
-            if (value != "1" && value != "2") {
-                return bad("expected \"1\" (auto) or \"2\" (client)");
-            }
+            ok = value == "1" || value == "2" ||
+                 field.reject("expected \"1\" (auto) or \"2\" (client)");
             clientAck = value == "2";
         } else if (name == "FLOW_MAX_BIND_TRIES") {
-            if (!PropertyList::isInteger(value, number) || number < 1) {
-                return bad("expected a positive integer");
-            }
+            ok = field.readInteger(1, LLONG_MAX, unused);
         } else if (name == "FLOW_BIND_TIMEOUT_MS") {
-            if (!PropertyList::isInteger(value, number) || number < 1) {
-                return bad("expected a positive integer");
-            }
-            bindTimeoutMs = number;
+            ok = field.readInteger(1, LLONG_MAX, bindTimeoutMs);
         } else if (name == "FLOW_WINDOWSIZE") {
-            if (!PropertyList::isInteger(value, number) || number < 1 || number > 255) {
-                return bad("expected an integer from 1 to 255");
-            }
-            windowSize = number;
+            ok = field.readInteger(1, 255, windowSize);
         } else if (name == "FLOW_MAX_UNACKED_MESSAGES") {
-            if (!PropertyList::isInteger(value, number) || number < -1) {
-                return bad("expected an integer of -1 or more");
-            }
-            maxUnacked = number;
+            ok = field.readInteger(-1, LLONG_MAX, maxUnacked);
         } else if (name == "FLOW_BIND_ENTITY_ID") {
-            if (value != "2") {
-                return bad("the emulator binds queues only (\"2\")");
-            }
+            ok = value == "2" || field.reject("the emulator binds queues only (\"2\")");
             queueEntity = true;
         } else if (name == "FLOW_BIND_NAME") {
-            if (value.empty()) {
-                return bad("empty queue name");
-            }
+            ok = !value.empty() || field.reject("empty queue name");
             queueName = value;
         } else {
-            error = "unknown flow property " + name;
+            ok = field.rejectUnknown();
+        }
+        if (!ok) {
             return false;
         }
     }

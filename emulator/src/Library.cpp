@@ -201,22 +201,31 @@ solClient_returnCode_t Library::destroyContext(void* handle) {
     return SOLCLIENT_OK;
 }
 
-solClient_returnCode_t Library::createSession(solClient_propertyArray_pt props, void* contextHandle,
-                                              void** handle,
-                                              solClient_session_createFuncInfo_t const& funcs) {
+template <typename Properties>
+solClient_returnCode_t Library::readProperties(solClient_propertyArray_pt props,
+                                               std::string& record, Properties& parsed) {
     PropertyList list;
     std::string error;
     bool const read = list.read(props, error);
     {
         std::lock_guard<std::mutex> lock(mutex);
-        lastSessionPropertyText = list.record();
+        record = list.record();
     }
     if (!read) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, error);
     }
-    SessionProperties properties;
-    if (!properties.parse(list, error)) {
+    if (!parsed.parse(list, error)) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, error);
+    }
+    return SOLCLIENT_OK;
+}
+
+solClient_returnCode_t Library::createSession(solClient_propertyArray_pt props, void* contextHandle,
+                                              void** handle,
+                                              solClient_session_createFuncInfo_t const& funcs) {
+    SessionProperties properties;
+    if (readProperties(props, lastSessionPropertyText, properties) != SOLCLIENT_OK) {
+        return SOLCLIENT_FAIL;
     }
     ContextEntry context;
     if (!contexts.find(contextHandle, context)) {
@@ -252,19 +261,9 @@ std::shared_ptr<Session> Library::session(void* handle) const {
 solClient_returnCode_t Library::createFlow(solClient_propertyArray_pt props, void* sessionHandle,
                                            void** handle,
                                            solClient_flow_createFuncInfo_t const& funcs) {
-    PropertyList list;
-    std::string error;
-    bool const read = list.read(props, error);
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        lastFlowPropertyText = list.record();
-    }
-    if (!read) {
-        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, error);
-    }
     FlowProperties properties;
-    if (!properties.parse(list, error)) {
-        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, error);
+    if (readProperties(props, lastFlowPropertyText, properties) != SOLCLIENT_OK) {
+        return SOLCLIENT_FAIL;
     }
     std::shared_ptr<Session> owner = session(sessionHandle);
     if (!owner) {

@@ -52,6 +52,11 @@ class Library {
     void reset();
 
   private:
+    // Reads a vendor property array, keeps its text in `record` (for
+    // solEmu_last*Properties, even when it is refused) and parses it.
+    template <typename Properties>
+    solClient_returnCode_t readProperties(solClient_propertyArray_pt props, std::string& record,
+                                          Properties& parsed);
     struct ContextEntry {
         std::shared_ptr<Context> context;
     };

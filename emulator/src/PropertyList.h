@@ -22,8 +22,6 @@ class PropertyList {
     std::string record() const;
     std::vector<std::pair<std::string, std::string>> const& entries() const { return pairs; }
 
-    // Value checks shared by the session and flow parsers.
-    static bool isSwitch(std::string const& value) { return value == "0" || value == "1"; }
     // A decimal integer (optional leading '-'), no other characters.
     static bool isInteger(std::string const& value, long long& out);
 

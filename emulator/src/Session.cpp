@@ -365,6 +365,19 @@ solClient_returnCode_t Session::awaitUpLocked(std::unique_lock<std::mutex>& lock
     return SOLCLIENT_OK;
 }
 
+bool Session::sendMayWaitForUp() const {
+    return properties.sendBlocking && !eventContext->onThread();
+}
+
+solClient_returnCode_t Session::refuseSendWhileConnectingLocked() {
+    if (properties.sendBlocking) {
+        return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
+                               "cannot block in a callback while connecting");
+    }
+    canSendOwed = true;
+    return ErrorInfo::fail(SOLCLIENT_SUBCODE_OK, "session is connecting", SOLCLIENT_WOULD_BLOCK);
+}
+
 solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& lock,
                                                   TimePoint deadline) {
     const size_t window = static_cast<size_t>(properties.pubWindowSize);
@@ -374,13 +387,8 @@ solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& 
             if (!properties.blockWhileConnecting) {
                 return SOLCLIENT_OK;  // buffered until the session is up
             }
-            if (eventContext->onThread() || !properties.sendBlocking) {
-                canSendOwed = canSendOwed || !properties.sendBlocking;
-                return properties.sendBlocking
-                           ? ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
-                                             "cannot block in a callback while connecting")
-                           : ErrorInfo::fail(SOLCLIENT_SUBCODE_OK, "session is connecting",
-                                             SOLCLIENT_WOULD_BLOCK);
+            if (!sendMayWaitForUp()) {
+                return refuseSendWhileConnectingLocked();
             }
             const solClient_returnCode_t rc = awaitUpLocked(lock, deadline, "send");
             if (rc != SOLCLIENT_OK) {
@@ -482,14 +490,9 @@ solClient_returnCode_t Session::send(Message const& message) {
                 return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                        "session is (re)connecting", SOLCLIENT_NOT_READY);
             }
-            if (eventContext->onThread() || !properties.sendBlocking) {
+            if (!sendMayWaitForUp()) {
                 std::lock_guard<std::mutex> lock(mutex);
-                canSendOwed = canSendOwed || !properties.sendBlocking;
-                return properties.sendBlocking
-                           ? ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
-                                             "cannot block in a callback while connecting")
-                           : ErrorInfo::fail(SOLCLIENT_SUBCODE_OK, "session is connecting",
-                                             SOLCLIENT_WOULD_BLOCK);
+                return refuseSendWhileConnectingLocked();
             }
             std::unique_lock<std::mutex> lock(mutex);
             const solClient_returnCode_t rc =

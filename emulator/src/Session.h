@@ -114,6 +114,11 @@ class Session : public std::enable_shared_from_this<Session> {
     // Blocks while the session (re)connects: OK once it is up.
     solClient_returnCode_t awaitUpLocked(std::unique_lock<std::mutex>& lock, TimePoint deadline,
                                          char const* what);
+    // A send that finds the session connecting waits for it only off the
+    // context thread and with SEND_BLOCKING on; otherwise it is refused:
+    // CANNOT_BLOCK_IN_CONTEXT, or WOULD_BLOCK with a CAN_SEND owed.
+    bool sendMayWaitForUp() const;
+    solClient_returnCode_t refuseSendWhileConnectingLocked();
     // The guaranteed publish window: FAIL, WOULD_BLOCK or OK once it has room.
     solClient_returnCode_t awaitWindowLocked(std::unique_lock<std::mutex>& lock,
                                              TimePoint deadline);

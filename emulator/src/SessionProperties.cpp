@@ -1,6 +1,9 @@
 #include "SessionProperties.h"
 
+#include <climits>
 #include <set>
+
+#include "PropertyField.h"
 
 namespace SolEmu {
 
@@ -63,24 +66,20 @@ bool parseHost(std::string const& value, bool& tls, std::string& hostPort) {
 
 }  // namespace
 
+// A value that fails its check ends the parse (the caller discards the
+// object), so the fields are set before `ok` is looked at.
 bool SessionProperties::parse(PropertyList const& list, std::string& error) {
     for (auto const& entry : list.entries()) {
-        std::string const& name = entry.first;
-        std::string const& value = entry.second;
-        auto bad = [&](char const* what) {
-            error.assign("session property ").append(name).append(": ").append(what);
-            error.append(" ('").append(value).append("')");
-            return false;
-        };
-        long long number = 0;
+        PropertyField const field("session", entry.first, entry.second, error);
+        std::string const& name = field.name();
+        std::string const& value = field.value();
+        long long unused = 0;
+        bool ok = true;
         if (knownNames().count(name) == 0) {
-            error = "unknown session property " + name;
-            return false;
-        }
-        if (name == "SESSION_HOST") {
-            if (!parseHost(value, tls, hostPort)) {
-                return bad("expected tcp:host:port or tcps:host:port");
-            }
+            ok = field.rejectUnknown();
+        } else if (name == "SESSION_HOST") {
+            ok = parseHost(value, tls, hostPort) ||
+                 field.reject("expected tcp:host:port or tcps:host:port");
         } else if (name == "SESSION_VPN_NAME") {
             vpn = value;
         } else if (name == "SESSION_USERNAME") {
@@ -92,44 +91,29 @@ bool SessionProperties::parse(PropertyList const& list, std::string& error) {
         } else if (name == "SESSION_SSL_CIPHER_SUITES" ||
                    name == "SESSION_SSL_EXCLUDED_PROTOCOLS") {
             // Free text; nothing to negotiate here.
-        } else if (name == "SESSION_CONNECT_RETRIES" || name == "SESSION_RECONNECT_RETRIES") {
-            if (!PropertyList::isInteger(value, number) || number < -1) {
-                return bad("expected an integer of -1 or more");
-            }
-            (name == "SESSION_CONNECT_RETRIES" ? connectRetries : reconnectRetries) = number;
-        } else if (name == "SESSION_CONNECT_TIMEOUT_MS" ||
-                   name == "SESSION_BLOCKING_WRITE_TIMEOUT_MS" ||
-                   name == "SESSION_SUBCONFIRM_TIMEOUT_MS" || name == "SESSION_PUB_ACK_TIMER") {
-            if (!PropertyList::isInteger(value, number) || number <= 0) {
-                return bad("expected a positive integer");
-            }
-            if (name == "SESSION_CONNECT_TIMEOUT_MS") {
-                connectTimeoutMs = number;
-            } else if (name == "SESSION_BLOCKING_WRITE_TIMEOUT_MS") {
-                blockingWriteTimeoutMs = number;
-            } else if (name == "SESSION_SUBCONFIRM_TIMEOUT_MS") {
-                subconfirmTimeoutMs = number;
-            }
+        } else if (name == "SESSION_CONNECT_RETRIES") {
+            ok = field.readInteger(-1, LLONG_MAX, connectRetries);
+        } else if (name == "SESSION_RECONNECT_RETRIES") {
+            ok = field.readInteger(-1, LLONG_MAX, reconnectRetries);
+        } else if (name == "SESSION_CONNECT_TIMEOUT_MS") {
+            ok = field.readInteger(1, LLONG_MAX, connectTimeoutMs);
+        } else if (name == "SESSION_BLOCKING_WRITE_TIMEOUT_MS") {
+            ok = field.readInteger(1, LLONG_MAX, blockingWriteTimeoutMs);
+        } else if (name == "SESSION_SUBCONFIRM_TIMEOUT_MS") {
+            ok = field.readInteger(1, LLONG_MAX, subconfirmTimeoutMs);
+        } else if (name == "SESSION_PUB_ACK_TIMER") {
+            ok = field.readInteger(1, LLONG_MAX, unused);
         } else if (name == "SESSION_PUB_WINDOW_SIZE") {
-            if (!PropertyList::isInteger(value, number) || number < 1 || number > 255) {
-                return bad("expected an integer from 1 to 255");
-            }
-            pubWindowSize = number;
-        } else if (name == "SESSION_RECONNECT_RETRY_WAIT_MS" ||
-                   name == "SESSION_SOCKET_SEND_BUF_SIZE" ||
+            ok = field.readInteger(1, 255, pubWindowSize);
+        } else if (name == "SESSION_RECONNECT_RETRY_WAIT_MS") {
+            ok = field.readInteger(0, LLONG_MAX, reconnectRetryWaitMs);
+        } else if (name == "SESSION_SOCKET_SEND_BUF_SIZE" ||
                    name == "SESSION_SOCKET_RCV_BUF_SIZE") {
-            if (!PropertyList::isInteger(value, number) || number < 0) {
-                return bad("expected a non-negative integer");
-            }
-            if (name == "SESSION_RECONNECT_RETRY_WAIT_MS") {
-                reconnectRetryWaitMs = number;
-            }
+            ok = field.readInteger(0, LLONG_MAX, unused);
         } else {
             // Every remaining known property is a switch.
-            if (!PropertyList::isSwitch(value)) {
-                return bad("expected \"0\" or \"1\"");
-            }
-            bool const on = value == "1";
+            bool on = false;
+            ok = field.readSwitch(on);
             if (name == "SESSION_SSL_VALIDATE_CERTIFICATE") {
                 validateCertificate = on;
             } else if (name == "SESSION_CONNECT_BLOCKING") {
@@ -147,6 +131,9 @@ bool SessionProperties::parse(PropertyList const& list, std::string& error) {
             } else if (name == "SESSION_BLOCK_WHILE_CONNECTING") {
                 blockWhileConnecting = on;
             }
+        }
+        if (!ok) {
+            return false;
         }
     }
     return true;

@@ -204,7 +204,8 @@ test('a broker outage of seconds: every send settles and every guaranteed messag
   console.log(`# outage: ${n} guaranteed sends, ${mostQueued} waited at most, longest stall ` +
     `${longest.toFixed(1)} ms (${raw.toFixed(1)} ms with waits for a CPU)`);
   // Sends made before the layer hears of the drop wait on the add-on's publish
-  // worker, those after it in the layer: nothing holds the event loop.
-  // Under a sanitizer runtime the figure says more about its instrumentation than about us.
-  if (!process.env.KWNODE_SANITIZED) assert.ok(longest < 50, `the event loop stalled ${longest.toFixed(1)} ms`);
+  // worker, those after it in the layer: nothing holds the event loop. A send
+  // held in the library would stall it for most of the 3 s outage; the bound is
+  // that, not a speed (a busy or instrumented host stalls tens of ms anyway).
+  if (!process.env.KWNODE_SANITIZED) assert.ok(longest < 1000, `the event loop stalled ${longest.toFixed(1)} ms`);
 });
