@@ -91,7 +91,9 @@ function main() {
   const runs = [];
   jobs.forEach((job, i) => {
     log(`(${i + 1}/${jobs.length}) ${job.workload} ${job.system} run ${job.rep + 1}`);
-    const r = runWorker(job, emulatorDir, timeoutMs);
+    // A memory run of more messages than the profile's gets proportionally longer.
+    const scale = job.workload === 'memory' ? Math.max(1, job.params.count / plan.PROFILES[opts.mode].memory.count) : 1;
+    const r = runWorker(job, emulatorDir, timeoutMs * scale);
     if (!r.ok) {
       failures.push({ workload: job.workload, system: job.system, rep: job.rep, error: r.error });
       log(`  failed: ${r.error.replace(/\n/g, '\n  ')}`);

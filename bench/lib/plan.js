@@ -5,7 +5,8 @@ const path = require('path');
 
 const USAGE = `usage: node bench/run.js [--short] [--reps N] [--systems kwnode,baseline,zeromq]
                          [--workloads direct,guaranteed,latency,bridge,memory,roundtrip]
-                         [--out DIR] [--emulator-dir DIR] [--no-install]`;
+                         [--out DIR] [--emulator-dir DIR] [--no-install]
+                         [--memory-count N]`;
 
 const ALL_SYSTEMS = ['kwnode', 'baseline', 'zeromq'];
 const ALL_WORKLOADS = ['direct', 'guaranteed', 'latency', 'bridge', 'memory', 'roundtrip'];
@@ -72,6 +73,7 @@ function parseArgs(argv, cwd = process.cwd()) {
     out: null,
     emulatorDir: null,
     install: true,
+    memoryCount: null,
     help: false,
   };
   for (let i = 0; i < argv.length; i++) {
@@ -89,6 +91,10 @@ function parseArgs(argv, cwd = process.cwd()) {
     else if (a === '--out') opts.out = path.resolve(cwd, value());
     else if (a === '--emulator-dir') opts.emulatorDir = path.resolve(cwd, value());
     else if (a === '--no-install') opts.install = false;
+    else if (a === '--memory-count') {
+      opts.memoryCount = Number(value());
+      if (!Number.isInteger(opts.memoryCount) || opts.memoryCount < 1) throw new Error('--memory-count: expected a positive integer');
+    }
     else if (a === '--help' || a === '-h') opts.help = true;
     else throw new Error(`unknown argument ${a}\n${USAGE}`);
   }
@@ -107,8 +113,11 @@ function buildJobs(opts, available) {
     // kwnode's bridge floor needs only the test-only probe add-on (no broker).
     const usable = (s) => (workload === 'bridge' && s === 'kwnode' ? available.probe : available[s]);
     const systems = WORKLOAD_SYSTEMS[workload].filter((s) => opts.systems.includes(s) && usable(s));
+    // The memory workload's size can be raised (e.g. 10M messages) without the full run's other counts.
+    const params =
+      workload === 'memory' && opts.memoryCount ? Object.assign({}, profile.memory, { count: opts.memoryCount }) : profile[workload];
     for (let rep = 0; rep < n; rep++) {
-      for (const system of systems) jobs.push({ workload, system, rep, params: profile[workload] });
+      for (const system of systems) jobs.push({ workload, system, rep, params });
     }
   }
   return jobs;

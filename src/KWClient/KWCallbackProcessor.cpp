@@ -69,6 +69,17 @@ void KWCallbackProcessor::triggerCallback() {
     }
 }
 
+void KWCallbackProcessor::post(std::shared_ptr<KWCallbackItem> item) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (closed) {
+        return;
+    }
+    items.push_back(std::move(item));
+    if (items.size() == 1) {
+        uv_async_send(&async);
+    }
+}
+
 void KWCallbackProcessor::pullAllItems(std::vector<std::shared_ptr<KWCallbackItem>>& out) {
     std::lock_guard<std::mutex> lock(mutex);
     items.swap(out);
@@ -117,15 +128,18 @@ void kw_item_callback(uv_async_s* handle) {
     if (processor == nullptr) {
         return;
     }
-    std::vector<std::shared_ptr<KWCallbackItem>> batch;
+    std::vector<std::shared_ptr<KWCallbackItem>> batch = std::move(processor->spare);
     processor->pullAllItems(batch);
     if (batch.empty()) {
+        processor->spare = std::move(batch);
         return;
     }
     processor->countBatch();
     for (auto const& item : batch) {
         item->executeCallback();
     }
-    // batch goes out of scope here: every item of the run is released on this
-    // thread, only after the whole run.
+    // Every item of the run is released on this thread, only after the whole
+    // run; the emptied vector keeps its capacity for a later pull.
+    batch.clear();
+    processor->spare = std::move(batch);
 }

@@ -19,6 +19,8 @@ class KWCallbackItem;
 // it closes, and items or function handles arriving later are dropped
 // without touching JavaScript.
 class KWCallbackProcessor : public std::enable_shared_from_this<KWCallbackProcessor> {
+    friend void kw_item_callback(uv_async_s* handle);
+
   public:
     virtual ~KWCallbackProcessor();
 
@@ -29,6 +31,10 @@ class KWCallbackProcessor : public std::enable_shared_from_this<KWCallbackProces
 
     void pushBackItem(std::shared_ptr<KWCallbackItem> item);
     void triggerCallback();
+    // pushBackItem plus triggerCallback under one lock; the loop is woken
+    // only by the push that finds the queue empty, as a wake already on its
+    // way pulls every item pushed before the pull.
+    void post(std::shared_ptr<KWCallbackItem> item);
     void pullAllItems(std::vector<std::shared_ptr<KWCallbackItem>>& out);
 
     // Diagnostics: items queued and not yet pulled; runs of kw_item_callback
@@ -59,6 +65,9 @@ class KWCallbackProcessor : public std::enable_shared_from_this<KWCallbackProces
 
     std::mutex mutex;
     std::vector<std::shared_ptr<KWCallbackItem>> items;
+    // The previous batch's vector, emptied on the loop thread: swapped in for
+    // the next pull, so that neither side grows a fresh vector per batch.
+    std::vector<std::shared_ptr<KWCallbackItem>> spare;
     bool closed = false;  // guarded by mutex
     std::atomic<bool> released{false};
     // Keeps the processor alive until its handle has closed; handlers and

@@ -14,6 +14,5 @@ void KWMessageHandler::handleMessage(std::shared_ptr<KW::Message> message) {
     auto item = std::make_shared<KWMessageInfo>();
     item->message = std::move(message);
     item->callback = callback;
-    processor->pushBackItem(std::move(item));
-    processor->triggerCallback();
+    processor->post(std::move(item));
 }
