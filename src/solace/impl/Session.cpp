@@ -172,6 +172,7 @@ void Session::failUnsent(char const* text) {
     {
         std::lock_guard<std::mutex> lock(pendingMutex);
         open.swap(pending);
+        pendingSize.store(0, std::memory_order_release);
     }
     for (auto& entry : open) {
         entry.second->releaseMessageHandle();
@@ -313,6 +314,7 @@ void Session::settlePending(solClient_session_eventCallbackInfo* info, char cons
     }
     std::shared_ptr<MessageTask> task = it->second;
     pending.erase(it);
+    pendingSize.store(pending.size(), std::memory_order_release);
     task->releaseMessageHandle();
     if (rejectedText != nullptr) {
         notifyHandlerOfSendRejected(task, rejectedText);
@@ -492,6 +494,7 @@ bool Session::sendMessageGuaranteed(std::shared_ptr<MessageTask> task) {
             // Recorded before the send: the answer may come before it returns.
             std::lock_guard<std::mutex> lock(pendingMutex);
             pending[id] = task;
+            pendingSize.store(pending.size(), std::memory_order_release);
         }
         if (api.sessionSendMsg(handle.get(), msg) == SOLCLIENT_OK) {
             // Settled, and its message freed, when the broker answers.
@@ -500,6 +503,7 @@ bool Session::sendMessageGuaranteed(std::shared_ptr<MessageTask> task) {
         {
             std::lock_guard<std::mutex> lock(pendingMutex);
             pending.erase(id);
+            pendingSize.store(pending.size(), std::memory_order_release);
         }
         throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
     } catch (std::exception const& e) {
@@ -546,8 +550,7 @@ void Session::notifyHandlerOfSendError(std::shared_ptr<MessageTask>& task, char 
 }
 
 std::size_t Session::getPendingCount() {
-    std::lock_guard<std::mutex> lock(pendingMutex);
-    return pending.size();
+    return pendingSize.load(std::memory_order_acquire);
 }
 
 // ---- subscriptions ----------------------------------------------------------------

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -155,6 +156,9 @@ class Session {
 
     std::map<unsigned long long, std::shared_ptr<MessageTask>> pending;
     std::mutex pendingMutex;
+    // pending.size(), set under pendingMutex and read without it: every send on
+    // the caller's thread asks it, and a snapshot is all a caller gets either way.
+    std::atomic<std::size_t> pendingSize{0};
 
     ReceiveWorker receiveWorker;
     PublishWorker publishWorker;
