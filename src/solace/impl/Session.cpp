@@ -402,10 +402,18 @@ bool Session::sendLater(Worker& worker, MessageTask const& task) {
 }
 
 bool Session::send(std::shared_ptr<PublishTask> task) {
-    if (sendLater(publishWorker, *task) && enqueue(task)) {
-        return true;
+    if (sendLater(publishWorker, *task)) {
+        // A queued send outlives the caller's bytes: it takes its own copy.
+        task->keepBorrowed();
+        if (enqueue(task)) {
+            return true;
+        }
     }
-    return process(std::move(task));
+    // Bytes read in place here are equivalent to a packet copy: sendMsg copies the attachment
+    // before it returns, so nothing reads them afterwards.
+    bool const sent = process(task);
+    task->dropBorrowed();
+    return sent;
 }
 
 bool Session::send(std::shared_ptr<ForwardTask> task) {
@@ -423,18 +431,25 @@ void check(SolaceAPI const& api, solClient_returnCode_t rc) {
     }
 }
 
-// Attaches the payload, if any; it stays owned by the task until the
-// message has been sent or settled.
-void attachPayload(SolaceAPI const& api, solClient_opaqueMsg_pt msg,
-                   std::shared_ptr<KW::DataPacket> const& payload) {
-    if (!payload) {
-        return;
+// Attaches the payload, if any: the caller's borrowed bytes, else the task's
+// packet, which stays owned by the task until the message has been sent or settled.
+void attachPayload(SolaceAPI const& api, solClient_opaqueMsg_pt msg, MessageTask const& task) {
+    unsigned long size = 0;
+    void const* data = task.borrowedBytes(size);
+    std::shared_ptr<KW::DataPacket> payload;
+    if (data == nullptr) {
+        payload = task.getPayload();
+        if (!payload) {
+            return;
+        }
+        size = payload->size();
+        data = payload->data();
     }
-    unsigned long const size = payload->size();
     if (size > MAX_ATTACHMENT) {
         throw RuntimeException("Message rejected, too big");
     }
-    check(api, api.msgSetBinaryAttachmentPtr(msg, payload->data(),
+    // The library only reads an attachment; its signature is not const-correct.
+    check(api, api.msgSetBinaryAttachmentPtr(msg, const_cast<void*>(data),
                                              static_cast<solClient_uint32_t>(size)));
 }
 
@@ -445,7 +460,7 @@ solClient_opaqueMsg_pt prepareMessage(SolaceAPI const& api, MessageTask& task,
                                       solClient_destinationType_t destinationType) {
     solClient_opaqueMsg_pt msg = task.provideMessageHandle();
     check(api, api.msgSetDeliveryMode(msg, deliveryMode));
-    attachPayload(api, msg, task.getPayload());
+    attachPayload(api, msg, task);
     solClient_destination_t destination{};
     destination.destType = destinationType;
     destination.dest = task.getTopic().c_str();
