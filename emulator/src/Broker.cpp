@@ -3,21 +3,21 @@
 #include "MessageVpn.h"
 #include "Session.h"
 
-namespace solemu {
+namespace SolEmu {
 
-void Broker::setUp(bool up) {
-    std::vector<std::weak_ptr<Session>> waiting;
+void Broker::setUp(bool nowUp) {
+    std::vector<std::weak_ptr<Session>> toWake;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (up_.exchange(up) == up) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (up.exchange(nowUp) == nowUp) {
             return;
         }
-        if (up) {
-            waiting.swap(waiting_);
+        if (nowUp) {
+            toWake.swap(waiting);
         }
     }
-    if (up) {
-        for (auto& weak : waiting) {
+    if (nowUp) {
+        for (auto& weak : toWake) {
             if (auto session = weak.lock()) {
                 session->brokerCameUp();
             }
@@ -35,8 +35,8 @@ void Broker::setUp(bool up) {
 }
 
 std::shared_ptr<MessageVpn> Broker::vpn(std::string const& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto& entry = vpns_[name];
+    std::lock_guard<std::mutex> lock(mutex);
+    auto& entry = vpnsByName[name];
     if (!entry) {
         entry = std::make_shared<MessageVpn>();
     }
@@ -44,9 +44,9 @@ std::shared_ptr<MessageVpn> Broker::vpn(std::string const& name) {
 }
 
 std::vector<std::shared_ptr<MessageVpn>> Broker::vpns() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex);
     std::vector<std::shared_ptr<MessageVpn>> all;
-    for (auto const& entry : vpns_) {
+    for (auto const& entry : vpnsByName) {
         all.push_back(entry.second);
     }
     return all;
@@ -55,10 +55,10 @@ std::vector<std::shared_ptr<MessageVpn>> Broker::vpns() const {
 void Broker::waitForUp(std::shared_ptr<Session> const& session) {
     bool upNow = false;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        upNow = up_.load();
+        std::lock_guard<std::mutex> lock(mutex);
+        upNow = up.load();
         if (!upNow) {
-            waiting_.push_back(session);
+            waiting.push_back(session);
         }
     }
     if (upNow) {
@@ -73,4 +73,4 @@ void Broker::reset() {
     }
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace solemu {
+namespace SolEmu {
 
 class MessageVpn;
 class Session;
@@ -17,10 +17,10 @@ class Session;
 // sessions that wait for it connect.
 class Broker : public std::enable_shared_from_this<Broker> {
   public:
-    explicit Broker(std::string hostPort) : hostPort_(std::move(hostPort)) {}
+    explicit Broker(std::string hostPort) : endpoint(std::move(hostPort)) {}
 
-    std::string const& hostPort() const { return hostPort_; }
-    bool isUp() const { return up_.load(); }
+    std::string const& hostPort() const { return endpoint; }
+    bool isUp() const { return up.load(); }
     void setUp(bool up);
 
     std::shared_ptr<MessageVpn> vpn(std::string const& name);
@@ -33,11 +33,11 @@ class Broker : public std::enable_shared_from_this<Broker> {
     void reset();
 
   private:
-    const std::string hostPort_;
-    std::atomic<bool> up_{true};
-    mutable std::mutex mutex_;
-    std::map<std::string, std::shared_ptr<MessageVpn>> vpns_;
-    std::vector<std::weak_ptr<Session>> waiting_;
+    const std::string endpoint;
+    std::atomic<bool> up{true};
+    mutable std::mutex mutex;
+    std::map<std::string, std::shared_ptr<MessageVpn>> vpnsByName;
+    std::vector<std::weak_ptr<Session>> waiting;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -5,7 +5,7 @@
 #include "Broker.h"
 #include "MessageVpn.h"
 
-namespace solemu {
+namespace SolEmu {
 
 BrokerRegistry& BrokerRegistry::instance() {
     // Never destroyed: context threads may still reach it while the process exits.
@@ -14,8 +14,8 @@ BrokerRegistry& BrokerRegistry::instance() {
 }
 
 std::shared_ptr<Broker> BrokerRegistry::broker(std::string const& hostPort) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto& entry = brokers_[hostPort];
+    std::lock_guard<std::mutex> lock(mutex);
+    auto& entry = brokers[hostPort];
     if (!entry) {
         entry = std::make_shared<Broker>(hostPort);
     }
@@ -23,22 +23,22 @@ std::shared_ptr<Broker> BrokerRegistry::broker(std::string const& hostPort) {
 }
 
 bool BrokerRegistry::addQueue(std::string const& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return queues_.insert(name).second;
+    std::lock_guard<std::mutex> lock(mutex);
+    return queues.insert(name).second;
 }
 
 bool BrokerRegistry::removeQueue(std::string const& name) {
-    std::vector<std::shared_ptr<Broker>> brokers;
+    std::vector<std::shared_ptr<Broker>> affected;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (queues_.erase(name) == 0) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (queues.erase(name) == 0) {
             return false;
         }
-        for (auto const& entry : brokers_) {
-            brokers.push_back(entry.second);
+        for (auto const& entry : brokers) {
+            affected.push_back(entry.second);
         }
     }
-    for (auto const& broker : brokers) {
+    for (auto const& broker : affected) {
         for (auto const& vpn : broker->vpns()) {
             vpn->removeQueue(name);
         }
@@ -47,23 +47,23 @@ bool BrokerRegistry::removeQueue(std::string const& name) {
 }
 
 bool BrokerRegistry::isProvisioned(std::string const& name) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return queues_.count(name) != 0;
+    std::lock_guard<std::mutex> lock(mutex);
+    return queues.count(name) != 0;
 }
 
 long BrokerRegistry::queueDepth(std::string const& name) const {
-    std::vector<std::shared_ptr<Broker>> brokers;
+    std::vector<std::shared_ptr<Broker>> affected;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (queues_.count(name) == 0) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (queues.count(name) == 0) {
             return -1;
         }
-        for (auto const& entry : brokers_) {
-            brokers.push_back(entry.second);
+        for (auto const& entry : brokers) {
+            affected.push_back(entry.second);
         }
     }
     long total = 0;
-    for (auto const& broker : brokers) {
+    for (auto const& broker : affected) {
         for (auto const& vpn : broker->vpns()) {
             total += std::max(0L, vpn->queueDepth(name));
         }
@@ -72,17 +72,17 @@ long BrokerRegistry::queueDepth(std::string const& name) const {
 }
 
 void BrokerRegistry::reset() {
-    std::vector<std::shared_ptr<Broker>> brokers;
+    std::vector<std::shared_ptr<Broker>> affected;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        queues_.clear();
-        for (auto const& entry : brokers_) {
-            brokers.push_back(entry.second);
+        std::lock_guard<std::mutex> lock(mutex);
+        queues.clear();
+        for (auto const& entry : brokers) {
+            affected.push_back(entry.second);
         }
     }
-    for (auto const& broker : brokers) {
+    for (auto const& broker : affected) {
         broker->reset();
     }
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

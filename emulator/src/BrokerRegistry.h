@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-namespace solemu {
+namespace SolEmu {
 
 class Broker;
 
@@ -30,9 +30,9 @@ class BrokerRegistry {
 
   private:
     BrokerRegistry() = default;
-    mutable std::mutex mutex_;
-    std::map<std::string, std::shared_ptr<Broker>> brokers_;
-    std::set<std::string> queues_;
+    mutable std::mutex mutex;
+    std::map<std::string, std::shared_ptr<Broker>> brokers;
+    std::set<std::string> queues;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

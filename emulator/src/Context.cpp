@@ -2,15 +2,15 @@
 
 #include <algorithm>
 
-namespace solemu {
+namespace SolEmu {
 
-std::atomic<bool> Context::held_{false};
-std::atomic<unsigned> Context::roundTripUs_{0};
+std::atomic<bool> Context::_held{false};
+std::atomic<unsigned> Context::_roundTripUs{0};
 
 Context::Context() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    thread_ = std::thread([this] { run(); });
-    threadId_ = thread_.get_id();
+    std::lock_guard<std::mutex> lock(mutex);
+    thread = std::thread([this] { run(); });
+    threadId = thread.get_id();
 }
 
 Context::~Context() {
@@ -19,86 +19,86 @@ Context::~Context() {
 
 void Context::post(void const* owner, void const* subOwner, Work work) {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (stopping_) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (stopping) {
             return;
         }
         auto const due =
-            std::chrono::steady_clock::now() + std::chrono::microseconds(roundTripUs_.load());
-        items_.push_back(Item{owner, subOwner, std::move(work), due});
+            std::chrono::steady_clock::now() + std::chrono::microseconds(_roundTripUs.load());
+        items.push_back(Item{owner, subOwner, std::move(work), due});
     }
-    ready_.notify_one();
+    ready.notify_one();
 }
 
 void Context::purge(void const* owner) {
     std::deque<Item> dropped;  // destroyed outside the lock
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex);
     auto matches = [owner](Item const& item) {
         return item.owner == owner || item.subOwner == owner;
     };
-    auto keep = std::stable_partition(items_.begin(), items_.end(),
+    auto keep = std::stable_partition(items.begin(), items.end(),
                                       [&](Item const& item) { return !matches(item); });
-    std::move(keep, items_.end(), std::back_inserter(dropped));
-    items_.erase(keep, items_.end());
+    std::move(keep, items.end(), std::back_inserter(dropped));
+    items.erase(keep, items.end());
     if (!onThread()) {
-        idle_.wait(lock, [&] { return runningOwner_ != owner && runningSubOwner_ != owner; });
+        idle.wait(lock, [&] { return runningOwner != owner && runningSubOwner != owner; });
     }
 }
 
 void Context::stop() {
     std::deque<Item> dropped;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (stopping_) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (stopping) {
             return;
         }
-        stopping_ = true;
-        dropped.swap(items_);
+        stopping = true;
+        dropped.swap(items);
     }
-    ready_.notify_all();
-    if (thread_.joinable()) {
+    ready.notify_all();
+    if (thread.joinable()) {
         if (onThread()) {
-            thread_.detach();  // the last owner let go inside a callback
+            thread.detach();  // the last owner let go inside a callback
         } else {
-            thread_.join();
+            thread.join();
         }
     }
 }
 
 void Context::setHeld(bool held) {
-    held_.store(held);
+    _held.store(held);
 }
 
 void Context::wake() {
-    { std::lock_guard<std::mutex> lock(mutex_); }
-    ready_.notify_all();
+    { std::lock_guard<std::mutex> lock(mutex); }
+    ready.notify_all();
 }
 
 void Context::run() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
-        ready_.wait(lock, [this] { return stopping_ || (!items_.empty() && !held_.load()); });
-        if (stopping_) {
+        ready.wait(lock, [this] { return stopping || (!items.empty() && !_held.load()); });
+        if (stopping) {
             return;
         }
         // In flight until due; a later post never overtakes an earlier one.
-        auto const due = items_.front().due;
+        auto const due = items.front().due;
         if (std::chrono::steady_clock::now() < due) {
-            ready_.wait_until(lock, due);
+            ready.wait_until(lock, due);
             continue;
         }
-        Item item = std::move(items_.front());
-        items_.pop_front();
-        runningOwner_ = item.owner;
-        runningSubOwner_ = item.subOwner;
+        Item item = std::move(items.front());
+        items.pop_front();
+        runningOwner = item.owner;
+        runningSubOwner = item.subOwner;
         lock.unlock();
         item.work();
         item.work = nullptr;  // release captures before reporting idle
         lock.lock();
-        runningOwner_ = nullptr;
-        runningSubOwner_ = nullptr;
-        idle_.notify_all();
+        runningOwner = nullptr;
+        runningSubOwner = nullptr;
+        idle.notify_all();
     }
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

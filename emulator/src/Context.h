@@ -8,7 +8,7 @@
 #include <mutex>
 #include <thread>
 
-namespace solemu {
+namespace SolEmu {
 
 // A solClient context: one thread that runs, in the order they were posted,
 // every callback of the sessions and flows created in it. Work is tagged with
@@ -27,18 +27,18 @@ class Context {
     // Discard queued work whose owner or sub-owner is `owner`; unless called on
     // this context's thread, also wait until none of it is running.
     void purge(void const* owner);
-    bool onThread() const { return std::this_thread::get_id() == threadId_; }
+    bool onThread() const { return std::this_thread::get_id() == threadId; }
     // Stop the thread, dropping queued work. Not from the thread itself.
     void stop();
 
     // The emulated network round trip: work posted now runs no earlier than
     // this many microseconds later (0: at once). Order is kept.
-    static void setRoundTrip(unsigned microseconds) { roundTripUs_.store(microseconds); }
-    static unsigned roundTrip() { return roundTripUs_.load(); }
+    static void setRoundTrip(unsigned microseconds) { _roundTripUs.store(microseconds); }
+    static unsigned roundTrip() { return _roundTripUs.load(); }
 
     // Process-wide switch: while held, no context runs queued work.
     static void setHeld(bool held);
-    static bool held() { return held_.load(); }
+    static bool held() { return _held.load(); }
     // Re-check the hold switch (after it was released).
     void wake();
 
@@ -51,18 +51,18 @@ class Context {
     };
     void run();
 
-    static std::atomic<bool> held_;
-    static std::atomic<unsigned> roundTripUs_;
+    static std::atomic<bool> _held;
+    static std::atomic<unsigned> _roundTripUs;
 
-    std::mutex mutex_;
-    std::condition_variable ready_;
-    std::condition_variable idle_;
-    std::deque<Item> items_;
-    void const* runningOwner_ = nullptr;
-    void const* runningSubOwner_ = nullptr;
-    bool stopping_ = false;
-    std::thread thread_;
-    std::thread::id threadId_;
+    std::mutex mutex;
+    std::condition_variable ready;
+    std::condition_variable idle;
+    std::deque<Item> items;
+    void const* runningOwner = nullptr;
+    void const* runningSubOwner = nullptr;
+    bool stopping = false;
+    std::thread thread;
+    std::thread::id threadId;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace solemu {
+namespace SolEmu {
 
 solClient_errorInfo_t* ErrorInfo::current() {
     thread_local solClient_errorInfo_t record{};
@@ -24,4 +24,4 @@ solClient_returnCode_t ErrorInfo::fail(int subCode, std::string const& text,
     return rc;
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

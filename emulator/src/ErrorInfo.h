@@ -4,7 +4,7 @@
 
 #include "solclient/SolClientABI.h"
 
-namespace solemu {
+namespace SolEmu {
 
 // The per-thread last-error record that solClient_getLastErrorInfo hands out.
 class ErrorInfo {
@@ -20,4 +20,4 @@ class ErrorInfo {
                                        solClient_returnCode_t rc = SOLCLIENT_FAIL);
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -2,7 +2,7 @@
 
 #include "ErrorInfo.h"
 
-namespace solemu {
+namespace SolEmu {
 
 namespace {
 
@@ -59,76 +59,76 @@ bool FaultInjector::failNext(std::string const& function, int count, int returnC
     if (!isVendorFunction(function)) {
         return false;
     }
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex);
     if (count <= 0) {
-        failures_.erase(function);
+        failures.erase(function);
     } else {
-        failures_[function] = Failure{count, returnCode, subCode, text};
+        failures[function] = Failure{count, returnCode, subCode, text};
     }
-    armed_.store(static_cast<int>(failures_.size()));
+    armed.store(static_cast<int>(failures.size()));
     return true;
 }
 
 std::optional<solClient_returnCode_t> FaultInjector::check(char const* function) {
-    if (armed_.load(std::memory_order_acquire) == 0) {
+    if (armed.load(std::memory_order_acquire) == 0) {
         return std::nullopt;
     }
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = failures_.find(function);
-    if (it == failures_.end()) {
+    std::lock_guard<std::mutex> lock(mutex);
+    auto it = failures.find(function);
+    if (it == failures.end()) {
         return std::nullopt;
     }
     Failure failure = it->second;
     if (--it->second.count <= 0) {
-        failures_.erase(it);
-        armed_.store(static_cast<int>(failures_.size()));
+        failures.erase(it);
+        armed.store(static_cast<int>(failures.size()));
     }
     ErrorInfo::set(failure.subCode, 0, failure.text);
     return static_cast<solClient_returnCode_t>(failure.returnCode);
 }
 
 void FaultInjector::refuseSubscriptions(std::string const* topic, int subCode) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex);
     if (topic == nullptr) {
-        refuseAllSubCode_ = subCode;
+        refuseAllSubCode = subCode;
     } else if (subCode == 0) {
-        refusedTopics_.erase(*topic);
+        refusedTopics.erase(*topic);
     } else {
-        refusedTopics_[*topic] = subCode;
+        refusedTopics[*topic] = subCode;
     }
 }
 
 int FaultInjector::subscriptionRefusal(std::string const& topic) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = refusedTopics_.find(topic);
-    if (it != refusedTopics_.end()) {
+    std::lock_guard<std::mutex> lock(mutex);
+    auto it = refusedTopics.find(topic);
+    if (it != refusedTopics.end()) {
         return it->second;
     }
-    return refuseAllSubCode_;
+    return refuseAllSubCode;
 }
 
 void FaultInjector::refuseUser(char const* user) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex);
     if (user == nullptr) {
-        refusedUsers_.clear();
+        refusedUsers.clear();
     } else {
-        refusedUsers_.insert(user);
+        refusedUsers.insert(user);
     }
 }
 
 bool FaultInjector::isUserRefused(std::string const& user) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return refusedUsers_.count(user) != 0;
+    std::lock_guard<std::mutex> lock(mutex);
+    return refusedUsers.count(user) != 0;
 }
 
 void FaultInjector::reset() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    failures_.clear();
-    armed_.store(0);
-    refuseAllSubCode_ = 0;
-    refusedTopics_.clear();
-    refusedUsers_.clear();
-    ackMode_.store(AckMode::ACKNOWLEDGE);
+    std::lock_guard<std::mutex> lock(mutex);
+    failures.clear();
+    armed.store(0);
+    refuseAllSubCode = 0;
+    refusedTopics.clear();
+    refusedUsers.clear();
+    ackPolicy.store(AckMode::ACKNOWLEDGE);
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

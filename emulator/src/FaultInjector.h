@@ -9,7 +9,7 @@
 
 #include "solclient/SolClientABI.h"
 
-namespace solemu {
+namespace SolEmu {
 
 // Faults a test asks for: failing calls, refused subscriptions and users, and
 // how the brokers answer guaranteed messages. Process-wide.
@@ -33,8 +33,8 @@ class FaultInjector {
     void refuseUser(char const* user);
     bool isUserRefused(std::string const& user) const;
 
-    void setAckMode(AckMode mode) { ackMode_.store(mode); }
-    AckMode ackMode() const { return ackMode_.load(); }
+    void setAckMode(AckMode mode) { ackPolicy.store(mode); }
+    AckMode ackMode() const { return ackPolicy.load(); }
 
     void reset();
 
@@ -47,13 +47,13 @@ class FaultInjector {
         int subCode;
         std::string text;
     };
-    mutable std::mutex mutex_;
-    std::atomic<int> armed_{0};
-    std::map<std::string, Failure> failures_;
-    int refuseAllSubCode_ = 0;
-    std::map<std::string, int> refusedTopics_;
-    std::set<std::string> refusedUsers_;
-    std::atomic<AckMode> ackMode_{AckMode::ACKNOWLEDGE};
+    mutable std::mutex mutex;
+    std::atomic<int> armed{0};
+    std::map<std::string, Failure> failures;
+    int refuseAllSubCode = 0;
+    std::map<std::string, int> refusedTopics;
+    std::set<std::string> refusedUsers;
+    std::atomic<AckMode> ackPolicy{AckMode::ACKNOWLEDGE};
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

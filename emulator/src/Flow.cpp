@@ -4,79 +4,79 @@
 #include "Message.h"
 #include "Queue.h"
 
-namespace solemu {
+namespace SolEmu {
 
-Flow::Flow(std::shared_ptr<Context> context, void const* sessionOwner, FlowProperties properties,
-           solClient_flow_createFuncInfo_t const& funcs)
-    : context_(std::move(context)),
-      sessionOwner_(sessionOwner),
-      properties_(std::move(properties)),
-      window_(properties_.window()),
-      funcs_(funcs),
-      started_(properties_.startState) {}
+Flow::Flow(std::shared_ptr<Context> sharedContext, void const* owner, FlowProperties parsed,
+           solClient_flow_createFuncInfo_t const& callbacks)
+    : context(std::move(sharedContext)),
+      sessionOwner(owner),
+      properties(std::move(parsed)),
+      windowSize(properties.window()),
+      funcs(callbacks),
+      started(properties.startState) {}
 
-bool Flow::bind(std::shared_ptr<Queue> const& queue) {
+bool Flow::bind(std::shared_ptr<Queue> const& target) {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (destroyed_ || retired_) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (destroyed || retiredFlag) {
             return false;
         }
-        if (!queue) {
+        if (!target) {
             postEvent(SOLCLIENT_FLOW_EVENT_BIND_FAILED_ERROR, 503, "Unknown Queue");
             return false;
         }
-        queue_ = queue;
+        queue = target;
         // UP_NOTICE is queued before the queue can hand out anything; binding
         // under the lock keeps a concurrent destroy from missing the binding.
         postEvent(SOLCLIENT_FLOW_EVENT_UP_NOTICE, 200, "OK");
-        queue->bind(shared_from_this());
+        target->bind(shared_from_this());
     }
     return true;
 }
 
 solClient_returnCode_t Flow::start() {
-    started_.store(true);
-    if (auto queue = [&] {
-            std::lock_guard<std::mutex> lock(mutex_);
-            return queue_;
+    started.store(true);
+    if (auto bound = [&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return queue;
         }()) {
-        queue->pump();
+        bound->pump();
     }
     return SOLCLIENT_OK;
 }
 
 solClient_returnCode_t Flow::stop() {
-    started_.store(false);
+    started.store(false);
     return SOLCLIENT_OK;
 }
 
 solClient_returnCode_t Flow::acknowledge(uint64_t id) {
-    if (!properties_.clientAck) {
+    if (!properties.clientAck) {
         return SOLCLIENT_OK;  // auto mode acknowledges on delivery
     }
-    std::shared_ptr<Queue> queue;
+    std::shared_ptr<Queue> bound;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        queue = queue_;
+        std::lock_guard<std::mutex> lock(mutex);
+        bound = queue;
     }
-    if (queue) {
-        queue->acknowledge(this, id);
+    if (bound) {
+        bound->acknowledge(this, id);
     }
     return SOLCLIENT_OK;
 }
 
 void Flow::connectionLost() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (queue_) {
-        queue_->unbind(this);
-        queue_.reset();
+    std::lock_guard<std::mutex> lock(mutex);
+    if (queue) {
+        queue->unbind(this);
+        queue.reset();
     }
 }
 
 void Flow::retire(int event) {
     connectionLost();
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (retired_.exchange(true) || destroyed_) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (retiredFlag.exchange(true) || destroyed) {
         return;
     }
     if (event >= 0) {
@@ -86,20 +86,20 @@ void Flow::retire(int event) {
 
 void Flow::destroy() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        destroyed_.store(true);
+        std::lock_guard<std::mutex> lock(mutex);
+        destroyed.store(true);
     }
     connectionLost();  // after this the queue hands out nothing more
-    context_->purge(this);
+    context->purge(this);
 }
 
-void Flow::deliver(std::shared_ptr<Queue> const& queue, uint64_t id,
+void Flow::deliver(std::shared_ptr<Queue> const& source, uint64_t id,
                    std::shared_ptr<const Message> const& message, bool redelivered) {
-    bool const autoAck = !properties_.clientAck;
-    auto callback = funcs_.rxMsgInfo.callback_p;
-    void* user = funcs_.rxMsgInfo.user_p;
+    bool const autoAck = !properties.clientAck;
+    auto callback = funcs.rxMsgInfo.callback_p;
+    void* user = funcs.rxMsgInfo.user_p;
     void* handle = this;
-    context_->post(sessionOwner_, this, [=] {
+    context->post(sessionOwner, this, [=] {
         std::unique_ptr<Message> copy = Message::deliveryCopy(*message);
         copy->setMessageId(id);
         copy->setRedelivered(redelivered);
@@ -107,23 +107,23 @@ void Flow::deliver(std::shared_ptr<Queue> const& queue, uint64_t id,
             callback(handle, copy.get(), user) == SOLCLIENT_CALLBACK_TAKE_MSG) {
             static_cast<void>(copy.release());  // the application frees it with msg_free
         }
-        if (autoAck && queue) {
-            queue->acknowledge(static_cast<Flow*>(handle), id);
+        if (autoAck && source) {
+            source->acknowledge(static_cast<Flow*>(handle), id);
         }
     });
 }
 
 void Flow::postEvent(solClient_flow_event_t event, unsigned responseCode, std::string info) {
-    auto callback = funcs_.eventInfo.callback_p;
+    auto callback = funcs.eventInfo.callback_p;
     if (callback == nullptr) {
         return;
     }
-    void* user = funcs_.eventInfo.user_p;
+    void* user = funcs.eventInfo.user_p;
     void* handle = this;
-    context_->post(sessionOwner_, this, [=, info = std::move(info)] {
+    context->post(sessionOwner, this, [=, info = std::move(info)] {
         solClient_flow_eventCallbackInfo_t record{event, responseCode, info.c_str()};
         callback(handle, &record, user);
     });
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -8,7 +8,7 @@
 #include "FlowProperties.h"
 #include "solclient/SolClientABI.h"
 
-namespace solemu {
+namespace SolEmu {
 
 class Context;
 class Message;
@@ -22,7 +22,7 @@ class Flow : public std::enable_shared_from_this<Flow> {
          solClient_flow_createFuncInfo_t const& funcs);
 
     void* handle() { return this; }
-    std::string const& queueName() const { return properties_.queueName; }
+    std::string const& queueName() const { return properties.queueName; }
 
     // Bind to `queue`; null means the queue does not exist. Raises UP_NOTICE
     // or BIND_FAILED_ERROR. False when not bound.
@@ -36,30 +36,30 @@ class Flow : public std::enable_shared_from_this<Flow> {
     // The session is down for good (or disconnected): unbound and never
     // rebound; `event` (if >= 0) is raised.
     void retire(int event);
-    bool retired() const { return retired_.load(); }
+    bool retired() const { return retiredFlag.load(); }
     // Unbind, discard queued callbacks and wait out a running one.
     void destroy();
 
     // Called by the queue, under its lock.
-    bool canReceive() const { return started_.load() && !destroyed_.load(); }
-    size_t window() const { return window_; }
+    bool canReceive() const { return started.load() && !destroyed.load(); }
+    size_t window() const { return windowSize; }
     void deliver(std::shared_ptr<Queue> const& queue, uint64_t id,
                  std::shared_ptr<const Message> const& message, bool redelivered);
 
   private:
     void postEvent(solClient_flow_event_t event, unsigned responseCode, std::string info);
 
-    const std::shared_ptr<Context> context_;
-    void const* const sessionOwner_;
-    const FlowProperties properties_;
-    const size_t window_;
-    const solClient_flow_createFuncInfo_t funcs_;
+    const std::shared_ptr<Context> context;
+    void const* const sessionOwner;
+    const FlowProperties properties;
+    const size_t windowSize;
+    const solClient_flow_createFuncInfo_t funcs;
 
-    std::mutex mutex_;
-    std::shared_ptr<Queue> queue_;
-    std::atomic<bool> started_;
-    std::atomic<bool> destroyed_{false};
-    std::atomic<bool> retired_{false};
+    std::mutex mutex;
+    std::shared_ptr<Queue> queue;
+    std::atomic<bool> started;
+    std::atomic<bool> destroyed{false};
+    std::atomic<bool> retiredFlag{false};
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

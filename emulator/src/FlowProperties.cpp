@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace solemu {
+namespace SolEmu {
 
 bool FlowProperties::parse(PropertyList const& list, std::string& error) {
     bool queueEntity = false;
@@ -85,4 +85,4 @@ size_t FlowProperties::window() const {
     return static_cast<size_t>(limit);
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -5,7 +5,7 @@
 
 #include "PropertyList.h"
 
-namespace solemu {
+namespace SolEmu {
 
 // A flow property list, checked and parsed. Only queue flows exist here, so
 // FLOW_BIND_ENTITY_ID must be "2" and FLOW_BIND_NAME must name the queue.
@@ -25,4 +25,4 @@ class FlowProperties {
     long long bindTimeoutMs = 10000;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -5,7 +5,7 @@
 #include <shared_mutex>
 #include <vector>
 
-namespace solemu {
+namespace SolEmu {
 
 // The live objects behind opaque handles. A handle is only trusted after it
 // is found here, so a stale or foreign pointer fails cleanly instead of
@@ -14,45 +14,45 @@ template <typename Entry>
 class HandleTable {
   public:
     void add(void* handle, Entry entry) {
-        std::unique_lock<std::shared_mutex> lock(mutex_);
-        entries_[handle] = std::move(entry);
+        std::unique_lock<std::shared_mutex> lock(mutex);
+        entries[handle] = std::move(entry);
     }
     // False when the handle is unknown.
     bool find(void* handle, Entry& entry) const {
-        std::shared_lock<std::shared_mutex> lock(mutex_);
-        auto it = entries_.find(handle);
-        if (it == entries_.end()) {
+        std::shared_lock<std::shared_mutex> lock(mutex);
+        auto it = entries.find(handle);
+        if (it == entries.end()) {
             return false;
         }
         entry = it->second;
         return true;
     }
     bool remove(void* handle, Entry& entry) {
-        std::unique_lock<std::shared_mutex> lock(mutex_);
-        auto it = entries_.find(handle);
-        if (it == entries_.end()) {
+        std::unique_lock<std::shared_mutex> lock(mutex);
+        auto it = entries.find(handle);
+        if (it == entries.end()) {
             return false;
         }
         entry = std::move(it->second);
-        entries_.erase(it);
+        entries.erase(it);
         return true;
     }
     std::vector<Entry> values() const {
-        std::shared_lock<std::shared_mutex> lock(mutex_);
+        std::shared_lock<std::shared_mutex> lock(mutex);
         std::vector<Entry> all;
-        for (auto const& item : entries_) {
+        for (auto const& item : entries) {
             all.push_back(item.second);
         }
         return all;
     }
     size_t size() const {
-        std::shared_lock<std::shared_mutex> lock(mutex_);
-        return entries_.size();
+        std::shared_lock<std::shared_mutex> lock(mutex);
+        return entries.size();
     }
 
   private:
-    mutable std::shared_mutex mutex_;
-    std::map<void*, Entry> entries_;
+    mutable std::shared_mutex mutex;
+    std::map<void*, Entry> entries;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

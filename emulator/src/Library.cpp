@@ -15,7 +15,7 @@
 #include "Session.h"
 #include "SessionProperties.h"
 
-namespace solemu {
+namespace SolEmu {
 
 namespace {
 
@@ -125,35 +125,35 @@ bool Library::loadEnvironment() {
 }
 
 solClient_returnCode_t Library::initialize() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (!environmentLoaded_) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!environmentLoaded) {
         if (!loadEnvironment()) {
             return SOLCLIENT_FAIL;
         }
-        environmentLoaded_ = true;
+        environmentLoaded = true;
     }
     if (auto injected = FaultInjector::instance().check("solClient_initialize")) {
         return *injected;
     }
-    initialized_ = true;
+    initialized = true;
     return SOLCLIENT_OK;
 }
 
 solClient_returnCode_t Library::cleanup() {
-    for (auto const& entry : contexts_.values()) {
+    for (auto const& entry : contexts.values()) {
         destroyContext(entry.context.get());
     }
-    std::lock_guard<std::mutex> lock(mutex_);
-    initialized_ = false;
+    std::lock_guard<std::mutex> lock(mutex);
+    initialized = false;
     return SOLCLIENT_OK;
 }
 
 bool Library::checkInitialized() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (!initialized_) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!initialized) {
         ErrorInfo::set(SOLCLIENT_SUBCODE_INIT_NOT_CALLED, 0, "solClient_initialize not called");
     }
-    return initialized_;
+    return initialized;
 }
 
 solClient_returnCode_t Library::createContext(solClient_propertyArray_pt props, void** handle) {
@@ -175,24 +175,24 @@ solClient_returnCode_t Library::createContext(solClient_propertyArray_pt props, 
     }
     auto context = std::make_shared<Context>();
     *handle = context.get();
-    contexts_.add(context.get(), ContextEntry{context});
+    contexts.add(context.get(), ContextEntry{context});
     return SOLCLIENT_OK;
 }
 
 solClient_returnCode_t Library::destroyContext(void* handle) {
     ContextEntry entry;
-    if (!contexts_.find(handle, entry)) {
+    if (!contexts.find(handle, entry)) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown context handle");
     }
     if (entry.context->onThread()) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                "context_destroy called on the context's own thread");
     }
-    if (!contexts_.remove(handle, entry)) {
+    if (!contexts.remove(handle, entry)) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown context handle");
     }
     // Its sessions go with it.
-    for (auto const& session : sessions_.values()) {
+    for (auto const& session : sessions.values()) {
         if (session.contextHandle == handle) {
             destroySession(session.session.get());
         }
@@ -208,8 +208,8 @@ solClient_returnCode_t Library::createSession(solClient_propertyArray_pt props, 
     std::string error;
     bool const read = list.read(props, error);
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lastSessionProperties_ = list.record();
+        std::lock_guard<std::mutex> lock(mutex);
+        lastSessionPropertyText = list.record();
     }
     if (!read) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, error);
@@ -219,30 +219,30 @@ solClient_returnCode_t Library::createSession(solClient_propertyArray_pt props, 
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, error);
     }
     ContextEntry context;
-    if (!contexts_.find(contextHandle, context)) {
+    if (!contexts.find(contextHandle, context)) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown context handle");
     }
     auto session = std::make_shared<Session>(context.context, std::move(properties), funcs);
     *handle = session->handle();
-    sessions_.add(session->handle(), SessionEntry{session, contextHandle});
+    sessions.add(session->handle(), SessionEntry{session, contextHandle});
     return SOLCLIENT_OK;
 }
 
 solClient_returnCode_t Library::destroySession(void* handle) {
     SessionEntry entry;
-    if (!sessions_.remove(handle, entry)) {
+    if (!sessions.remove(handle, entry)) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown session handle");
     }
     for (auto const& flow : entry.session->destroy()) {
         FlowEntry removed;
-        flows_.remove(flow->handle(), removed);
+        flows.remove(flow->handle(), removed);
     }
     return SOLCLIENT_OK;
 }
 
 std::shared_ptr<Session> Library::session(void* handle) const {
     SessionEntry entry;
-    if (!sessions_.find(handle, entry)) {
+    if (!sessions.find(handle, entry)) {
         ErrorInfo::set(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, 0, "unknown session handle");
         return nullptr;
     }
@@ -256,8 +256,8 @@ solClient_returnCode_t Library::createFlow(solClient_propertyArray_pt props, voi
     std::string error;
     bool const read = list.read(props, error);
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lastFlowProperties_ = list.record();
+        std::lock_guard<std::mutex> lock(mutex);
+        lastFlowPropertyText = list.record();
     }
     if (!read) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, error);
@@ -274,14 +274,14 @@ solClient_returnCode_t Library::createFlow(solClient_propertyArray_pt props, voi
     const solClient_returnCode_t rc = owner->createFlow(properties, funcs, created);
     if (created) {
         *handle = created->handle();
-        flows_.add(created->handle(), FlowEntry{created, owner});
+        flows.add(created->handle(), FlowEntry{created, owner});
     }
     return rc;
 }
 
 solClient_returnCode_t Library::destroyFlow(void* handle) {
     FlowEntry entry;
-    if (!flows_.remove(handle, entry)) {
+    if (!flows.remove(handle, entry)) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown flow handle");
     }
     entry.flow->destroy();
@@ -291,7 +291,7 @@ solClient_returnCode_t Library::destroyFlow(void* handle) {
 
 std::shared_ptr<Flow> Library::flow(void* handle) const {
     FlowEntry entry;
-    if (!flows_.find(handle, entry)) {
+    if (!flows.find(handle, entry)) {
         ErrorInfo::set(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, 0, "unknown flow handle");
         return nullptr;
     }
@@ -299,23 +299,23 @@ std::shared_ptr<Flow> Library::flow(void* handle) const {
 }
 
 std::string Library::lastSessionProperties() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lastSessionProperties_;
+    std::lock_guard<std::mutex> lock(mutex);
+    return lastSessionPropertyText;
 }
 
 std::string Library::lastFlowProperties() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lastFlowProperties_;
+    std::lock_guard<std::mutex> lock(mutex);
+    return lastFlowPropertyText;
 }
 
 void Library::releaseWithheld() {
-    for (auto const& entry : sessions_.values()) {
+    for (auto const& entry : sessions.values()) {
         entry.session->releaseWithheld();
     }
 }
 
 void Library::endSessions(std::string const& hostPort) {
-    for (auto const& entry : sessions_.values()) {
+    for (auto const& entry : sessions.values()) {
         if (entry.session->hostPort() == hostPort) {
             entry.session->endedByBroker();
         }
@@ -323,7 +323,7 @@ void Library::endSessions(std::string const& hostPort) {
 }
 
 void Library::wakeContexts() {
-    for (auto const& entry : contexts_.values()) {
+    for (auto const& entry : contexts.values()) {
         entry.context->wake();
     }
 }
@@ -333,9 +333,9 @@ void Library::reset() {
     BrokerRegistry::instance().reset();
     Context::setHeld(false);
     wakeContexts();
-    std::lock_guard<std::mutex> lock(mutex_);
-    lastSessionProperties_.clear();
-    lastFlowProperties_.clear();
+    std::lock_guard<std::mutex> lock(mutex);
+    lastSessionPropertyText.clear();
+    lastFlowPropertyText.clear();
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -7,7 +7,7 @@
 #include "HandleTable.h"
 #include "solclient/SolClientABI.h"
 
-namespace solemu {
+namespace SolEmu {
 
 class Context;
 class Flow;
@@ -41,7 +41,7 @@ class Library {
 
     std::string lastSessionProperties() const;
     std::string lastFlowProperties() const;
-    long liveSessions() const { return static_cast<long>(sessions_.size()); }
+    long liveSessions() const { return static_cast<long>(sessions.size()); }
 
     // Answer withheld acknowledgements (the ack mode went back to "acknowledge").
     void releaseWithheld();
@@ -69,15 +69,15 @@ class Library {
     // on a malformed one.
     bool loadEnvironment();
 
-    mutable std::mutex mutex_;
-    bool initialized_ = false;
-    bool environmentLoaded_ = false;
-    std::string lastSessionProperties_;
-    std::string lastFlowProperties_;
+    mutable std::mutex mutex;
+    bool initialized = false;
+    bool environmentLoaded = false;
+    std::string lastSessionPropertyText;
+    std::string lastFlowPropertyText;
 
-    HandleTable<ContextEntry> contexts_;
-    HandleTable<SessionEntry> sessions_;
-    HandleTable<FlowEntry> flows_;
+    HandleTable<ContextEntry> contexts;
+    HandleTable<SessionEntry> sessions;
+    HandleTable<FlowEntry> flows;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -1,21 +1,21 @@
 #include "Message.h"
 
-namespace solemu {
+namespace SolEmu {
 
-std::atomic<long> Message::live_{0};
+std::atomic<long> Message::_live{0};
 
 Message::Message() {
-    live_.fetch_add(1, std::memory_order_relaxed);
+    _live.fetch_add(1, std::memory_order_relaxed);
 }
 
 Message::~Message() {
-    magic_ = 0;  // a stale handle no longer passes fromHandle
-    live_.fetch_sub(1, std::memory_order_relaxed);
+    magic = 0;  // a stale handle no longer passes fromHandle
+    _live.fetch_sub(1, std::memory_order_relaxed);
 }
 
 Message* Message::fromHandle(void* handle) {
     auto* message = static_cast<Message*>(handle);
-    if (message == nullptr || message->magic_ != MAGIC) {
+    if (message == nullptr || message->magic != MAGIC) {
         return nullptr;
     }
     return message;
@@ -23,60 +23,60 @@ Message* Message::fromHandle(void* handle) {
 
 std::shared_ptr<const Message> Message::snapshot(Message const& source) {
     auto copy = std::make_shared<Message>();
-    copy->deliveryMode_ = source.deliveryMode_;
-    copy->destType_ = source.destinationType();
-    copy->destName_ = source.destinationName();
-    copy->correlationTag_ = source.correlationTag_;
-    copy->sequenceNumber_ = source.sequenceNumber_;
-    if (source.hasAttachment_) {
-        copy->ownedPayload_ = std::make_shared<const std::string>(
-            static_cast<char const*>(source.attachmentData_), source.attachmentSize_);
-        copy->hasAttachment_ = true;
-        copy->attachmentData_ = copy->ownedPayload_->data();
-        copy->attachmentSize_ = source.attachmentSize_;
+    copy->delivery = source.delivery;
+    copy->destType = source.destinationType();
+    copy->destName = source.destinationName();
+    copy->correlation = source.correlation;
+    copy->sequence = source.sequence;
+    if (source.attachmentPresent) {
+        copy->ownedPayload = std::make_shared<const std::string>(
+            static_cast<char const*>(source.attachmentBytes), source.attachmentLength);
+        copy->attachmentPresent = true;
+        copy->attachmentBytes = copy->ownedPayload->data();
+        copy->attachmentLength = source.attachmentLength;
     }
     return copy;
 }
 
 std::unique_ptr<Message> Message::deliveryCopy(Message const& source) {
     auto copy = std::make_unique<Message>();
-    copy->deliveryMode_ = source.deliveryMode_;
-    copy->destType_ = source.destType_;
-    copy->destName_ = source.destName_;
-    copy->ownedPayload_ = source.ownedPayload_;
-    copy->hasAttachment_ = source.hasAttachment_;
-    copy->attachmentData_ = source.attachmentData_;
-    copy->attachmentSize_ = source.attachmentSize_;
-    copy->msgId_ = source.msgId_;
-    copy->hasMsgId_ = source.hasMsgId_;
-    copy->redelivered_ = source.redelivered_;
+    copy->delivery = source.delivery;
+    copy->destType = source.destType;
+    copy->destName = source.destName;
+    copy->ownedPayload = source.ownedPayload;
+    copy->attachmentPresent = source.attachmentPresent;
+    copy->attachmentBytes = source.attachmentBytes;
+    copy->attachmentLength = source.attachmentLength;
+    copy->messageId = source.messageId;
+    copy->messageIdSet = source.messageIdSet;
+    copy->redeliveryFlag = source.redeliveryFlag;
     return copy;
 }
 
 solClient_destinationType_t Message::destinationType() const {
-    if (destType_ != SOLCLIENT_NULL_DESTINATION) {
-        return destType_;
+    if (destType != SOLCLIENT_NULL_DESTINATION) {
+        return destType;
     }
-    return topicPtr_ != nullptr ? SOLCLIENT_TOPIC_DESTINATION : SOLCLIENT_NULL_DESTINATION;
+    return topicChars != nullptr ? SOLCLIENT_TOPIC_DESTINATION : SOLCLIENT_NULL_DESTINATION;
 }
 
 std::string Message::destinationName() const {
-    if (destType_ != SOLCLIENT_NULL_DESTINATION) {
-        return destName_;
+    if (destType != SOLCLIENT_NULL_DESTINATION) {
+        return destName;
     }
-    return topicPtr_ != nullptr ? std::string(topicPtr_) : std::string();
+    return topicChars != nullptr ? std::string(topicChars) : std::string();
 }
 
 void Message::setDestination(solClient_destinationType_t type, char const* name) {
-    destType_ = type;
-    destName_ = name != nullptr ? name : "";
+    destType = type;
+    destName = name != nullptr ? name : "";
 }
 
 void Message::setAttachmentPtr(void const* data, uint32_t size) {
-    ownedPayload_.reset();
-    hasAttachment_ = data != nullptr;
-    attachmentData_ = data;
-    attachmentSize_ = data != nullptr ? size : 0;
+    ownedPayload.reset();
+    attachmentPresent = data != nullptr;
+    attachmentBytes = data;
+    attachmentLength = data != nullptr ? size : 0;
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -7,7 +7,7 @@
 
 #include "solclient/SolClientABI.h"
 
-namespace solemu {
+namespace SolEmu {
 
 // One message object: what msg_alloc hands out, what a receive callback gets,
 // and the library's own copies (a sent message's snapshot, a spooled message).
@@ -23,7 +23,7 @@ class Message {
     // The message behind a handle, or null when the handle is not one of ours
     // (or has been freed).
     static Message* fromHandle(void* handle);
-    static long live() { return live_.load(std::memory_order_relaxed); }
+    static long live() { return _live.load(std::memory_order_relaxed); }
 
     // A library-owned, self-contained copy of what a send needs: the payload
     // and the destination are copied, the correlation tag kept as a value.
@@ -37,52 +37,52 @@ class Message {
     std::string destinationName() const;
 
     void setDestination(solClient_destinationType_t type, char const* name);
-    void setTopicPtr(char const* topic) { topicPtr_ = topic; }
+    void setTopicPtr(char const* topic) { topicChars = topic; }
     void setAttachmentPtr(void const* data, uint32_t size);
-    void setDeliveryMode(uint32_t mode) { deliveryMode_ = mode; }
-    void setCorrelationTag(void* tag) { correlationTag_ = tag; }
-    void setSequenceNumber(uint64_t seq) { sequenceNumber_ = seq; }
+    void setDeliveryMode(uint32_t mode) { delivery = mode; }
+    void setCorrelationTag(void* tag) { correlation = tag; }
+    void setSequenceNumber(uint64_t seq) { sequence = seq; }
     void setMessageId(uint64_t id) {
-        msgId_ = id;
-        hasMsgId_ = true;
+        messageId = id;
+        messageIdSet = true;
     }
-    void setRedelivered(bool redelivered) { redelivered_ = redelivered; }
+    void setRedelivered(bool redelivered) { redeliveryFlag = redelivered; }
 
-    bool hasAttachment() const { return hasAttachment_; }
-    void const* attachmentData() const { return attachmentData_; }
-    uint32_t attachmentSize() const { return attachmentSize_; }
-    bool hasDestinationRecord() const { return destType_ != SOLCLIENT_NULL_DESTINATION; }
+    bool hasAttachment() const { return attachmentPresent; }
+    void const* attachmentData() const { return attachmentBytes; }
+    uint32_t attachmentSize() const { return attachmentLength; }
+    bool hasDestinationRecord() const { return destType != SOLCLIENT_NULL_DESTINATION; }
     // Points into this message; valid while it lives.
-    char const* destinationRecordName() const { return destName_.c_str(); }
-    solClient_destinationType_t destinationRecordType() const { return destType_; }
-    char const* topicPtr() const { return topicPtr_; }
-    uint32_t deliveryMode() const { return deliveryMode_; }
-    bool isGuaranteed() const { return deliveryMode_ != SOLCLIENT_DELIVERY_MODE_DIRECT; }
-    void* correlationTag() const { return correlationTag_; }
-    uint64_t sequenceNumber() const { return sequenceNumber_; }
-    bool hasMsgId() const { return hasMsgId_; }
-    uint64_t msgId() const { return msgId_; }
-    bool redelivered() const { return redelivered_; }
+    char const* destinationRecordName() const { return destName.c_str(); }
+    solClient_destinationType_t destinationRecordType() const { return destType; }
+    char const* topicPtr() const { return topicChars; }
+    uint32_t deliveryMode() const { return delivery; }
+    bool isGuaranteed() const { return delivery != SOLCLIENT_DELIVERY_MODE_DIRECT; }
+    void* correlationTag() const { return correlation; }
+    uint64_t sequenceNumber() const { return sequence; }
+    bool hasMsgId() const { return messageIdSet; }
+    uint64_t msgId() const { return messageId; }
+    bool redelivered() const { return redeliveryFlag; }
 
   private:
     static constexpr uint32_t MAGIC = 0x5e11a6e5u;
-    static std::atomic<long> live_;
+    static std::atomic<long> _live;
 
-    uint32_t magic_ = MAGIC;
-    uint32_t deliveryMode_ = SOLCLIENT_DELIVERY_MODE_DIRECT;
-    solClient_destinationType_t destType_ = SOLCLIENT_NULL_DESTINATION;
-    std::string destName_;
-    char const* topicPtr_ = nullptr;
-    bool hasAttachment_ = false;
-    void const* attachmentData_ = nullptr;
-    uint32_t attachmentSize_ = 0;
-    // Set on library copies: keeps attachmentData_ valid.
-    std::shared_ptr<const std::string> ownedPayload_;
-    void* correlationTag_ = nullptr;
-    uint64_t sequenceNumber_ = 0;
-    uint64_t msgId_ = 0;
-    bool hasMsgId_ = false;
-    bool redelivered_ = false;
+    uint32_t magic = MAGIC;
+    uint32_t delivery = SOLCLIENT_DELIVERY_MODE_DIRECT;
+    solClient_destinationType_t destType = SOLCLIENT_NULL_DESTINATION;
+    std::string destName;
+    char const* topicChars = nullptr;
+    bool attachmentPresent = false;
+    void const* attachmentBytes = nullptr;
+    uint32_t attachmentLength = 0;
+    // Set on library copies: keeps attachmentBytes valid.
+    std::shared_ptr<const std::string> ownedPayload;
+    void* correlation = nullptr;
+    uint64_t sequence = 0;
+    uint64_t messageId = 0;
+    bool messageIdSet = false;
+    bool redeliveryFlag = false;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace solemu {
+namespace SolEmu {
 
 class Message;
 class Queue;
@@ -35,9 +35,9 @@ class MessageVpn {
     void clearQueues();
 
   private:
-    mutable std::mutex mutex_;
-    std::shared_ptr<const SessionList> sessions_ = std::make_shared<SessionList>();
-    std::map<std::string, std::shared_ptr<Queue>> queues_;
+    mutable std::mutex mutex;
+    std::shared_ptr<const SessionList> sessionList = std::make_shared<SessionList>();
+    std::map<std::string, std::shared_ptr<Queue>> queues;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -3,10 +3,10 @@
 #include <cerrno>
 #include <cstdlib>
 
-namespace solemu {
+namespace SolEmu {
 
 bool PropertyList::read(solClient_propertyArray_pt props, std::string& error) {
-    entries_.clear();
+    pairs.clear();
     if (props == nullptr) {
         return true;
     }
@@ -15,13 +15,13 @@ bool PropertyList::read(solClient_propertyArray_pt props, std::string& error) {
             error = std::string("property '") + props[i] + "' has no value";
             return false;
         }
-        entries_.emplace_back(props[i], props[i + 1]);
+        pairs.emplace_back(props[i], props[i + 1]);
     }
     return true;
 }
 
 std::string PropertyList::get(std::string const& name, std::string const& fallback) const {
-    for (auto it = entries_.rbegin(); it != entries_.rend(); ++it) {
+    for (auto it = pairs.rbegin(); it != pairs.rend(); ++it) {
         if (it->first == name) {
             return it->second;
         }
@@ -31,7 +31,7 @@ std::string PropertyList::get(std::string const& name, std::string const& fallba
 
 std::string PropertyList::record() const {
     std::string text;
-    for (auto const& entry : entries_) {
+    for (auto const& entry : pairs) {
         if (!text.empty()) {
             text += '\n';
         }
@@ -60,4 +60,4 @@ bool PropertyList::isInteger(std::string const& value, long long& out) {
     return errno == 0;
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

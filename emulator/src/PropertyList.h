@@ -6,7 +6,7 @@
 
 #include "solclient/SolClientABI.h"
 
-namespace solemu {
+namespace SolEmu {
 
 // A vendor property array (name, value, ..., NULL) read into strings, with the
 // checks every property list gets.
@@ -20,7 +20,7 @@ class PropertyList {
     std::string get(std::string const& name, std::string const& fallback) const;
     // Names and values joined by '\n', as solEmu_last*Properties report them.
     std::string record() const;
-    std::vector<std::pair<std::string, std::string>> const& entries() const { return entries_; }
+    std::vector<std::pair<std::string, std::string>> const& entries() const { return pairs; }
 
     // Value checks shared by the session and flow parsers.
     static bool isSwitch(std::string const& value) { return value == "0" || value == "1"; }
@@ -28,7 +28,7 @@ class PropertyList {
     static bool isInteger(std::string const& value, long long& out);
 
   private:
-    std::vector<std::pair<std::string, std::string>> entries_;
+    std::vector<std::pair<std::string, std::string>> pairs;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

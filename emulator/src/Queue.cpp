@@ -3,38 +3,38 @@
 #include "Flow.h"
 #include "Message.h"
 
-namespace solemu {
+namespace SolEmu {
 
-std::atomic<uint64_t> Queue::nextId_{0};
+std::atomic<uint64_t> Queue::_nextId{0};
 
 void Queue::spool(std::shared_ptr<const Message> message) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    available_.emplace(++nextId_, Entry{std::move(message), false});
+    std::lock_guard<std::mutex> lock(mutex);
+    available.emplace(++_nextId, Entry{std::move(message), false});
     pumpLocked();
 }
 
 void Queue::bind(std::shared_ptr<Flow> const& flow) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (Binding const& binding : bindings_) {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (Binding const& binding : bindings) {
         if (binding.key == flow.get()) {
             return;
         }
     }
-    bindings_.push_back(Binding{flow.get(), flow, {}});
+    bindings.push_back(Binding{flow.get(), flow, {}});
     pumpLocked();
 }
 
 void Queue::unbind(Flow const* flow) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (auto it = bindings_.begin(); it != bindings_.end(); ++it) {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (auto it = bindings.begin(); it != bindings.end(); ++it) {
         if (it->key != flow) {
             continue;
         }
         for (auto& [id, entry] : it->unacked) {
             entry.redelivered = true;
-            available_.emplace(id, std::move(entry));
+            available.emplace(id, std::move(entry));
         }
-        bindings_.erase(it);
+        bindings.erase(it);
         pumpLocked();
         return;
     }
@@ -42,8 +42,8 @@ void Queue::unbind(Flow const* flow) {
 
 void Queue::acknowledge(Flow const* flow, uint64_t id) {
     std::shared_ptr<const Message> released;  // freed outside the lock
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (Binding& binding : bindings_) {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (Binding& binding : bindings) {
         if (binding.key != flow) {
             continue;
         }
@@ -58,24 +58,24 @@ void Queue::acknowledge(Flow const* flow, uint64_t id) {
 }
 
 void Queue::pump() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex);
     pumpLocked();
 }
 
 void Queue::pumpLocked() {
-    while (!available_.empty() && !bindings_.empty()) {
+    while (!available.empty() && !bindings.empty()) {
         bool handedOut = false;
-        for (size_t tried = 0; tried < bindings_.size() && !available_.empty(); ++tried) {
-            Binding& binding = bindings_[nextBinding_ % bindings_.size()];
-            nextBinding_ = (nextBinding_ + 1) % bindings_.size();
+        for (size_t tried = 0; tried < bindings.size() && !available.empty(); ++tried) {
+            Binding& binding = bindings[nextBinding % bindings.size()];
+            nextBinding = (nextBinding + 1) % bindings.size();
             std::shared_ptr<Flow> flow = binding.flow.lock();
             if (!flow || !flow->canReceive() || binding.unacked.size() >= flow->window()) {
                 continue;
             }
-            auto first = available_.begin();
+            auto first = available.begin();
             const uint64_t id = first->first;
             Entry& entry = binding.unacked.emplace(id, std::move(first->second)).first->second;
-            available_.erase(first);
+            available.erase(first);
             flow->deliver(shared_from_this(), id, entry.message, entry.redelivered);
             handedOut = true;
         }
@@ -86,9 +86,9 @@ void Queue::pumpLocked() {
 }
 
 long Queue::depth() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    long total = static_cast<long>(available_.size());
-    for (Binding const& binding : bindings_) {
+    std::lock_guard<std::mutex> lock(mutex);
+    long total = static_cast<long>(available.size());
+    for (Binding const& binding : bindings) {
         total += static_cast<long>(binding.unacked.size());
     }
     return total;
@@ -96,11 +96,11 @@ long Queue::depth() const {
 
 void Queue::clear() {
     std::map<uint64_t, Entry> dropped;
-    std::lock_guard<std::mutex> lock(mutex_);
-    dropped.swap(available_);
-    for (Binding& binding : bindings_) {
+    std::lock_guard<std::mutex> lock(mutex);
+    dropped.swap(available);
+    for (Binding& binding : bindings) {
         binding.unacked.clear();
     }
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

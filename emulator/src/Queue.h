@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace solemu {
+namespace SolEmu {
 
 class Flow;
 class Message;
@@ -18,9 +18,9 @@ class Message;
 // the queue round-robin.
 class Queue : public std::enable_shared_from_this<Queue> {
   public:
-    explicit Queue(std::string name) : name_(std::move(name)) {}
+    explicit Queue(std::string name) : queueName(std::move(name)) {}
 
-    std::string const& name() const { return name_; }
+    std::string const& name() const { return queueName; }
 
     void spool(std::shared_ptr<const Message> message);
     void bind(std::shared_ptr<Flow> const& flow);
@@ -47,13 +47,13 @@ class Queue : public std::enable_shared_from_this<Queue> {
     };
     void pumpLocked();
 
-    static std::atomic<uint64_t> nextId_;
+    static std::atomic<uint64_t> _nextId;
 
-    const std::string name_;
-    mutable std::mutex mutex_;
-    std::map<uint64_t, Entry> available_;
-    std::vector<Binding> bindings_;
-    size_t nextBinding_ = 0;
+    const std::string queueName;
+    mutable std::mutex mutex;
+    std::map<uint64_t, Entry> available;
+    std::vector<Binding> bindings;
+    size_t nextBinding = 0;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

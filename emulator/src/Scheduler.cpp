@@ -1,6 +1,6 @@
 #include "Scheduler.h"
 
-namespace solemu {
+namespace SolEmu {
 
 Scheduler& Scheduler::instance() {
     static Scheduler scheduler;
@@ -9,46 +9,46 @@ Scheduler& Scheduler::instance() {
 
 Scheduler::~Scheduler() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-        timers_.clear();
+        std::lock_guard<std::mutex> lock(mutex);
+        stopping = true;
+        timers.clear();
     }
-    wake_.notify_all();
-    if (thread_.joinable()) {
-        thread_.join();
+    wake.notify_all();
+    if (thread.joinable()) {
+        thread.join();
     }
 }
 
 void Scheduler::after(std::chrono::milliseconds delay, std::function<void()> action) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (stopping_) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (stopping) {
         return;
     }
-    if (!thread_.joinable()) {
-        thread_ = std::thread([this] { run(); });
+    if (!thread.joinable()) {
+        thread = std::thread([this] { run(); });
     }
-    timers_.emplace(std::make_pair(Clock::now() + delay, ++sequence_), std::move(action));
-    wake_.notify_all();
+    timers.emplace(std::make_pair(Clock::now() + delay, ++sequence), std::move(action));
+    wake.notify_all();
 }
 
 void Scheduler::run() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    while (!stopping_) {
-        if (timers_.empty()) {
-            wake_.wait(lock);
+    std::unique_lock<std::mutex> lock(mutex);
+    while (!stopping) {
+        if (timers.empty()) {
+            wake.wait(lock);
             continue;
         }
-        auto first = timers_.begin();
+        auto first = timers.begin();
         if (Clock::now() < first->first.first) {
-            wake_.wait_until(lock, first->first.first);
+            wake.wait_until(lock, first->first.first);
             continue;
         }
         std::function<void()> action = std::move(first->second);
-        timers_.erase(first);
+        timers.erase(first);
         lock.unlock();
         action();
         lock.lock();
     }
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

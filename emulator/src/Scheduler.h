@@ -9,7 +9,7 @@
 #include <thread>
 #include <utility>
 
-namespace solemu {
+namespace SolEmu {
 
 // One process-wide timer thread for retries and timed broker restarts. Timer
 // actions must be short: they only post work to context threads or flip a
@@ -28,13 +28,13 @@ class Scheduler {
     Scheduler() = default;
     void run();
 
-    std::mutex mutex_;
-    std::condition_variable wake_;
+    std::mutex mutex;
+    std::condition_variable wake;
     // Keyed by (due time, sequence) so that equal times keep their order.
-    std::map<std::pair<Clock::time_point, uint64_t>, std::function<void()>> timers_;
-    uint64_t sequence_ = 0;
-    bool stopping_ = false;
-    std::thread thread_;
+    std::map<std::pair<Clock::time_point, uint64_t>, std::function<void()>> timers;
+    uint64_t sequence = 0;
+    bool stopping = false;
+    std::thread thread;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

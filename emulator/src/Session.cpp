@@ -20,7 +20,7 @@
 #include "Queue.h"
 #include "Scheduler.h"
 
-namespace solemu {
+namespace SolEmu {
 
 namespace {
 
@@ -44,24 +44,24 @@ std::string subscriptionErrorText(int subCode) {
 
 }  // namespace
 
-std::atomic<long> Session::blocked_{0};
-std::atomic<long> Session::windowWaits_{0};
+std::atomic<long> Session::_blocked{0};
+std::atomic<long> Session::_windowWaits{0};
 
-Session::Session(std::shared_ptr<Context> context, SessionProperties properties,
-                 solClient_session_createFuncInfo_t const& funcs)
-    : context_(std::move(context)),
-      properties_(std::move(properties)),
-      funcs_(funcs),
-      broker_(BrokerRegistry::instance().broker(properties_.hostPort)),
-      vpn_(broker_->vpn(properties_.vpn)) {}
+Session::Session(std::shared_ptr<Context> sharedContext, SessionProperties parsed,
+                 solClient_session_createFuncInfo_t const& callbacks)
+    : eventContext(std::move(sharedContext)),
+      properties(std::move(parsed)),
+      funcs(callbacks),
+      broker(BrokerRegistry::instance().broker(properties.hostPort)),
+      vpn(broker->vpn(properties.vpn)) {}
 
 Session::~Session() = default;
 
 // ---- Connection -----------------------------------------------------------------
 
 solClient_returnCode_t Session::connect() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    switch (state_.load()) {
+    std::unique_lock<std::mutex> lock(mutex);
+    switch (state.load()) {
         case State::UP:
             return SOLCLIENT_OK;
         case State::CONNECTING:
@@ -73,50 +73,50 @@ solClient_returnCode_t Session::connect() {
         case State::DOWN:
             break;
     }
-    if (properties_.connectBlocking && context_->onThread()) {
+    if (properties.connectBlocking && eventContext->onThread()) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                "blocking connect from the context thread");
     }
-    state_ = State::CONNECTING;
-    const uint64_t epoch = ++epoch_;
-    attempts_ = 0;
+    state = State::CONNECTING;
+    const uint64_t attemptEpoch = ++epoch;
+    attempts = 0;
     std::weak_ptr<Session> weak = weak_from_this();
-    context_->post(this, nullptr, [weak, epoch] {
+    eventContext->post(this, nullptr, [weak, attemptEpoch] {
         if (auto self = weak.lock()) {
-            self->attempt(epoch);
+            self->attempt(attemptEpoch);
         }
     });
-    if (!properties_.connectBlocking) {
+    if (!properties.connectBlocking) {
         return SOLCLIENT_IN_PROGRESS;
     }
     Blocked blocked;
-    stateChanged_.wait(lock, [&] { return state_.load() != State::CONNECTING; });
-    if (state_.load() == State::UP) {
+    stateChanged.wait(lock, [&] { return state.load() != State::CONNECTING; });
+    if (state.load() == State::UP) {
         return SOLCLIENT_OK;
     }
-    return ErrorInfo::fail(lastSubCode_, lastError_.empty() ? "connect failed" : lastError_);
+    return ErrorInfo::fail(lastSubCode, lastError.empty() ? "connect failed" : lastError);
 }
 
 std::string Session::loginRefusal() const {
-    if (properties_.vpn.empty()) {
+    if (properties.vpn.empty()) {
         return "Message VPN Not Allowed";
     }
-    if (properties_.tls && properties_.validateCertificate &&
-        !isDirectory(properties_.trustStoreDir)) {
-        return "SSL: trust store directory '" + properties_.trustStoreDir + "' not found";
+    if (properties.tls && properties.validateCertificate &&
+        !isDirectory(properties.trustStoreDir)) {
+        return "SSL: trust store directory '" + properties.trustStoreDir + "' not found";
     }
-    if (FaultInjector::instance().isUserRefused(properties_.user)) {
+    if (FaultInjector::instance().isUserRefused(properties.user)) {
         return "Unauthorized";
     }
     return std::string();
 }
 
-void Session::attempt(uint64_t epoch) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (epoch != epoch_ || state_.load() != State::CONNECTING) {
+void Session::attempt(uint64_t attemptEpoch) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (attemptEpoch != epoch || state.load() != State::CONNECTING) {
         return;
     }
-    if (properties_.vpn.empty()) {
+    if (properties.vpn.empty()) {
         failConnectLocked(SOLCLIENT_SUBCODE_MSG_VPN_NOT_ALLOWED, 403, loginRefusal());
         return;
     }
@@ -128,125 +128,125 @@ void Session::attempt(uint64_t epoch) {
             tlsFailure ? 0 : 401, refusal);
         return;
     }
-    if (broker_->isUp()) {
+    if (broker->isUp()) {
         goUpLocked(false);
         return;
     }
     // Down: wait for it (told by the broker); a finite retry count also runs a
     // timer per attempt.
-    if (properties_.connectRetries >= 0) {
-        scheduleConnectTimeout(epoch);
+    if (properties.connectRetries >= 0) {
+        scheduleConnectTimeout(attemptEpoch);
     }
-    broker_->waitForUp(shared_from_this());
+    broker->waitForUp(shared_from_this());
 }
 
-void Session::scheduleConnectTimeout(uint64_t epoch) {
+void Session::scheduleConnectTimeout(uint64_t attemptEpoch) {
     std::weak_ptr<Session> weak = weak_from_this();
-    Scheduler::instance().after(std::chrono::milliseconds(properties_.connectTimeoutMs),
-                                [weak, epoch] {
+    Scheduler::instance().after(std::chrono::milliseconds(properties.connectTimeoutMs),
+                                [weak, attemptEpoch] {
                                     if (auto self = weak.lock()) {
-                                        self->connectTimedOut(epoch);
+                                        self->connectTimedOut(attemptEpoch);
                                     }
                                 });
 }
 
-void Session::connectTimedOut(uint64_t epoch) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (epoch != epoch_ || state_.load() != State::CONNECTING) {
+void Session::connectTimedOut(uint64_t attemptEpoch) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (attemptEpoch != epoch || state.load() != State::CONNECTING) {
         return;
     }
-    if (++attempts_ > properties_.connectRetries) {
+    if (++attempts > properties.connectRetries) {
         failConnectLocked(SOLCLIENT_SUBCODE_COMMUNICATION_ERROR, 0,
-                          "TCP connection failure: broker " + broker_->hostPort() + " unreachable");
+                          "TCP connection failure: broker " + broker->hostPort() + " unreachable");
         return;
     }
-    scheduleConnectTimeout(epoch);
+    scheduleConnectTimeout(attemptEpoch);
 }
 
 void Session::brokerCameUp() {
     // Runs on whatever thread brought the broker up; the attempt itself runs on
     // the context thread.
     std::weak_ptr<Session> weak = weak_from_this();
-    context_->post(this, nullptr, [weak] {
+    eventContext->post(this, nullptr, [weak] {
         auto self = weak.lock();
         if (!self) {
             return;
         }
-        uint64_t epoch = 0;
+        uint64_t attemptEpoch = 0;
         {
-            std::lock_guard<std::mutex> lock(self->mutex_);
-            epoch = self->epoch_;
+            std::lock_guard<std::mutex> lock(self->mutex);
+            attemptEpoch = self->epoch;
         }
-        self->attempt(epoch);
+        self->attempt(attemptEpoch);
     });
 }
 
 void Session::failConnectLocked(int subCode, unsigned responseCode, std::string const& text) {
-    state_ = State::DOWN;
-    ++epoch_;
-    lastSubCode_ = subCode;
-    lastError_ = text;
+    state = State::DOWN;
+    ++epoch;
+    lastSubCode = subCode;
+    lastError = text;
     postEvent(SOLCLIENT_SESSION_EVENT_CONNECT_FAILED_ERROR, responseCode, text);
-    stateChanged_.notify_all();
+    stateChanged.notify_all();
 }
 
 void Session::goUpLocked(bool reconnected) {
-    state_ = State::UP;
-    vpn_->attach(shared_from_this());
+    state = State::UP;
+    vpn->attach(shared_from_this());
     {
-        std::unique_lock<std::shared_mutex> lock(subscriptionsMutex_);
-        receiving_ = true;
-        if (reconnected && !properties_.reapplySubscriptions) {
-            subscriptions_.clear();
+        std::unique_lock<std::shared_mutex> lock(subscriptionsMutex);
+        receiving = true;
+        if (reconnected && !properties.reapplySubscriptions) {
+            subscriptions.clear();
         }
     }
     postEvent(reconnected ? SOLCLIENT_SESSION_EVENT_RECONNECTED_NOTICE
                           : SOLCLIENT_SESSION_EVENT_UP_NOTICE,
               200, "OK");
-    for (auto& entry : flows_) {
+    for (auto& entry : flows) {
         if (!entry.second->retired()) {
-            entry.second->bind(vpn_->queue(entry.second->queueName()));
+            entry.second->bind(vpn->queue(entry.second->queueName()));
         }
     }
-    for (auto it = pending_.begin(); it != pending_.end();) {
+    for (auto it = pending.begin(); it != pending.end();) {
         auto next = std::next(it);
         transmitLocked(it);
         it = next;
     }
-    if (canSendOwed_ && unackedLocked() < static_cast<size_t>(properties_.pubWindowSize)) {
-        canSendOwed_ = false;
+    if (canSendOwed && unackedLocked() < static_cast<size_t>(properties.pubWindowSize)) {
+        canSendOwed = false;
         postEvent(SOLCLIENT_SESSION_EVENT_CAN_SEND, 0, "OK");
     }
-    stateChanged_.notify_all();
+    stateChanged.notify_all();
 }
 
 void Session::detachLocked(bool clearSubscriptions) {
-    vpn_->detach(this);
-    std::unique_lock<std::shared_mutex> lock(subscriptionsMutex_);
-    receiving_ = false;
+    vpn->detach(this);
+    std::unique_lock<std::shared_mutex> lock(subscriptionsMutex);
+    receiving = false;
     if (clearSubscriptions) {
-        subscriptions_.clear();
+        subscriptions.clear();
     }
 }
 
 void Session::brokerWentDown() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (state_.load() != State::UP) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (state.load() != State::UP) {
         return;
     }
     detachLocked(false);
-    for (auto& entry : flows_) {
+    for (auto& entry : flows) {
         entry.second->connectionLost();
     }
     // Confirmations and binds in flight are lost with the connection.
     failWaitersLocked(SOLCLIENT_SUBCODE_COMMUNICATION_ERROR,
-                      "connection to broker " + broker_->hostPort() + " lost");
-    state_ = State::RECONNECTING;
-    ++epoch_;
-    attempts_ = 0;
+                      "connection to broker " + broker->hostPort() + " lost");
+    state = State::RECONNECTING;
+    ++epoch;
+    attempts = 0;
     postEvent(SOLCLIENT_SESSION_EVENT_RECONNECTING_NOTICE, 0,
-              "broker " + broker_->hostPort() + " went down");
-    if (properties_.reconnectRetries == 0) {
+              "broker " + broker->hostPort() + " went down");
+    if (properties.reconnectRetries == 0) {
         goDownLocked("reconnect retries exhausted");
         return;
     }
@@ -255,26 +255,26 @@ void Session::brokerWentDown() {
 
 void Session::scheduleReconnectLocked() {
     std::weak_ptr<Session> weak = weak_from_this();
-    const uint64_t epoch = epoch_;
-    Scheduler::instance().after(std::chrono::milliseconds(properties_.reconnectRetryWaitMs),
-                                [weak, epoch] {
+    const uint64_t attemptEpoch = epoch;
+    Scheduler::instance().after(std::chrono::milliseconds(properties.reconnectRetryWaitMs),
+                                [weak, attemptEpoch] {
                                     if (auto self = weak.lock()) {
-                                        self->reconnectTick(epoch);
+                                        self->reconnectTick(attemptEpoch);
                                     }
                                 });
 }
 
-void Session::reconnectTick(uint64_t epoch) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (epoch != epoch_ || state_.load() != State::RECONNECTING) {
+void Session::reconnectTick(uint64_t attemptEpoch) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (attemptEpoch != epoch || state.load() != State::RECONNECTING) {
         return;
     }
-    if (broker_->isUp() && loginRefusal().empty()) {
+    if (broker->isUp() && loginRefusal().empty()) {
         goUpLocked(true);
         return;
     }
-    ++attempts_;
-    if (properties_.reconnectRetries >= 0 && attempts_ >= properties_.reconnectRetries) {
+    ++attempts;
+    if (properties.reconnectRetries >= 0 && attempts >= properties.reconnectRetries) {
         goDownLocked("reconnect retries exhausted");
         return;
     }
@@ -282,29 +282,29 @@ void Session::reconnectTick(uint64_t epoch) {
 }
 
 void Session::goDownLocked(std::string const& reason) {
-    state_ = State::DOWN;
-    ++epoch_;
+    state = State::DOWN;
+    ++epoch;
     detachLocked(true);
-    for (auto& entry : flows_) {
+    for (auto& entry : flows) {
         entry.second->retire(SOLCLIENT_FLOW_EVENT_SESSION_DOWN);
     }
-    lastSubCode_ = SOLCLIENT_SUBCODE_COMMUNICATION_ERROR;
-    lastError_ = reason;
+    lastSubCode = SOLCLIENT_SUBCODE_COMMUNICATION_ERROR;
+    lastError = reason;
     failWaitersLocked(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, "session down: " + reason);
-    postEvent(SOLCLIENT_SESSION_EVENT_DOWN_ERROR, 0, lastError_);
-    stateChanged_.notify_all();
+    postEvent(SOLCLIENT_SESSION_EVENT_DOWN_ERROR, 0, lastError);
+    stateChanged.notify_all();
 }
 
 void Session::endedByBroker() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const State state = state_.load();
-    if (state != State::UP && state != State::RECONNECTING) {
+    std::lock_guard<std::mutex> lock(mutex);
+    const State current = state.load();
+    if (current != State::UP && current != State::RECONNECTING) {
         return;
     }
-    for (auto& entry : flows_) {
+    for (auto& entry : flows) {
         entry.second->connectionLost();
     }
-    goDownLocked("session refused by broker " + broker_->hostPort());
+    goDownLocked("session refused by broker " + broker->hostPort());
 }
 
 // ---- Blocking calls ----------------------------------------------------------------
@@ -314,18 +314,18 @@ solClient_returnCode_t Session::awaitAnswer(std::unique_lock<std::mutex>& lock,
                                             std::shared_ptr<Answer> const& answer,
                                             long long timeoutMs, std::string const& what) {
     std::weak_ptr<Session> weak = weak_from_this();
-    context_->post(this, subOwner, [weak, answer] {
+    eventContext->post(this, subOwner, [weak, answer] {
         if (auto self = weak.lock()) {
-            std::lock_guard<std::mutex> answered(self->mutex_);
+            std::lock_guard<std::mutex> answered(self->mutex);
             answer->done = true;
-            self->stateChanged_.notify_all();
+            self->stateChanged.notify_all();
         }
     });
-    waiting_.push_back(answer);
+    waiting.push_back(answer);
     Blocked blocked;
-    bool const answered = stateChanged_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                                 [&] { return answer->done; });
-    waiting_.erase(std::remove(waiting_.begin(), waiting_.end(), answer), waiting_.end());
+    bool const answered = stateChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                                [&] { return answer->done; });
+    waiting.erase(std::remove(waiting.begin(), waiting.end(), answer), waiting.end());
     if (!answered) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_TIMEOUT, what + " timed out");
     }
@@ -336,7 +336,7 @@ solClient_returnCode_t Session::awaitAnswer(std::unique_lock<std::mutex>& lock,
 }
 
 void Session::failWaitersLocked(int subCode, std::string const& text) {
-    for (auto& answer : waiting_) {
+    for (auto& answer : waiting) {
         if (!answer->done) {
             answer->done = true;
             answer->rc = SOLCLIENT_FAIL;
@@ -344,21 +344,21 @@ void Session::failWaitersLocked(int subCode, std::string const& text) {
             answer->text = text;
         }
     }
-    stateChanged_.notify_all();
+    stateChanged.notify_all();
 }
 
 solClient_returnCode_t Session::awaitUpLocked(std::unique_lock<std::mutex>& lock,
                                               TimePoint deadline, char const* what) {
     Blocked blocked;
-    bool const settled = stateChanged_.wait_until(lock, deadline, [this] {
-        const State state = state_.load();
-        return state != State::CONNECTING && state != State::RECONNECTING;
+    bool const settled = stateChanged.wait_until(lock, deadline, [this] {
+        const State current = state.load();
+        return current != State::CONNECTING && current != State::RECONNECTING;
     });
     if (!settled) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_TIMEOUT,
                                std::string(what) + " timed out while the session was connecting");
     }
-    if (state_.load() != State::UP) {
+    if (state.load() != State::UP) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                "session not established");
     }
@@ -367,16 +367,16 @@ solClient_returnCode_t Session::awaitUpLocked(std::unique_lock<std::mutex>& lock
 
 solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& lock,
                                                   TimePoint deadline) {
-    const size_t window = static_cast<size_t>(properties_.pubWindowSize);
+    const size_t window = static_cast<size_t>(properties.pubWindowSize);
     for (;;) {
-        const State state = state_.load();
-        if (state == State::CONNECTING || state == State::RECONNECTING) {
-            if (!properties_.blockWhileConnecting) {
+        const State current = state.load();
+        if (current == State::CONNECTING || current == State::RECONNECTING) {
+            if (!properties.blockWhileConnecting) {
                 return SOLCLIENT_OK;  // buffered until the session is up
             }
-            if (context_->onThread() || !properties_.sendBlocking) {
-                canSendOwed_ = canSendOwed_ || !properties_.sendBlocking;
-                return properties_.sendBlocking
+            if (eventContext->onThread() || !properties.sendBlocking) {
+                canSendOwed = canSendOwed || !properties.sendBlocking;
+                return properties.sendBlocking
                            ? ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                              "cannot block in a callback while connecting")
                            : ErrorInfo::fail(SOLCLIENT_SUBCODE_OK, "session is connecting",
@@ -388,26 +388,26 @@ solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& 
             }
             continue;
         }
-        if (state != State::UP) {
+        if (current != State::UP) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                    "session not established");
         }
         if (unackedLocked() < window) {
             return SOLCLIENT_OK;
         }
-        if (!properties_.sendBlocking) {
-            canSendOwed_ = true;
+        if (!properties.sendBlocking) {
+            canSendOwed = true;
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_OK, "publish window full",
                                    SOLCLIENT_WOULD_BLOCK);
         }
-        if (context_->onThread()) {
+        if (eventContext->onThread()) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                    "publish window full in a callback");
         }
-        ++windowWaits_;
+        ++_windowWaits;
         Blocked blocked;
-        bool const room = stateChanged_.wait_until(
-            lock, deadline, [&] { return state_.load() != State::UP || unackedLocked() < window; });
+        bool const room = stateChanged.wait_until(
+            lock, deadline, [&] { return state.load() != State::UP || unackedLocked() < window; });
         if (!room) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_TIMEOUT,
                                    "send timed out: publish window full");
@@ -416,40 +416,40 @@ solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& 
 }
 
 solClient_returnCode_t Session::disconnect() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const State state = state_.load();
-    if (state == State::IDLE || state == State::DOWN || state == State::DESTROYED) {
+    std::lock_guard<std::mutex> lock(mutex);
+    const State current = state.load();
+    if (current == State::IDLE || current == State::DOWN || current == State::DESTROYED) {
         return SOLCLIENT_OK;
     }
     detachLocked(true);
-    for (auto& entry : flows_) {
+    for (auto& entry : flows) {
         entry.second->retire(-1);
     }
-    state_ = State::IDLE;
-    ++epoch_;
+    state = State::IDLE;
+    ++epoch;
     failWaitersLocked(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, "session disconnected");
     return SOLCLIENT_OK;
 }
 
 std::vector<std::shared_ptr<Flow>> Session::destroy() {
-    std::vector<std::shared_ptr<Flow>> flows;
+    std::vector<std::shared_ptr<Flow>> closing;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        state_ = State::DESTROYED;
-        ++epoch_;
+        std::lock_guard<std::mutex> lock(mutex);
+        state = State::DESTROYED;
+        ++epoch;
         detachLocked(true);
-        for (auto& entry : flows_) {
-            flows.push_back(entry.second);
+        for (auto& entry : flows) {
+            closing.push_back(entry.second);
         }
-        flows_.clear();
-        pending_.clear();
+        flows.clear();
+        pending.clear();
         failWaitersLocked(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED, "session destroyed");
     }
-    for (auto& flow : flows) {
+    for (auto& flow : closing) {
         flow->destroy();
     }
-    context_->purge(this);
-    return flows;
+    eventContext->purge(this);
+    return closing;
 }
 
 // ---- Sending --------------------------------------------------------------------
@@ -476,36 +476,36 @@ solClient_returnCode_t Session::send(Message const& message) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_INVALID_TOPIC_SYNTAX,
                                    "invalid topic '" + destination + "'");
         }
-        const State state = state_.load();
-        if (state == State::CONNECTING || state == State::RECONNECTING) {
-            if (!properties_.blockWhileConnecting) {
+        const State current = state.load();
+        if (current == State::CONNECTING || current == State::RECONNECTING) {
+            if (!properties.blockWhileConnecting) {
                 return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                        "session is (re)connecting", SOLCLIENT_NOT_READY);
             }
-            if (context_->onThread() || !properties_.sendBlocking) {
-                std::lock_guard<std::mutex> lock(mutex_);
-                canSendOwed_ = canSendOwed_ || !properties_.sendBlocking;
-                return properties_.sendBlocking
+            if (eventContext->onThread() || !properties.sendBlocking) {
+                std::lock_guard<std::mutex> lock(mutex);
+                canSendOwed = canSendOwed || !properties.sendBlocking;
+                return properties.sendBlocking
                            ? ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                              "cannot block in a callback while connecting")
                            : ErrorInfo::fail(SOLCLIENT_SUBCODE_OK, "session is connecting",
                                              SOLCLIENT_WOULD_BLOCK);
             }
-            std::unique_lock<std::mutex> lock(mutex_);
+            std::unique_lock<std::mutex> lock(mutex);
             const solClient_returnCode_t rc =
                 awaitUpLocked(lock,
                               std::chrono::steady_clock::now() +
-                                  std::chrono::milliseconds(properties_.blockingWriteTimeoutMs),
+                                  std::chrono::milliseconds(properties.blockingWriteTimeoutMs),
                               "send");
             if (rc != SOLCLIENT_OK) {
                 return rc;
             }
-        } else if (state != State::UP) {
+        } else if (current != State::UP) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                    "session not established");
         }
         if (destination == DOWN_TOPIC) {
-            Library::instance().endSessions(broker_->hostPort());
+            Library::instance().endSessions(broker->hostPort());
             return SOLCLIENT_OK;
         }
         if (destination == DROP_TOPIC) {
@@ -519,26 +519,26 @@ solClient_returnCode_t Session::send(Message const& message) {
                 return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
                                        "#emulator/drop needs a decimal number of milliseconds");
             }
-            std::shared_ptr<Broker> broker = broker_;
-            broker->setUp(false);
+            std::shared_ptr<Broker> known = broker;
+            known->setUp(false);
             Scheduler::instance().after(std::chrono::milliseconds(ms),
-                                        [broker] { broker->setUp(true); });
+                                        [known] { known->setUp(true); });
             return SOLCLIENT_OK;
         }
-        vpn_->publish(destination, Message::snapshot(message));
+        vpn->publish(destination, Message::snapshot(message));
         return SOLCLIENT_OK;
     }
 
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex);
     const solClient_returnCode_t rc =
         awaitWindowLocked(lock, std::chrono::steady_clock::now() +
-                                    std::chrono::milliseconds(properties_.blockingWriteTimeoutMs));
+                                    std::chrono::milliseconds(properties.blockingWriteTimeoutMs));
     if (rc != SOLCLIENT_OK) {
         return rc;
     }
-    pending_.push_back(PendingSend{Message::snapshot(message), false});
-    if (state_.load() == State::UP) {
-        transmitLocked(std::prev(pending_.end()));
+    pending.push_back(PendingSend{Message::snapshot(message), false});
+    if (state.load() == State::UP) {
+        transmitLocked(std::prev(pending.end()));
     }  // else buffered (BLOCK_WHILE_CONNECTING "0"); transmitted when the session is up
     return SOLCLIENT_OK;
 }
@@ -547,16 +547,16 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
     void* tag = entry->message->correlationTag();
     if (entry->spooled) {
         postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag);
-        pending_.erase(entry);
+        pending.erase(entry);
         return;
     }
     std::shared_ptr<Queue> queue;
     if (entry->message->destinationType() == SOLCLIENT_QUEUE_DESTINATION ||
         entry->message->destinationType() == SOLCLIENT_QUEUE_TEMP_DESTINATION) {
-        queue = vpn_->queue(entry->message->destinationName());
+        queue = vpn->queue(entry->message->destinationName());
         if (!queue) {
             postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 503, "Unknown Queue", tag);
-            pending_.erase(entry);
+            pending.erase(entry);
             return;
         }
     }
@@ -564,7 +564,7 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
     if (mode == FaultInjector::AckMode::REJECT) {
         postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 400, "Rejected by the emulator",
                     tag);
-        pending_.erase(entry);
+        pending.erase(entry);
         return;
     }
     if (queue) {
@@ -575,37 +575,37 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
         return;
     }
     postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag);
-    pending_.erase(entry);
+    pending.erase(entry);
 }
 
 void Session::postSettled(solClient_session_event_t event, unsigned responseCode, std::string info,
                           void* correlation) {
     // The window slot frees only when the context thread processes the answer.
-    ++answersInFlight_;
+    ++answersInFlight;
     std::weak_ptr<Session> weak = weak_from_this();
-    context_->post(this, nullptr, [weak] {
+    eventContext->post(this, nullptr, [weak] {
         if (auto self = weak.lock()) {
-            std::lock_guard<std::mutex> lock(self->mutex_);
-            if (self->answersInFlight_ > 0) {
-                --self->answersInFlight_;
+            std::lock_guard<std::mutex> lock(self->mutex);
+            if (self->answersInFlight > 0) {
+                --self->answersInFlight;
             }
-            if (self->canSendOwed_ && self->state_.load() == State::UP &&
-                self->unackedLocked() < static_cast<size_t>(self->properties_.pubWindowSize)) {
-                self->canSendOwed_ = false;
+            if (self->canSendOwed && self->state.load() == State::UP &&
+                self->unackedLocked() < static_cast<size_t>(self->properties.pubWindowSize)) {
+                self->canSendOwed = false;
                 self->postEvent(SOLCLIENT_SESSION_EVENT_CAN_SEND, 0, "OK");
             }
-            self->stateChanged_.notify_all();
+            self->stateChanged.notify_all();
         }
     });
     postEvent(event, responseCode, std::move(info), correlation);
 }
 
 void Session::releaseWithheld() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (state_.load() != State::UP) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (state.load() != State::UP) {
         return;
     }
-    for (auto it = pending_.begin(); it != pending_.end();) {
+    for (auto it = pending.begin(); it != pending.end();) {
         auto next = std::next(it);
         if (it->spooled) {
             transmitLocked(it);
@@ -627,13 +627,13 @@ solClient_returnCode_t Session::changeSubscription(
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_INVALID_TOPIC_SYNTAX,
                                "invalid topic subscription '" + text + "'");
     }
-    solClient_session_rxMsgCallbackFunc_t callback = funcs_.rxMsgInfo.callback_p;
-    void* user = funcs_.rxMsgInfo.user_p;
+    solClient_session_rxMsgCallbackFunc_t callback = funcs.rxMsgInfo.callback_p;
+    void* user = funcs.rxMsgInfo.user_p;
     if (dispatch != nullptr && dispatch->callback_p != nullptr) {
         if (dispatch->dispatchType != SOLCLIENT_DISPATCH_TYPE_CALLBACK) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "unknown dispatch type");
         }
-        if (!properties_.topicDispatch) {
+        if (!properties.topicDispatch) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_CONFLICT,
                                    "a dispatch callback needs SESSION_TOPIC_DISPATCH \"1\"");
         }
@@ -642,31 +642,31 @@ solClient_returnCode_t Session::changeSubscription(
     }
     bool const wait = (flags & SOLCLIENT_SUBSCRIBE_FLAGS_WAITFORCONFIRM) != 0;
     bool const confirm = !wait && (flags & SOLCLIENT_SUBSCRIBE_FLAGS_REQUEST_CONFIRM) != 0;
-    if (wait && context_->onThread()) {
+    if (wait && eventContext->onThread()) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                "cannot wait for confirmation on the context thread");
     }
 
-    std::unique_lock<std::mutex> lock(mutex_);
-    State state = state_.load();
+    std::unique_lock<std::mutex> lock(mutex);
+    State current = state.load();
     auto const deadline = std::chrono::steady_clock::now() +
-                          std::chrono::milliseconds(properties_.subconfirmTimeoutMs);
-    if ((state == State::CONNECTING || state == State::RECONNECTING) &&
-        properties_.blockWhileConnecting && !context_->onThread()) {
+                          std::chrono::milliseconds(properties.subconfirmTimeoutMs);
+    if ((current == State::CONNECTING || current == State::RECONNECTING) &&
+        properties.blockWhileConnecting && !eventContext->onThread()) {
         const solClient_returnCode_t rc = awaitUpLocked(lock, deadline, "subscription change");
         if (rc != SOLCLIENT_OK) {
             return rc;
         }
-        state = state_.load();
+        current = state.load();
     }
-    if (state != State::UP && state != State::RECONNECTING) {
+    if (current != State::UP && current != State::RECONNECTING) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                "session not established");
     }
     // A confirm-waiting call returns once the context thread has processed
     // the broker's answer, refusals included.
     auto answered = [&](int subCode, std::string const& failure) {
-        if (!wait || state != State::UP) {
+        if (!wait || current != State::UP) {
             return subCode == 0 ? SOLCLIENT_OK : ErrorInfo::fail(subCode, failure);
         }
         auto answer = std::make_shared<Answer>();
@@ -690,19 +690,19 @@ solClient_returnCode_t Session::changeSubscription(
         return answered(refusal, subscriptionErrorText(refusal));
     }
     {
-        std::unique_lock<std::shared_mutex> subscriptionsLock(subscriptionsMutex_);
-        auto found = subscriptions_.end();
-        for (auto it = subscriptions_.begin(); it != subscriptions_.end(); ++it) {
+        std::unique_lock<std::shared_mutex> subscriptionsLock(subscriptionsMutex);
+        auto found = subscriptions.end();
+        for (auto it = subscriptions.begin(); it != subscriptions.end(); ++it) {
             if (it->matcher.text() == text && it->callback == callback && it->user == user) {
                 found = it;
                 break;
             }
         }
-        if (add && found == subscriptions_.end()) {
-            subscriptions_.push_back(Subscription{TopicMatcher(text), callback, user});
-        } else if (!add && found != subscriptions_.end()) {
-            subscriptions_.erase(found);
-        } else if (!properties_.ignoreDupSubscriptionError) {
+        if (add && found == subscriptions.end()) {
+            subscriptions.push_back(Subscription{TopicMatcher(text), callback, user});
+        } else if (!add && found != subscriptions.end()) {
+            subscriptions.erase(found);
+        } else if (!properties.ignoreDupSubscriptionError) {
             int const subCode = add ? SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT
                                     : SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND;
             subscriptionsLock.unlock();
@@ -718,21 +718,21 @@ solClient_returnCode_t Session::changeSubscription(
 
 void Session::deliverDirect(std::string const& topic,
                             std::shared_ptr<const Message> const& message) {
-    std::shared_lock<std::shared_mutex> lock(subscriptionsMutex_);
-    if (!receiving_) {
+    std::shared_lock<std::shared_mutex> lock(subscriptionsMutex);
+    if (!receiving) {
         return;
     }
     // One delivery per distinct callback, however many of its subscriptions match.
     std::set<std::pair<solClient_session_rxMsgCallbackFunc_t, void*>> served;
     void* handle = this;
-    for (Subscription const& subscription : subscriptions_) {
+    for (Subscription const& subscription : subscriptions) {
         if (subscription.callback == nullptr || !subscription.matcher.matches(topic) ||
             !served.emplace(subscription.callback, subscription.user).second) {
             continue;
         }
         auto callback = subscription.callback;
         void* user = subscription.user;
-        context_->post(this, nullptr, [message, callback, user, handle] {
+        eventContext->post(this, nullptr, [message, callback, user, handle] {
             std::unique_ptr<Message> copy = Message::deliveryCopy(*message);
             if (callback(handle, copy.get(), user) == SOLCLIENT_CALLBACK_TAKE_MSG) {
                 static_cast<void>(copy.release());  // the application frees it with msg_free
@@ -743,38 +743,38 @@ void Session::deliverDirect(std::string const& topic,
 
 // ---- Flows ------------------------------------------------------------------------
 
-solClient_returnCode_t Session::createFlow(FlowProperties const& properties,
-                                           solClient_flow_createFuncInfo_t const& funcs,
+solClient_returnCode_t Session::createFlow(FlowProperties const& parsed,
+                                           solClient_flow_createFuncInfo_t const& callbacks,
                                            std::shared_ptr<Flow>& flow) {
-    if (properties.bindBlocking && context_->onThread()) {
+    if (parsed.bindBlocking && eventContext->onThread()) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                "cannot bind a flow blocking in a callback");
     }
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (state_.load() != State::UP) {
+    std::unique_lock<std::mutex> lock(mutex);
+    if (state.load() != State::UP) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                "session not established");
     }
-    std::shared_ptr<Queue> queue = vpn_->queue(properties.queueName);
+    std::shared_ptr<Queue> queue = vpn->queue(parsed.queueName);
     auto answer = std::make_shared<Answer>();
-    if (properties.bindBlocking && !queue) {
+    if (parsed.bindBlocking && !queue) {
         // Refused: no flow is created, once the broker's answer is in.
         answer->rc = SOLCLIENT_FAIL;
         answer->subCode = SOLCLIENT_SUBCODE_QUEUE_NOT_FOUND;
-        answer->text = "Unknown Queue '" + properties.queueName + "'";
-        return awaitAnswer(lock, nullptr, answer, properties.bindTimeoutMs, "flow bind");
+        answer->text = "Unknown Queue '" + parsed.queueName + "'";
+        return awaitAnswer(lock, nullptr, answer, parsed.bindTimeoutMs, "flow bind");
     }
-    flow = std::make_shared<Flow>(context_, this, properties, funcs);
-    flows_.emplace(flow.get(), flow);
+    flow = std::make_shared<Flow>(eventContext, this, parsed, callbacks);
+    flows.emplace(flow.get(), flow);
     flow->bind(queue);  // non-blocking and unknown: BIND_FAILED_ERROR follows
-    if (!properties.bindBlocking) {
+    if (!parsed.bindBlocking) {
         return SOLCLIENT_IN_PROGRESS;
     }
     // Returns once the context thread has run the flow's UP_NOTICE.
     const solClient_returnCode_t rc =
-        awaitAnswer(lock, flow.get(), answer, properties.bindTimeoutMs, "flow bind");
+        awaitAnswer(lock, flow.get(), answer, parsed.bindTimeoutMs, "flow bind");
     if (rc != SOLCLIENT_OK) {
-        flows_.erase(flow.get());
+        flows.erase(flow.get());
         lock.unlock();
         const std::string text = ErrorInfo::current()->errorStr;
         int const subCode = ErrorInfo::current()->subCode;
@@ -786,23 +786,23 @@ solClient_returnCode_t Session::createFlow(FlowProperties const& properties,
 }
 
 void Session::forgetFlow(Flow const* flow) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    flows_.erase(flow);
+    std::lock_guard<std::mutex> lock(mutex);
+    flows.erase(flow);
 }
 
 void Session::postEvent(solClient_session_event_t event, unsigned responseCode, std::string info,
                         void* correlation) {
-    auto callback = funcs_.eventInfo.callback_p;
+    auto callback = funcs.eventInfo.callback_p;
     if (callback == nullptr) {
         return;
     }
-    void* user = funcs_.eventInfo.user_p;
+    void* user = funcs.eventInfo.user_p;
     void* handle = this;
-    context_->post(this, nullptr, [=, info = std::move(info)] {
+    eventContext->post(this, nullptr, [=, info = std::move(info)] {
         solClient_session_eventCallbackInfo_t record{event, responseCode, info.c_str(),
                                                      correlation};
         callback(handle, &record, user);
     });
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -16,7 +16,7 @@
 #include "solclient/SolClientABI.h"
 #include "TopicMatcher.h"
 
-namespace solemu {
+namespace SolEmu {
 
 class Broker;
 class Context;
@@ -44,12 +44,12 @@ class Session : public std::enable_shared_from_this<Session> {
     ~Session();
 
     void* handle() { return this; }
-    std::shared_ptr<Context> const& context() const { return context_; }
+    std::shared_ptr<Context> const& context() const { return eventContext; }
 
     // Calls blocked in any session now, and sends that have waited for room in
     // a full publish window so far (for tests that want to know they hit it).
-    static long blockedNow() { return blocked_.load(); }
-    static long windowWaits() { return windowWaits_.load(); }
+    static long blockedNow() { return _blocked.load(); }
+    static long windowWaits() { return _windowWaits.load(); }
 
     solClient_returnCode_t connect();
     solClient_returnCode_t disconnect();
@@ -73,7 +73,7 @@ class Session : public std::enable_shared_from_this<Session> {
     void releaseWithheld();
     // The broker ends the session outright: DOWN_ERROR, no reconnecting.
     void endedByBroker();
-    std::string const& hostPort() const { return properties_.hostPort; }
+    std::string const& hostPort() const { return properties.hostPort; }
 
   private:
     enum State : int { IDLE, CONNECTING, UP, RECONNECTING, DOWN, DESTROYED };
@@ -105,7 +105,7 @@ class Session : public std::enable_shared_from_this<Session> {
     void goUpLocked(bool reconnected);
     void goDownLocked(std::string const& reason);
     // Posts the completion of `answer` to the context thread and waits for
-    // it (mutex_ held by `lock`); a time-out fails with TIMEOUT.
+    // it (mutex held by `lock`); a time-out fails with TIMEOUT.
     solClient_returnCode_t awaitAnswer(std::unique_lock<std::mutex>& lock, void const* subOwner,
                                        std::shared_ptr<Answer> const& answer, long long timeoutMs,
                                        std::string const& what);
@@ -117,7 +117,7 @@ class Session : public std::enable_shared_from_this<Session> {
     // The guaranteed publish window: FAIL, WOULD_BLOCK or OK once it has room.
     solClient_returnCode_t awaitWindowLocked(std::unique_lock<std::mutex>& lock,
                                              TimePoint deadline);
-    size_t unackedLocked() const { return pending_.size() + answersInFlight_; }
+    size_t unackedLocked() const { return pending.size() + answersInFlight; }
     void postSettled(solClient_session_event_t event, unsigned responseCode, std::string info,
                      void* correlation);
     void detachLocked(bool clearSubscriptions);
@@ -128,36 +128,36 @@ class Session : public std::enable_shared_from_this<Session> {
 
     // Counts a blocked call for as long as it lives.
     struct Blocked {
-        Blocked() { ++blocked_; }
-        ~Blocked() { --blocked_; }
+        Blocked() { ++_blocked; }
+        ~Blocked() { --_blocked; }
         Blocked(Blocked const&) = delete;
         Blocked& operator=(Blocked const&) = delete;
     };
-    static std::atomic<long> blocked_;
-    static std::atomic<long> windowWaits_;
+    static std::atomic<long> _blocked;
+    static std::atomic<long> _windowWaits;
 
-    const std::shared_ptr<Context> context_;
-    const SessionProperties properties_;
-    const solClient_session_createFuncInfo_t funcs_;
-    const std::shared_ptr<Broker> broker_;
-    const std::shared_ptr<MessageVpn> vpn_;
+    const std::shared_ptr<Context> eventContext;
+    const SessionProperties properties;
+    const solClient_session_createFuncInfo_t funcs;
+    const std::shared_ptr<Broker> broker;
+    const std::shared_ptr<MessageVpn> vpn;
 
-    std::mutex mutex_;
-    std::condition_variable stateChanged_;
-    std::atomic<State> state_{State::IDLE};
-    uint64_t epoch_ = 0;  // bumped on every connection change; stale timers see it
-    long long attempts_ = 0;
-    int lastSubCode_ = 0;
-    std::string lastError_;
-    std::map<Flow const*, std::shared_ptr<Flow>> flows_;
-    std::list<PendingSend> pending_;
-    size_t answersInFlight_ = 0;  // acknowledgements posted, not yet processed
-    bool canSendOwed_ = false;    // a WOULD_BLOCK was returned; CAN_SEND follows
-    std::vector<std::shared_ptr<Answer>> waiting_;
+    std::mutex mutex;
+    std::condition_variable stateChanged;
+    std::atomic<State> state{State::IDLE};
+    uint64_t epoch = 0;  // bumped on every connection change; stale timers see it
+    long long attempts = 0;
+    int lastSubCode = 0;
+    std::string lastError;
+    std::map<Flow const*, std::shared_ptr<Flow>> flows;
+    std::list<PendingSend> pending;
+    size_t answersInFlight = 0;  // acknowledgements posted, not yet processed
+    bool canSendOwed = false;    // a WOULD_BLOCK was returned; CAN_SEND follows
+    std::vector<std::shared_ptr<Answer>> waiting;
 
-    mutable std::shared_mutex subscriptionsMutex_;
-    std::vector<Subscription> subscriptions_;
-    bool receiving_ = false;
+    mutable std::shared_mutex subscriptionsMutex;
+    std::vector<Subscription> subscriptions;
+    bool receiving = false;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -2,7 +2,7 @@
 
 #include <set>
 
-namespace solemu {
+namespace SolEmu {
 
 namespace {
 
@@ -152,4 +152,4 @@ bool SessionProperties::parse(PropertyList const& list, std::string& error) {
     return true;
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

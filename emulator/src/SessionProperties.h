@@ -4,7 +4,7 @@
 
 #include "PropertyList.h"
 
-namespace solemu {
+namespace SolEmu {
 
 // A session property list, checked and parsed. Unknown names and malformed
 // values are refused with a text naming the property, so that a caller's
@@ -38,4 +38,4 @@ class SessionProperties {
     long long subconfirmTimeoutMs = 10000;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu

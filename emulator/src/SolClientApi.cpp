@@ -16,10 +16,10 @@
 #include "Message.h"
 #include "Session.h"
 
-using solemu::ErrorInfo;
-using solemu::FaultInjector;
-using solemu::Library;
-using solemu::Message;
+using SolEmu::ErrorInfo;
+using SolEmu::FaultInjector;
+using SolEmu::Library;
+using SolEmu::Message;
 
 namespace {
 

@@ -16,10 +16,10 @@
 #include "Message.h"
 #include "Session.h"
 
-using solemu::BrokerRegistry;
-using solemu::Context;
-using solemu::FaultInjector;
-using solemu::Library;
+using SolEmu::BrokerRegistry;
+using SolEmu::Context;
+using SolEmu::FaultInjector;
+using SolEmu::Library;
 
 namespace {
 
@@ -110,15 +110,15 @@ void solEmu_endSessions(char const* hostPort) {
 }
 
 long solEmu_blockedCalls(void) {
-    return solemu::Session::blockedNow();
+    return SolEmu::Session::blockedNow();
 }
 
 long solEmu_windowWaits(void) {
-    return solemu::Session::windowWaits();
+    return SolEmu::Session::windowWaits();
 }
 
 long solEmu_liveMessages(void) {
-    return solemu::Message::live();
+    return SolEmu::Message::live();
 }
 
 size_t solEmu_lastSessionProperties(char* buffer, size_t size) {
@@ -134,7 +134,7 @@ long solEmu_liveSessions(void) {
 }
 
 int solEmu_msgIsRedelivered(void* msg) {
-    solemu::Message const* found = solemu::Message::fromHandle(msg);
+    SolEmu::Message const* found = SolEmu::Message::fromHandle(msg);
     return found == nullptr ? -1 : (found->redelivered() ? 1 : 0);
 }
 

@@ -1,6 +1,6 @@
 #include "TopicMatcher.h"
 
-namespace solemu {
+namespace SolEmu {
 
 namespace {
 
@@ -56,18 +56,18 @@ bool TopicMatcher::isValidTopic(std::string const& topic) {
     return true;
 }
 
-TopicMatcher::TopicMatcher(std::string const& subscription) : text_(subscription) {
-    const std::vector<std::string> levels = splitLevels(subscription);
-    for (size_t i = 0; i < levels.size(); ++i) {
-        std::string const& level = levels[i];
-        if (level == ">" && i + 1 == levels.size()) {
-            levels_.push_back({Kind::REST, std::string()});
+TopicMatcher::TopicMatcher(std::string const& subscription) : pattern(subscription) {
+    const std::vector<std::string> parts = splitLevels(subscription);
+    for (size_t i = 0; i < parts.size(); ++i) {
+        std::string const& level = parts[i];
+        if (level == ">" && i + 1 == parts.size()) {
+            levels.push_back({Kind::REST, std::string()});
         } else if (level == "*") {
-            levels_.push_back({Kind::ANY_LEVEL, std::string()});
+            levels.push_back({Kind::ANY_LEVEL, std::string()});
         } else if (!level.empty() && level.back() == '*') {
-            levels_.push_back({Kind::PREFIX, level.substr(0, level.size() - 1)});
+            levels.push_back({Kind::PREFIX, level.substr(0, level.size() - 1)});
         } else {
-            levels_.push_back({Kind::LITERAL, level});
+            levels.push_back({Kind::LITERAL, level});
         }
     }
 }
@@ -75,7 +75,7 @@ TopicMatcher::TopicMatcher(std::string const& subscription) : text_(subscription
 bool TopicMatcher::matches(std::string const& topic) const {
     size_t pos = 0;  // start of the current topic level
     bool exhausted = topic.empty();
-    for (Level const& level : levels_) {
+    for (Level const& level : levels) {
         if (exhausted) {
             return false;
         }
@@ -113,4 +113,4 @@ bool TopicMatcher::matches(std::string const& topic) const {
     return exhausted;
 }
 
-}  // namespace solemu
+}  // namespace SolEmu

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-namespace solemu {
+namespace SolEmu {
 
 // A compiled topic subscription in the vendor's grammar: levels separated by
 // "/", a level "*" matches exactly one level, "ab*" matches a level starting
@@ -21,7 +21,7 @@ class TopicMatcher {
     explicit TopicMatcher(std::string const& subscription);
 
     bool matches(std::string const& topic) const;
-    std::string const& text() const { return text_; }
+    std::string const& text() const { return pattern; }
 
   private:
     enum Kind : int { LITERAL, ANY_LEVEL, PREFIX, REST };
@@ -29,8 +29,8 @@ class TopicMatcher {
         Kind kind;
         std::string text;  // literal text, or the prefix before "*"
     };
-    std::string text_;
-    std::vector<Level> levels_;
+    std::string pattern;
+    std::vector<Level> levels;
 };
 
-}  // namespace solemu
+}  // namespace SolEmu
