@@ -1,7 +1,7 @@
 #include <atomic>
 #include <future>
 
-#include "EmulatorTest.h"
+#include "Harness.h"
 
 namespace {
 

@@ -1,8 +1,7 @@
 #include <algorithm>
-#include <atomic>
 #include <set>
 
-#include "EmulatorTest.h"
+#include "Harness.h"
 
 namespace {
 
@@ -108,28 +107,6 @@ TEST_F(DirectMessaging, TakenMessagesStayValidUntilFreed) {
     solClient_uint32_t size = 0;
     ASSERT_EQ(SOLCLIENT_OK, solClient_msg_getBinaryAttachmentPtr(taken[0], &data, &size));
     EXPECT_EQ("held payload", std::string(static_cast<char*>(data), size));
-}
-
-TEST_F(DirectMessaging, WaitingForConfirmationOnTheContextThreadIsRefused) {
-    auto session = harness.connected(hostPort);
-    static std::atomic<int> rc{1}, subCode{-1};
-    solClient_session_rxMsgDispatchFuncInfo_t dispatch{
-        SOLCLIENT_DISPATCH_TYPE_CALLBACK,
-        [](solClient_opaqueSession_pt s, solClient_opaqueMsg_pt, void*) {
-            rc = solClient_session_topicSubscribeWithDispatch(s, 0x12, "inner", nullptr, nullptr);
-            subCode = solClient_getLastErrorInfo()->subCode;
-            return SOLCLIENT_CALLBACK_OK;
-        },
-        nullptr, nullptr};
-    ASSERT_EQ(SOLCLIENT_OK, solClient_session_topicSubscribeWithDispatch(session, 0x12, "outer",
-                                                                         &dispatch, nullptr));
-    ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "outer", "go"));
-    int tag = 0;
-    ASSERT_EQ(SOLCLIENT_OK, harness.subscribe(session, "done", &tag));
-    ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "done", ""));
-    ASSERT_TRUE(harness.waitForMessages(1, &tag));
-    EXPECT_EQ(SOLCLIENT_FAIL, rc.load());
-    EXPECT_EQ(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT, subCode.load());
 }
 
 TEST_F(DirectMessaging, MessageAccessorsAndSendLimits) {

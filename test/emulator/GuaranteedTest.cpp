@@ -1,6 +1,6 @@
 #include <cstring>
 
-#include "EmulatorTest.h"
+#include "Harness.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include <map>
 
-#include "EmulatorTest.h"
+#include "Harness.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "EmulatorTest.h"
+#include "Harness.h"
 
 namespace {
 

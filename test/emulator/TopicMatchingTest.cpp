@@ -1,4 +1,4 @@
-#include "EmulatorTest.h"
+#include "Harness.h"
 
 namespace {
 

@@ -70,8 +70,10 @@ test('publishing through a ' + OUTAGE_MS / 1000 + ' s broker outage: every publi
       var key = (p.qos === 2 ? 'guaranteed ' : 'direct ') + (p.answers[0] === null ? 'completed' : 'error: ' + p.answers[0]);
       outcomes[key] = (outcomes[key] || 0) + 1;
     });
-    // Connected, reconnecting, reconnected: the outage was seen.
+    // Connected, reconnecting, reconnected: the outage was seen as connection-state events only.
     assert.ok(c.events.some(function (e) { return e[0] === 1 && e[1] === 2; }), 'no reconnecting event');
+    assert.ok(c.events.every(function (e) { return e[0] === 1 && e[2] === ''; }), JSON.stringify(c.events));
+    assert.deepStrictEqual([c.events[c.events.length - 1][1], c.client.getConnectionState()], [3, 3]);
     console.log('outage report: ' + JSON.stringify({
       roundTripUs: Number(process.env.SOLCLIENT_EMULATOR_ROUND_TRIP_US || 0),
       outageMs: OUTAGE_MS,

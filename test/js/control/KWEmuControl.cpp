@@ -65,13 +65,6 @@ NAN_METHOD(SetBrokerUp) {
     }
 }
 
-NAN_METHOD(RefuseSubscriptions) {
-    if (auto fn = lookup<void (*)(char const*, int)>("refuseSubscriptions")) {
-        std::string const topic = text(info[0]);
-        fn(info[0]->IsString() ? topic.c_str() : nullptr, number(info[1]));
-    }
-}
-
 // solEmu_<name>(arg): its result as a number, or undefined for a void one.
 template <typename Result, typename Arg>
 void callWith(Nan::NAN_METHOD_ARGS_TYPE info, char const* name, Arg arg) {
@@ -86,9 +79,6 @@ void callWith(Nan::NAN_METHOD_ARGS_TYPE info, char const* name, Arg arg) {
 
 NAN_METHOD(SetAckMode) {
     callWith<void>(info, "setAckMode", number(info[0]));
-}
-NAN_METHOD(HoldDeliveries) {
-    callWith<void>(info, "holdDeliveries", number(info[0]));
 }
 NAN_METHOD(AddQueue) {
     callWith<int>(info, "addQueue", text(info[0]).c_str());
@@ -105,15 +95,10 @@ NAN_MODULE_INIT(InitControl) {
         char const* name;
         Nan::FunctionCallback fn;
     };
-    Method const methods[] = {{"count", Count},
-                              {"failNext", FailNext},
-                              {"setBrokerUp", SetBrokerUp},
-                              {"refuseSubscriptions", RefuseSubscriptions},
-                              {"setAckMode", SetAckMode},
-                              {"holdDeliveries", HoldDeliveries},
-                              {"addQueue", AddQueue},
-                              {"removeQueue", RemoveQueue},
-                              {"queueDepth", QueueDepth}};
+    Method const methods[] = {
+        {"count", Count},           {"failNext", FailNext}, {"setBrokerUp", SetBrokerUp},
+        {"setAckMode", SetAckMode}, {"addQueue", AddQueue}, {"removeQueue", RemoveQueue},
+        {"queueDepth", QueueDepth}};
     for (Method const& method : methods) {
         Nan::SetMethod(target, method.name, method.fn);
     }
