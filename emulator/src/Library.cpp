@@ -149,11 +149,11 @@ solClient_returnCode_t Library::cleanup() {
 }
 
 bool Library::checkInitialized() const {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (!initialized) {
+    bool const ready = initialized.load(std::memory_order_acquire);
+    if (!ready) {
         ErrorInfo::set(SOLCLIENT_SUBCODE_INIT_NOT_CALLED, 0, "solClient_initialize not called");
     }
-    return initialized;
+    return ready;
 }
 
 solClient_returnCode_t Library::createContext(solClient_propertyArray_pt props, void** handle) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -75,7 +76,8 @@ class Library {
     bool loadEnvironment();
 
     mutable std::mutex mutex;
-    bool initialized = false;
+    // Written under mutex, read without it: every vendor call checks it.
+    std::atomic<bool> initialized{false};
     bool environmentLoaded = false;
     std::string lastSessionPropertyText;
     std::string lastFlowPropertyText;

@@ -414,8 +414,10 @@ solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& 
         }
         ++_windowWaits;
         Blocked blocked;
+        ++windowWaiters;
         bool const room = stateChanged.wait_until(
             lock, deadline, [&] { return state.load() != State::UP || unackedLocked() < window; });
+        --windowWaiters;
         if (!room) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_TIMEOUT,
                                    "send timed out: publish window full");
@@ -532,6 +534,8 @@ solClient_returnCode_t Session::send(Message const& message) {
         return SOLCLIENT_OK;
     }
 
+    // Copied before the lock, which the context thread needs to free window slots.
+    std::shared_ptr<const Message> copy = Message::snapshot(message);
     std::unique_lock<std::mutex> lock(mutex);
     const solClient_returnCode_t rc =
         awaitWindowLocked(lock, std::chrono::steady_clock::now() +
@@ -539,7 +543,7 @@ solClient_returnCode_t Session::send(Message const& message) {
     if (rc != SOLCLIENT_OK) {
         return rc;
     }
-    pending.push_back(PendingSend{Message::snapshot(message), false});
+    pending.push_back(PendingSend{std::move(copy), false});
     if (state.load() == State::UP) {
         transmitLocked(std::prev(pending.end()));
     }  // else buffered (BLOCK_WHILE_CONNECTING "0"); transmitted when the session is up
@@ -583,24 +587,44 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
 
 void Session::postSettled(solClient_session_event_t event, unsigned responseCode, std::string info,
                           void* correlation) {
-    // The window slot frees only when the context thread processes the answer.
+    // The window slot frees only when the context thread processes the answer,
+    // right before the answer's event: one post for both, which ran as two in a row.
     ++answersInFlight;
     std::weak_ptr<Session> weak = weak_from_this();
-    eventContext->post(this, nullptr, [weak] {
+    auto callback = funcs.eventInfo.callback_p;
+    void* user = funcs.eventInfo.user_p;
+    void* handle = this;
+    eventContext->post(this, nullptr, [=, info = std::move(info)] {
         if (auto self = weak.lock()) {
-            std::lock_guard<std::mutex> lock(self->mutex);
-            if (self->answersInFlight > 0) {
-                --self->answersInFlight;
-            }
-            if (self->canSendOwed && self->state.load() == State::UP &&
-                self->unackedLocked() < static_cast<size_t>(self->properties.pubWindowSize)) {
-                self->canSendOwed = false;
-                self->postEvent(SOLCLIENT_SESSION_EVENT_CAN_SEND, 0, "OK");
-            }
-            self->stateChanged.notify_all();
+            self->freeWindowSlot();
+        }
+        if (callback != nullptr) {
+            solClient_session_eventCallbackInfo_t record{event, responseCode, info.c_str(),
+                                                         correlation};
+            callback(handle, &record, user);
         }
     });
-    postEvent(event, responseCode, std::move(info), correlation);
+}
+
+void Session::freeWindowSlot() {
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (answersInFlight > 0) {
+            --answersInFlight;
+        }
+        if (canSendOwed && state.load() == State::UP &&
+            unackedLocked() < static_cast<size_t>(properties.pubWindowSize)) {
+            canSendOwed = false;
+            postEvent(SOLCLIENT_SESSION_EVENT_CAN_SEND, 0, "OK");
+        }
+        wake = windowWaiters > 0;
+    }
+    // Only a send waiting for room waits on a slot; woken after the unlock, it
+    // finds the mutex free.
+    if (wake) {
+        stateChanged.notify_all();
+    }
 }
 
 void Session::releaseWithheld() {

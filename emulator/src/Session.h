@@ -123,6 +123,8 @@ class Session : public std::enable_shared_from_this<Session> {
     solClient_returnCode_t awaitWindowLocked(std::unique_lock<std::mutex>& lock,
                                              TimePoint deadline);
     size_t unackedLocked() const { return pending.size() + answersInFlight; }
+    // The context thread has processed an answer: its window slot is free.
+    void freeWindowSlot();
     void postSettled(solClient_session_event_t event, unsigned responseCode, std::string info,
                      void* correlation);
     void detachLocked(bool clearSubscriptions);
@@ -157,6 +159,7 @@ class Session : public std::enable_shared_from_this<Session> {
     std::map<Flow const*, std::shared_ptr<Flow>> flows;
     std::list<PendingSend> pending;
     size_t answersInFlight = 0;  // acknowledgements posted, not yet processed
+    int windowWaiters = 0;       // sends waiting for room in the publish window
     bool canSendOwed = false;    // a WOULD_BLOCK was returned; CAN_SEND follows
     std::vector<std::shared_ptr<Answer>> waiting;
 

@@ -1,5 +1,7 @@
 #include "KWClient/KWNodeClient.h"
 
+#include <optional>
+
 #include "KWClient/KWBoundary.h"
 #include "KWClient/KWDoneCallback.h"
 #include "KWClient/KWEventHandler.h"
@@ -61,14 +63,18 @@ Shape shapeOf(Nan::FunctionCallbackInfo<v8::Value> const& info) {
     return shape;
 }
 
-// The bytes of a string (UTF-8), of any ArrayBuffer view (Buffer, typed
-// array, DataView) or of a whole ArrayBuffer, copied; null for anything else.
-// Node 6 counts only Uint8Arrays as Buffers, so views are read through V8 for
-// the same set on every line.
-std::shared_ptr<KW::DataPacket> packetOf(v8::Local<v8::Value> value) {
+// Where the bytes of a payload are: a string's UTF-8 (held by `text`), any
+// ArrayBuffer view (Buffer, typed array, DataView) or a whole ArrayBuffer;
+// false for anything else. Valid until the calling method returns. Node 6
+// counts only Uint8Arrays as Buffers, so views are read through V8 for the
+// same set on every line.
+bool bytesOf(v8::Local<v8::Value> value, std::optional<Nan::Utf8String>& text, char const*& data,
+             unsigned long& size) {
     if (value->IsString()) {
-        Nan::Utf8String text(value);
-        return KW::DataPacket::create(*text, static_cast<unsigned long>(text.length()));
+        text.emplace(value);
+        data = **text;
+        size = static_cast<unsigned long>(text->length());
+        return true;
     }
     if (value->IsArrayBuffer()) {
         v8::Local<v8::ArrayBuffer> buffer = value.As<v8::ArrayBuffer>();
@@ -76,9 +82,11 @@ std::shared_ptr<KW::DataPacket> packetOf(v8::Local<v8::Value> value) {
     }
     if (value->IsArrayBufferView()) {
         Nan::TypedArrayContents<char> bytes(value);
-        return KW::DataPacket::create(*bytes, static_cast<unsigned long>(bytes.length()));
+        data = *bytes;
+        size = static_cast<unsigned long>(bytes.length());
+        return true;
     }
-    return nullptr;
+    return false;
 }
 
 // Throws the error of the last failed argument check, if there was one.
@@ -285,15 +293,16 @@ NAN_METHOD(KWNodeClient::Publish) {
     std::string const topic = KWBoundary::toString(info[0]);
     std::shared_ptr<KW::Reference> reference = KW::Reference::NONE;
     KW::QOS::Enum qos = KW::QOS::AT_MOST_ONCE;
-    std::shared_ptr<KW::DataPacket> packet;
+    std::optional<Nan::Utf8String> text;
+    char const* bytes = nullptr;
+    unsigned long size = 0;
     if (n < 2) {
         // Carries on with no payload: the library sends a message without one.
         argumentError = "Messaging Client Publish: payload parameter missing";
     } else {
         Shape const shape = shapeOf(info);
         qos = shape.qos;
-        packet = packetOf(info[shape.subject]);
-        if (!packet) {
+        if (!bytesOf(info[shape.subject], text, bytes, size)) {
             Nan::ThrowError(PAYLOAD_TYPE_ERROR);
             return;
         }
@@ -304,7 +313,16 @@ NAN_METHOD(KWNodeClient::Publish) {
         return;
     }
     try {
-        client->publish(packet, topic, qos, reference, false);
+        if (size != 0) {
+            // Copied only if the send is queued, not for one sent during this call.
+            client->publishBytes(bytes, size, topic, qos, reference);
+        } else {
+            std::shared_ptr<KW::DataPacket> packet;
+            if (n >= 2) {
+                packet = KW::DataPacket::create(bytes, 0);  // an empty payload, still attached
+            }
+            client->publish(packet, topic, qos, reference, false);
+        }
     } catch (KW::Exception& e) {
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Publish error: ", e);
         return;

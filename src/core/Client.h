@@ -22,6 +22,11 @@ class Client {
     virtual void disconnect(unsigned long wait) = 0;
     virtual bool publish(std::shared_ptr<DataPacket> payload, std::string const& topic,
                          QOS::Enum qos, std::shared_ptr<Reference> reference, bool flag) = 0;
+    // A synchronous publish (flag false) of bytes the caller keeps valid only until the call
+    // returns. Added for speed: a library that sends on the calling thread can read them in
+    // place and copy only what it queues; by default they are copied into a packet first.
+    virtual bool publishBytes(void const* data, unsigned long size, std::string const& topic,
+                              QOS::Enum qos, std::shared_ptr<Reference> reference);
     virtual bool forward(std::shared_ptr<Message> message, std::string const& topic, QOS::Enum qos,
                          std::shared_ptr<Reference> reference, bool flag) = 0;
     virtual bool subscribe(std::shared_ptr<MessageHandler> handler, std::string const& topic,

@@ -20,11 +20,11 @@ class Sending : public AdapterTest {
         EXPECT_EQ(outcomes.size(), 1u);
         return outcomes.empty() ? Event{FAULT} : outcomes[0];
     }
-    // Publishes its topic as payload with a fresh tag, expecting publish to
-    // return accepted, and gives the outcome.
+    // Publishes its topic as payload (lent for the call only) with a fresh tag,
+    // expecting publish to return accepted, and gives the outcome.
     Event send(std::string const& topic, QOS::Enum qos, bool accepted = true) {
         auto tag = std::make_shared<Tag>(0);
-        EXPECT_EQ(client->publish(packet(topic), topic, qos, tag, false), accepted);
+        EXPECT_EQ(client->publishBytes(topic.data(), topic.size(), topic, qos, tag), accepted);
         return outcomeOf(tag);
     }
     std::size_t pending() { return sessionOf(client).getPendingCount(); }
@@ -111,7 +111,10 @@ TEST_F(Sending, SendsThatTheLibraryWouldHoldWaitOnTheWorkerNotOnTheCaller) {
     // this thread brings back: returning at all shows that they waited elsewhere.
     auto direct = std::make_shared<Tag>(1);
     auto guaranteed = std::make_shared<Tag>(2);
-    EXPECT_TRUE(client->publish(packet("later"), "later", AMO, direct, false));
+    // A queued send keeps its own copy of bytes the caller lends only for the call.
+    std::string lent = "later";
+    EXPECT_TRUE(client->publishBytes(lent.data(), lent.size(), "later", AMO, direct));
+    lent.assign("spoilt");
     EXPECT_TRUE(client->publish(packet("kept"), "orders", GUARANTEED, guaranteed, false));
     EXPECT_TRUE(events->where([&](Event const& e) { return e.reference == direct; }).empty());
     solEmu_setBrokerUp(HOST_PORT, 1);

@@ -34,6 +34,13 @@ bool Client::publish(std::shared_ptr<KW::DataPacket> payload, std::string const&
     return session->send(std::move(task));
 }
 
+bool Client::publishBytes(void const* data, unsigned long size, std::string const& destination,
+                          KW::QOS::Enum qos, std::shared_ptr<KW::Reference> reference) {
+    auto task = std::make_shared<PublishTask>(*session, qos, destination.c_str(), data, size,
+                                              std::move(reference));
+    return session->send(std::move(task));
+}
+
 bool Client::forward(std::shared_ptr<KW::Message> message, std::string const& destination,
                      KW::QOS::Enum qos, std::shared_ptr<KW::Reference> reference, bool async) {
     auto task = std::make_shared<ForwardTask>(*session, qos, destination.c_str(), message,

@@ -52,8 +52,7 @@ char const* Connection::read(std::string const& destination,
 }
 
 int Connection::getState() const {
-    std::lock_guard<std::mutex> lock(stateMutex);
-    return state;
+    return state.load(std::memory_order_acquire);
 }
 
 void Connection::setState(ConnectionState value) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -62,7 +63,9 @@ class Connection {
     std::string password;
     std::condition_variable stateChanged;
     mutable std::mutex stateMutex;
-    ConnectionState state;
+    // Written under stateMutex (for the waiters), read without it: every send
+    // reads the state, and a single word read sees the same values as a locked one.
+    std::atomic<ConnectionState> state;
 };
 
 }  // namespace Impl

@@ -44,6 +44,12 @@ class MessageTask : public KW::Message {
     void releaseMessageHandle();
 
     Session& getSession() const { return session; }
+    // Bytes to attach that the task does not own, valid while a send on the caller's thread
+    // runs; null when the payload packet is attached instead.
+    virtual void const* borrowedBytes(unsigned long& size) const {
+        size = 0;
+        return nullptr;
+    }
 
   protected:
     // The next process-wide outgoing id; the first is 1.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -134,6 +136,7 @@ class Session {
     template <typename Worker>
     bool sendLater(Worker& worker, MessageTask const& task);
     void stopSendingWorkers(unsigned long timeoutMs);
+    void awaitWindowRoom();
     void settlePending(solClient_session_eventCallbackInfo* info, char const* rejectedText);
     void failUnsent(char const* text);
     // The hot end of the receive path: one message to its handler.
@@ -155,6 +158,12 @@ class Session {
 
     std::map<unsigned long long, std::shared_ptr<MessageTask>> pending;
     std::mutex pendingMutex;
+    // pending.size(), set under pendingMutex and read without it: every send on
+    // the caller's thread asks it, and a snapshot is all a caller gets either way.
+    std::atomic<std::size_t> pendingSize{0};
+    // Guarded by pendingMutex: workers waiting in awaitWindowRoom.
+    std::condition_variable windowRoom;
+    int windowWaiters = 0;
 
     ReceiveWorker receiveWorker;
     PublishWorker publishWorker;
