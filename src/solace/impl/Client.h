@@ -23,7 +23,7 @@ class Client : public KW::Client {
     // comes later through the event handler.
     bool publish(std::shared_ptr<KW::DataPacket> payload, std::string const& destination,
                  KW::QOS::Enum qos, std::shared_ptr<KW::Reference> reference, bool async) override;
-    // Reads the caller's bytes in place when the send runs on this thread.
+    // Reads the caller's bytes in place for an at-most-once send on this thread.
     bool publishBytes(void const* data, unsigned long size, std::string const& destination,
                       KW::QOS::Enum qos, std::shared_ptr<KW::Reference> reference) override;
     bool forward(std::shared_ptr<KW::Message> message, std::string const& destination,

@@ -404,11 +404,6 @@ bool Session::process(std::shared_ptr<ForwardTask> task) {
     return sendMessageGuaranteed(std::move(task));
 }
 
-// The library holds a send in sendMsg while the session (re)connects, and a guaranteed one while
-// its publish window is full. On the caller's (JavaScript) thread that stalls the event loop until
-// the broker is back or answers, so such sends, and those queued behind them, go to the worker
-// instead; a worker queue that stays full falls back to sending here.
-
 // A send that would meet a full window waits (at most WINDOW_WAIT_MS, then it sends and the
 // library holds it as before) until half the window has drained, so that a worker is woken once
 // per half window rather than in the library once per answer; only the timing of the same
@@ -426,6 +421,10 @@ void Session::awaitWindowRoom() {
     --windowWaiters;
 }
 
+// The library holds a send in sendMsg while the session (re)connects, and a guaranteed one while
+// its publish window is full. On the caller's (JavaScript) thread that stalls the event loop until
+// the broker is back or answers, so such sends, and those queued behind them, go to the worker
+// instead; a worker queue that stays full falls back to sending here.
 template <typename Worker>
 bool Session::sendLater(Worker& worker, MessageTask const& task) {
     int const state = connection.getState();
@@ -438,15 +437,16 @@ bool Session::sendLater(Worker& worker, MessageTask const& task) {
 }
 
 bool Session::send(std::shared_ptr<PublishTask> task) {
-    if (sendLater(publishWorker, *task)) {
-        // A queued send outlives the caller's bytes: it takes its own copy.
+    bool const later = sendLater(publishWorker, *task);
+    if (later || task->getQOS() != KW::QOS::AT_MOST_ONCE) {
+        // The caller's bytes end with this call, but a queued send runs later and the library
+        // reads a guaranteed message's attachment until its answer: both take their own copy.
         task->keepBorrowed();
-        if (enqueue(task)) {
-            return true;
-        }
     }
-    // Bytes read in place here are equivalent to a packet copy: sendMsg copies the attachment
-    // before it returns, so nothing reads them afterwards.
+    if (later && enqueue(task)) {
+        return true;
+    }
+    // An at-most-once send reads the bytes in place: sendMsg has taken them when it returns.
     bool const sent = process(task);
     task->dropBorrowed();
     return sent;
