@@ -79,6 +79,15 @@ class WorkerContext {
     // A snapshot: whether tasks wait in the queue (callers use it to keep their order).
     bool hasQueuedTasks() const { return queuedHint.load(std::memory_order_acquire) != 0; }
 
+    // With queueMutex held, after a thread took tasks off the queue.
+    void tookTasks() {
+        queuedHint.store(queue.size(), std::memory_order_relaxed);
+        ++takes;
+        if (queue.empty()) {
+            drained.notify_all();
+        }
+    }
+
     // Queues a copy of the task; false (task not queued) when a bounded queue
     // stayed full for the push time-out.
     bool pushTask(Task& task) {

@@ -35,11 +35,7 @@ class WorkerFunctor {
                     batchList.push_back(std::move(context->queue.front()));
                     context->queue.pop();
                 }
-                context->queuedHint.store(context->queue.size(), std::memory_order_relaxed);
-                ++context->takes;
-                if (context->queue.empty()) {
-                    context->drained.notify_all();
-                }
+                context->tookTasks();
                 // A batch take never signals notFull: a producer facing a full
                 // receive queue re-checks only when its push time-out ends.
                 lock.unlock();
@@ -52,11 +48,7 @@ class WorkerFunctor {
             } else {
                 Task task = std::move(context->queue.front());
                 context->queue.pop();
-                context->queuedHint.store(context->queue.size(), std::memory_order_relaxed);
-                ++context->takes;
-                if (context->queue.empty()) {
-                    context->drained.notify_all();
-                }
+                context->tookTasks();
                 bool bounded = context->maxQueueSize != 0;
                 lock.unlock();
                 if (bounded) {
