@@ -4,6 +4,8 @@
 #include "Message.h"
 #include "Queue.h"
 
+#include <utility>
+
 namespace SolEmu {
 
 Flow::Flow(std::shared_ptr<Context> sharedContext, void const* owner, FlowProperties parsed,
@@ -99,8 +101,8 @@ void Flow::deliver(std::shared_ptr<Queue> const& source, uint64_t id,
     auto callback = funcs.rxMsgInfo.callback_p;
     void* user = funcs.rxMsgInfo.user_p;
     void* handle = this;
-    context->post(sessionOwner, this, [=] {
-        std::unique_ptr<Message> copy = Message::deliveryCopy(*message);
+    context->post(sessionOwner, this, [=, message = message]() mutable {
+        std::unique_ptr<Message> copy = Message::deliveryCopy(std::move(message));
         copy->setMessageId(id);
         copy->setRedelivered(redelivered);
         if (callback != nullptr &&

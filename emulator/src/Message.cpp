@@ -38,18 +38,24 @@ std::shared_ptr<const Message> Message::snapshot(Message const& source) {
     return copy;
 }
 
-std::unique_ptr<Message> Message::deliveryCopy(Message const& source) {
+std::unique_ptr<Message> Message::deliveryCopy(std::shared_ptr<const Message> source) {
     auto copy = std::make_unique<Message>();
-    copy->delivery = source.delivery;
-    copy->destType = source.destType;
-    copy->destName = source.destName;
-    copy->ownedPayload = source.ownedPayload;
-    copy->attachmentPresent = source.attachmentPresent;
-    copy->attachmentBytes = source.attachmentBytes;
-    copy->attachmentLength = source.attachmentLength;
-    copy->messageId = source.messageId;
-    copy->messageIdSet = source.messageIdSet;
-    copy->redeliveryFlag = source.redeliveryFlag;
+    copy->delivery = source->delivery;
+    copy->destType = source->destType;
+    copy->destName = source->destName;
+    copy->ownedPayload = source->ownedPayload;
+    copy->attachmentPresent = source->attachmentPresent;
+    copy->attachmentBytes = source->attachmentBytes;
+    copy->attachmentLength = source->attachmentLength;
+    copy->messageId = source->messageId;
+    copy->messageIdSet = source->messageIdSet;
+    copy->redeliveryFlag = source->redeliveryFlag;
+    source.reset();
+    // A count of 1 is ours alone: nobody is left to copy the reference from.
+    if (copy->ownedPayload && copy->ownedPayload.use_count() > 1) {
+        copy->ownedPayload = std::make_shared<const std::string>(*copy->ownedPayload);
+        copy->attachmentBytes = copy->ownedPayload->data();
+    }
     return copy;
 }
 

@@ -28,8 +28,12 @@ class Message {
     // A library-owned, self-contained copy of what a send needs: the payload
     // and the destination are copied, the correlation tag kept as a value.
     static std::shared_ptr<const Message> snapshot(Message const& source);
-    // A fresh message for a receive callback sharing `source`'s payload.
-    static std::unique_ptr<Message> deliveryCopy(Message const& source);
+    // A fresh message for a receive callback; takes over the caller's
+    // reference to `source`. The application may write through the pointer
+    // getBinaryAttachmentPtr hands out, so the payload bytes are shared only
+    // when nothing else holds them (the last delivery of a direct message);
+    // otherwise (another delivery, the queue's spool) they are copied.
+    static std::unique_ptr<Message> deliveryCopy(std::shared_ptr<const Message> source);
 
     // Destination as a send sees it: the destination record if set, else the
     // topic pointer as a topic.

@@ -35,11 +35,10 @@ std::shared_ptr<const MessageVpn::SessionList> MessageVpn::sessions() const {
     return sessionList;
 }
 
-void MessageVpn::publish(std::string const& topic,
-                         std::shared_ptr<const Message> const& message) const {
+void MessageVpn::publish(std::string const& topic, std::shared_ptr<const Message> message) const {
     auto const snapshot = sessions();  // a concurrent detach may replace the list
-    for (auto const& session : *snapshot) {
-        session->deliverDirect(topic, message);
+    for (std::size_t i = 0; i < snapshot->size(); ++i) {
+        (*snapshot)[i]->deliverDirect(topic, message, i + 1 == snapshot->size());
     }
 }
 

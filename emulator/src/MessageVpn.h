@@ -25,7 +25,7 @@ class MessageVpn {
     std::shared_ptr<const SessionList> sessions() const;
 
     // Deliver a direct message to every matching subscription.
-    void publish(std::string const& topic, std::shared_ptr<const Message> const& message) const;
+    void publish(std::string const& topic, std::shared_ptr<const Message> message) const;
 
     // The queue of that name if it is provisioned (created on first use).
     std::shared_ptr<Queue> queue(std::string const& name);

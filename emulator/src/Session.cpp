@@ -743,28 +743,41 @@ solClient_returnCode_t Session::changeSubscription(
     return answered(0, std::string());
 }
 
-void Session::deliverDirect(std::string const& topic,
-                            std::shared_ptr<const Message> const& message) {
+void Session::deliverDirect(std::string const& topic, std::shared_ptr<const Message>& message,
+                            bool last) {
     std::shared_lock<std::shared_mutex> lock(subscriptionsMutex);
     if (!receiving) {
         return;
     }
-    // One delivery per distinct callback, however many of its subscriptions match.
-    std::set<std::pair<solClient_session_rxMsgCallbackFunc_t, void*>> served;
     void* handle = this;
+    auto deliver = [this, handle](solClient_session_rxMsgCallbackFunc_t callback, void* user,
+                                  std::shared_ptr<const Message> held) {
+        eventContext->post(
+            this, nullptr, [held = std::move(held), callback, user, handle]() mutable {
+                std::unique_ptr<Message> copy = Message::deliveryCopy(std::move(held));
+                if (callback(handle, copy.get(), user) == SOLCLIENT_CALLBACK_TAKE_MSG) {
+                    static_cast<void>(copy.release());  // the application frees it with msg_free
+                }
+            });
+    };
+    // One delivery per distinct callback, however many of its subscriptions match.
+    // Each is posted once the next is found, so that the final one is known.
+    std::set<std::pair<solClient_session_rxMsgCallbackFunc_t, void*>> served;
+    solClient_session_rxMsgCallbackFunc_t pendingCallback = nullptr;
+    void* pendingUser = nullptr;
     for (Subscription const& subscription : subscriptions) {
         if (subscription.callback == nullptr || !subscription.matcher.matches(topic) ||
             !served.emplace(subscription.callback, subscription.user).second) {
             continue;
         }
-        auto callback = subscription.callback;
-        void* user = subscription.user;
-        eventContext->post(this, nullptr, [message, callback, user, handle] {
-            std::unique_ptr<Message> copy = Message::deliveryCopy(*message);
-            if (callback(handle, copy.get(), user) == SOLCLIENT_CALLBACK_TAKE_MSG) {
-                static_cast<void>(copy.release());  // the application frees it with msg_free
-            }
-        });
+        if (pendingCallback != nullptr) {
+            deliver(pendingCallback, pendingUser, message);
+        }
+        pendingCallback = subscription.callback;
+        pendingUser = subscription.user;
+    }
+    if (pendingCallback != nullptr) {
+        deliver(pendingCallback, pendingUser, last ? std::move(message) : message);
     }
 }
 

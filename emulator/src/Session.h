@@ -67,7 +67,10 @@ class Session : public std::enable_shared_from_this<Session> {
     std::vector<std::shared_ptr<Flow>> destroy();
 
     // Broker side.
-    void deliverDirect(std::string const& topic, std::shared_ptr<const Message> const& message);
+    // last: the publisher's final call; its final delivery takes `message`
+    // over, so that the payload need not be copied for it (see deliveryCopy).
+    void deliverDirect(std::string const& topic, std::shared_ptr<const Message>& message,
+                       bool last);
     void brokerWentDown();
     void brokerCameUp();
     void releaseWithheld();
