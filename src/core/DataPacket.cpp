@@ -135,6 +135,15 @@ DataPacket::DataPacket(InPlace storage, void const* data, unsigned long n)
     }
 }
 
+DataPacket::DataPacket(Borrowed, void* data, unsigned long n, std::shared_ptr<void const> owner)
+    : totalSize(n), head(&first, ChunkRelease{false}), tail(&first), owner(std::move(owner)) {
+    first.buffer = std::unique_ptr<unsigned char[], BytesRelease>(static_cast<unsigned char*>(data),
+                                                                  BytesRelease{false});
+    first.capacity = n;
+    first.offset = 0;
+    first.length = n;
+}
+
 DataPacket::~DataPacket() {
     // Unlink one chunk at a time so that a long list is not freed recursively.
     while (head) {
@@ -160,6 +169,11 @@ std::shared_ptr<DataPacket> DataPacket::create(unsigned long n) {
 
 std::shared_ptr<DataPacket> DataPacket::create(void const* data, unsigned long n) {
     return createInPlace(data, n);
+}
+
+std::shared_ptr<DataPacket> DataPacket::wrap(void* data, unsigned long n,
+                                             std::shared_ptr<void const> owner) {
+    return std::make_shared<DataPacket>(Borrowed{}, data, n, std::move(owner));
 }
 
 unsigned long DataPacket::size() {

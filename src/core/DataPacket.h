@@ -50,6 +50,11 @@ class DataPacket {
     static std::shared_ptr<DataPacket> create();
     static std::shared_ptr<DataPacket> create(unsigned long n);
     static std::shared_ptr<DataPacket> create(void const* data, unsigned long n);
+    // A packet over n bytes at data that belong to `owner`, not copied: the
+    // packet keeps `owner` until it goes. Its one chunk has no room before or
+    // after the data, so prepend and append add chunks of their own.
+    static std::shared_ptr<DataPacket> wrap(void* data, unsigned long n,
+                                            std::shared_ptr<void const> owner);
 
     unsigned long size();
     void append(void const* data, unsigned long n);
@@ -81,6 +86,13 @@ class DataPacket {
     template <typename T>
     class TrailingAllocator;
     DataPacket(InPlace storage, void const* data, unsigned long n);
+    struct Borrowed {};
+
+  public:
+    // For wrap() only (make_shared needs it public); the tag is private.
+    DataPacket(Borrowed, void* data, unsigned long n, std::shared_ptr<void const> owner);
+
+  private:
     static std::shared_ptr<DataPacket> createInPlace(void const* data, unsigned long n);
 
     // A chunk for n data bytes: capacity n + 512, data at offset 256.
@@ -92,7 +104,8 @@ class DataPacket {
     unsigned long totalSize;
     ChunkPtr head;
     Chunk* tail;
-    Chunk first;  // the head record of a packet made by create()
+    Chunk first;                        // the head record of a packet made by create() or wrap()
+    std::shared_ptr<void const> owner;  // of a wrapped packet's bytes; goes after the chunks
 };
 
 }  // namespace KW

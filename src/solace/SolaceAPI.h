@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "core/SharedLibraryHandle.h"
 #include "solclient/SolClientABI.h"
 
@@ -9,8 +11,10 @@ namespace Solace {
 // The vendor library, loaded at run time, and the functions of it that the
 // adapter calls. Every entry is resolved in the constructor, so a library
 // lacking any of them is never half usable. The entries take their types from
-// the vendor prototypes, which keeps the signatures from drifting.
-class SolaceAPI : public KW::SharedLibraryHandle {
+// the vendor prototypes, which keeps the signatures from drifting. Shared:
+// a received payload that still points into a library message keeps the table
+// it frees that message through.
+class SolaceAPI : public KW::SharedLibraryHandle, public std::enable_shared_from_this<SolaceAPI> {
   public:
     SolaceAPI();
     ~SolaceAPI();

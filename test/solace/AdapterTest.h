@@ -236,10 +236,12 @@ class AdapterTest : public ::testing::Test {
                 }
             }
         }
-        EXPECT_NO_THROW(library->shutdown());
+        // Received messages hold their handler, and a large payload its
+        // library message, which can only be freed before the shutdown.
         for (auto& handler : handlers) {
-            handler->clear();  // received messages hold their handler
+            handler->clear();
         }
+        EXPECT_NO_THROW(library->shutdown());
         solEmu_reset();
         EXPECT_EQ(solEmu_liveMessages(), 0) << "library messages leaked";
         // A refused free is a handle freed after its session or twice.

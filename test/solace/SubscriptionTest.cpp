@@ -3,6 +3,7 @@
 // stop, acknowledgement, failing handlers and the bound of the receive queue.
 #include "AdapterTest.h"
 #include "solace/impl/Flow.h"
+#include "solace/impl/ReceiveTask.h"
 #include "solace/impl/Subscription.h"
 
 namespace KW::Solace::Test {
@@ -189,6 +190,48 @@ TEST_F(Subscriptions, QueueMessagesAreAcknowledgedOneByOne) {
     EXPECT_EQ(solEmu_queueDepth("work"), 1);
     EXPECT_TRUE(client->unsubscribe(Reference::NONE));
     EXPECT_EQ(session().findSubscription("marker"), nullptr);
+}
+
+// Around the size from which the payload stays in the library's message: the
+// bytes arrive whole, each subscriber's are its own to write, and a taken
+// message lives exactly as long as its payload (the fixture checks that none
+// is left and none freed twice).
+TEST_F(Subscriptions, PayloadsOfEverySizeArriveWholeAndOwnTheirBytes) {
+    auto handler = makeHandler(true);
+    subscribe(client, handler, "sized");
+    ASSERT_TRUE(subscribe(handler, "work", GUARANTEED));
+    auto other = connectedClient();
+    auto otherHandler = makeHandler();
+    subscribe(other, otherHandler, "sized");
+    constexpr unsigned long LIMIT = Impl::ReceiveTask::COPIED_MAX;
+    auto settles = [](auto done) {  // nothing notifies these counts: poll, bounded
+        for (int i = 0; i < 500 && !done(); ++i) {
+            std::this_thread::sleep_for(10ms);
+        }
+        return done();
+    };
+    for (unsigned long size : {1ul, LIMIT, LIMIT + 1, 65536ul}) {
+        SCOPED_TRACE(size);
+        std::string const payload(size, static_cast<char>('a' + size % 26));
+        long const held = size > LIMIT ? 1 : 0;
+        publish("sized", payload);
+        publish("work", payload, GUARANTEED);
+        ASSERT_TRUE(handler->waitFor(2, payload));
+        ASSERT_TRUE(otherHandler->waitFor(1, payload));
+        auto mine = handler->where([](auto& m) { return m->getQOS() == AMO; })[0]->getPayload();
+        auto theirs = otherHandler->all()[0]->getPayload();
+        static_cast<char*>(mine->data())[0] = '!';
+        EXPECT_TRUE(text(otherHandler->all()[0]) == payload);  // not printed: up to 64 KiB
+        EXPECT_NE(mine->data(), theirs->data());
+        // The three payloads received, and nothing else, keep library messages.
+        EXPECT_TRUE(settles(
+            [&] { return solEmu_liveMessages() == 3 * held && solEmu_queueDepth("work") == 0; }));
+        mine.reset();
+        theirs.reset();
+        handler->clear();
+        otherHandler->clear();
+        EXPECT_TRUE(settles([] { return solEmu_liveMessages() == 0; }));
+    }
 }
 
 TEST_F(Subscriptions, FlowFailuresAndHowTheyAreTold) {

@@ -152,11 +152,13 @@ void Flow::queueEventCallback(void* /*flow*/, solClient_flow_eventCallbackInfo* 
 solClient_rxMsgCallback_returnCode_t Flow::queueReceiveCallback(void* /*flow*/, void* msg,
                                                                 void* user) {
     Flow* flow = static_cast<Flow*>(user);
+    bool taken = false;
     try {
+        auto payload = ReceiveTask::readPayload(flow->session.getAPI(), msg, taken);
         // A refused push (receive queue full) drops the message; the broker
         // redelivers it under its own rules since it was never acknowledged.
-        if (!flow->session.enqueue(
-                std::shared_ptr<ReceiveTask>(std::make_shared<QueueReceiveTask>(msg, flow)))) {
+        if (!flow->session.enqueue(std::shared_ptr<ReceiveTask>(
+                std::make_shared<QueueReceiveTask>(msg, std::move(payload), flow)))) {
             KW::DroppedFailures::record("Flow::queueReceiveCallback",
                                         "receive queue full, queue message dropped");
         }
@@ -165,7 +167,8 @@ solClient_rxMsgCallback_returnCode_t Flow::queueReceiveCallback(void* /*flow*/, 
     } catch (...) {
         flow->session.notifyHandlerOfRuntimeError("failed to receive message");
     }
-    return SOLCLIENT_CALLBACK_OK;
+    // As for topic messages: a taken message may already be freed here.
+    return taken ? SOLCLIENT_CALLBACK_TAKE_MSG : SOLCLIENT_CALLBACK_OK;
 }
 
 }  // namespace Impl

@@ -22,9 +22,9 @@ Library::~Library() {
 }
 
 void Library::start() {
-    api = std::make_unique<SolaceAPI>();
+    api = std::make_shared<SolaceAPI>();
     if (api->initialize(SOLCLIENT_LOG_NOTICE, nullptr) != SOLCLIENT_OK) {
-        std::unique_ptr<SolaceAPI> failed(std::move(api));
+        std::shared_ptr<SolaceAPI> failed(std::move(api));
         throw LibraryException(failed->getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
     }
 }

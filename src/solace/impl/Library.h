@@ -35,7 +35,7 @@ class Library : public KW::ClientLibrary {
 
   private:
     std::string name;
-    std::unique_ptr<SolaceAPI> api;
+    std::shared_ptr<SolaceAPI> api;
     std::unordered_map<std::string, std::unique_ptr<Context>> contexts;
 };
 

@@ -9,9 +9,9 @@ namespace KW {
 namespace Solace {
 namespace Impl {
 
-QueueReceiveTask::QueueReceiveTask(void* msg, Flow* flow)
+QueueReceiveTask::QueueReceiveTask(void* msg, std::shared_ptr<KW::DataPacket> payload, Flow* flow)
     : ReceiveTask(flow->getSession(), flow->getQOS(), flow->getName().c_str(), msg,
-                  flow->getHandler()),
+                  std::move(payload), flow->getHandler()),
       flow(flow->shared_from_this()) {}
 
 QueueReceiveTask::~QueueReceiveTask() = default;

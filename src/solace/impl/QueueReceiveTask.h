@@ -13,7 +13,7 @@ class Flow;
 // acknowledge on and the acknowledgement is dropped.
 class QueueReceiveTask : public ReceiveTask {
   public:
-    QueueReceiveTask(void* msg, Flow* flow);
+    QueueReceiveTask(void* msg, std::shared_ptr<KW::DataPacket> payload, Flow* flow);
     ~QueueReceiveTask() override;
 
     void acknowledge() override;

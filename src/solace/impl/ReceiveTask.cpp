@@ -4,15 +4,20 @@
 #include "solace/RuntimeException.h"
 #include "solace/SolaceAPI.h"
 #include "solace/impl/Session.h"
+#include "solace/impl/VendorHandle.h"
+
+#include <tuple>
+#include <utility>
 
 namespace KW {
 namespace Solace {
 namespace Impl {
 
 ReceiveTask::ReceiveTask(Session& session, KW::QOS::Enum qos, char const* topic, void* msg,
+                         std::shared_ptr<KW::DataPacket> payload,
                          std::shared_ptr<KW::MessageHandler> handler)
     : MessageTask(session, qos, topic, readId(session.getAPI(), msg), KW::Reference::NONE),
-      payload(readPayload(session.getAPI(), msg)),
+      payload(std::move(payload)),
       handler(std::move(handler)) {}
 
 ReceiveTask::~ReceiveTask() = default;
@@ -29,17 +34,27 @@ unsigned long long ReceiveTask::readId(SolaceAPI const& api, void* msg) {
     throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
 }
 
-std::shared_ptr<KW::DataPacket> ReceiveTask::readPayload(SolaceAPI const& api, void* msg) {
+std::shared_ptr<KW::DataPacket> ReceiveTask::readPayload(SolaceAPI const& api, void* msg,
+                                                         bool& taken) {
     void* data = nullptr;
     solClient_uint32_t size = 0;
     solClient_returnCode_t rc = api.msgGetBinaryAttachmentPtr(msg, &data, &size);
-    if (rc == SOLCLIENT_OK) {
-        return KW::DataPacket::create(data, size);
-    }
     if (rc == SOLCLIENT_NOT_FOUND) {
         return nullptr;
     }
-    throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
+    if (rc != SOLCLIENT_OK) {
+        throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
+    }
+    if (size <= COPIED_MAX) {
+        return KW::DataPacket::create(data, size);
+    }
+    // The table first, then the message: the message is freed through it.
+    auto held = std::make_shared<std::pair<std::shared_ptr<SolaceAPI const>, MessageHandle>>(
+        std::piecewise_construct, std::forward_as_tuple(api.shared_from_this()),
+        std::forward_as_tuple(api));
+    held->second.adopt(static_cast<solClient_opaqueMsg_pt>(msg));
+    taken = true;
+    return KW::DataPacket::wrap(data, size, std::move(held));
 }
 
 char const* ReceiveTask::readTopic(SolaceAPI const& api, void* msg) {

@@ -11,11 +11,18 @@ class SolaceAPI;
 
 namespace Impl {
 
-// A message received from the library, copied out of the library's message
-// on the context thread so that the library can keep and free its own.
+// A message received from the library. Its fields are read on the context
+// thread; a small payload is copied out, a large one stays in the library's
+// message, which the payload then owns (see readPayload).
 class ReceiveTask : public MessageTask {
   public:
+    // Payloads up to this size are copied: the add-on copies them again into
+    // the script's Buffer anyway, and a copy costs less than keeping a
+    // library message for as long as the script keeps the payload.
+    static constexpr unsigned long COPIED_MAX = 4096;
+
     ReceiveTask(Session& session, KW::QOS::Enum qos, char const* topic, void* msg,
+                std::shared_ptr<KW::DataPacket> payload,
                 std::shared_ptr<KW::MessageHandler> handler);
     ~ReceiveTask() override;
 
@@ -24,8 +31,13 @@ class ReceiveTask : public MessageTask {
 
     // The message id, or 0 when the message has none.
     static unsigned long long readId(SolaceAPI const& api, void* msg);
-    // A copy of the binary attachment, or null when there is none.
-    static std::shared_ptr<KW::DataPacket> readPayload(SolaceAPI const& api, void* msg);
+    // The binary attachment, or null when there is none. Above COPIED_MAX
+    // the packet points into the attachment and owns `msg` (freed with
+    // msg_free when the last reference goes, on whatever thread), and `taken`
+    // is set: from then on the receive callback must answer TAKE_MSG,
+    // whatever else fails.
+    static std::shared_ptr<KW::DataPacket> readPayload(SolaceAPI const& api, void* msg,
+                                                       bool& taken);
     // The destination name; valid while the library message lives.
     static char const* readTopic(SolaceAPI const& api, void* msg);
 

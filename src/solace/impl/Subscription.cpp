@@ -91,10 +91,12 @@ solClient_rxMsgCallback_returnCode_t Subscription::messageReceiveCallback(void* 
         return SOLCLIENT_CALLBACK_OK;
     }
     Subscription* subscription = *it;
+    bool taken = false;
     try {
+        auto payload = ReceiveTask::readPayload(subscription->session.getAPI(), msg, taken);
         // A refused push (receive queue full) drops the message.
         if (!subscription->session.enqueue(std::shared_ptr<ReceiveTask>(
-                std::make_shared<TopicReceiveTask>(msg, subscription)))) {
+                std::make_shared<TopicReceiveTask>(msg, std::move(payload), subscription)))) {
             KW::DroppedFailures::record("Subscription::messageReceiveCallback",
                                         "receive queue full, topic message dropped");
         }
@@ -103,7 +105,9 @@ solClient_rxMsgCallback_returnCode_t Subscription::messageReceiveCallback(void* 
     } catch (...) {
         subscription->session.notifyHandlerOfRuntimeError("failed to receive message");
     }
-    return SOLCLIENT_CALLBACK_OK;
+    // A taken message may already be freed here (a dropped task, a quick
+    // consumer): the library no longer touches it once told TAKE_MSG.
+    return taken ? SOLCLIENT_CALLBACK_TAKE_MSG : SOLCLIENT_CALLBACK_OK;
 }
 
 }  // namespace Impl

@@ -7,9 +7,10 @@ namespace KW {
 namespace Solace {
 namespace Impl {
 
-TopicReceiveTask::TopicReceiveTask(void* msg, Subscription* subscription)
+TopicReceiveTask::TopicReceiveTask(void* msg, std::shared_ptr<KW::DataPacket> payload,
+                                   Subscription* subscription)
     : ReceiveTask(subscription->getSession(), KW::QOS::AT_MOST_ONCE,
-                  readTopic(subscription->getSession().getAPI(), msg), msg,
+                  readTopic(subscription->getSession().getAPI(), msg), msg, std::move(payload),
                   subscription->getHandler()) {}
 
 TopicReceiveTask::~TopicReceiveTask() = default;

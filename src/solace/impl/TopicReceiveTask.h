@@ -12,7 +12,8 @@ class Subscription;
 // destination, so a wildcard subscription yields the concrete topic.
 class TopicReceiveTask : public ReceiveTask {
   public:
-    TopicReceiveTask(void* msg, Subscription* subscription);
+    TopicReceiveTask(void* msg, std::shared_ptr<KW::DataPacket> payload,
+                     Subscription* subscription);
     ~TopicReceiveTask() override;
 
     void acknowledge() override {}
