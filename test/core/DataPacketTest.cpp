@@ -222,9 +222,21 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
     // A packet of one to three chunks and its model.
     auto randomPacket = [&](Bytes& model) {
         model = randomBytes(randomLength());
-        // Half of them made by create(), whose first chunk lives in the packet's own allocation.
-        auto packet = below(2) == 0 ? DataPacket::create(model.data(), model.size())
-                                    : std::make_shared<DataPacket>(model.data(), model.size());
+        // A third made by create(), whose first chunk lives in the packet's own
+        // allocation, a third by wrap() over bytes that go with the packet.
+        std::shared_ptr<DataPacket> packet;
+        switch (below(3)) {
+            case 0:
+                packet = DataPacket::create(model.data(), model.size());
+                break;
+            case 1: {
+                auto owner = std::make_shared<Bytes>(model);
+                packet = DataPacket::wrap(owner->data(), owner->size(), owner);
+                break;
+            }
+            default:
+                packet = std::make_shared<DataPacket>(model.data(), model.size());
+        }
         for (unsigned long parts = below(3); parts > 0; --parts) {
             Bytes more = randomBytes(randomLength());
             packet->append(more.data(), more.size());
