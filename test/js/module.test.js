@@ -146,6 +146,25 @@ test('publish: every argument shape, QoS mapping, callback detection and the mes
     });
 });
 
+// Above 4 KiB the payload stays in the library's message: whole on a topic and
+// a queue, and sent on again by forward.
+test('large payloads: whole on a topic and a queue, and forwarded', function () {
+  var t0 = topics.length;
+  var q0 = queue.length;
+  var big = Buffer.alloc(65536);
+  for (var i = 0; i < big.length; i++) big[i] = i % 251;
+  client.publish('m/big', big);
+  client.publish('kw.q1', 2, big);
+  return Promise.all([topics.waitFor(t0 + 1), queue.waitFor(q0 + 1)]).then(function () {
+    assert.ok(topics[t0].payload().equals(big));
+    assert.ok(queue[q0].payload().equals(big));
+    client.forward('m/big-again', queue[q0]);
+    return topics.waitFor(t0 + 2);
+  }).then(function () {
+    assert.deepStrictEqual([topics[t0 + 1].topic(), topics[t0 + 1].payload().equals(big)], ['m/big-again', true]);
+  });
+});
+
 test('forward: shapes, QoS, and only received messages are accepted', function () {
   var t0 = topics.length;
   var q0 = queue.length;
