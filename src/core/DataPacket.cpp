@@ -173,6 +173,9 @@ std::shared_ptr<DataPacket> DataPacket::create(void const* data, unsigned long n
 
 std::shared_ptr<DataPacket> DataPacket::wrap(void* data, unsigned long n,
                                              std::shared_ptr<void const> owner) {
+    if (n == 0) {
+        return create();  // nothing to borrow, and a packet always has bytes to write into
+    }
     return std::make_shared<DataPacket>(Borrowed{}, data, n, std::move(owner));
 }
 

@@ -52,7 +52,8 @@ class DataPacket {
     static std::shared_ptr<DataPacket> create(void const* data, unsigned long n);
     // A packet over n bytes at data that belong to `owner`, not copied: the
     // packet keeps `owner` until it goes. Its one chunk has no room before or
-    // after the data, so prepend and append add chunks of their own.
+    // after the data, so prepend and append add chunks of their own. No bytes
+    // (n == 0) make an ordinary empty packet.
     static std::shared_ptr<DataPacket> wrap(void* data, unsigned long n,
                                             std::shared_ptr<void const> owner);
 
