@@ -24,7 +24,8 @@ const WORKLOAD_SYSTEMS = {
 const PROFILES = {
   full: {
     reps: 5,
-    memoryReps: 3,
+    // Growth is judged over ten million messages, so fewer repetitions.
+    memoryReps: 2,
     direct: {
       sizes: [64, 1024, 65536],
       counts: { 64: 200000, 1024: 100000, 65536: 10000 },
@@ -34,7 +35,7 @@ const PROFILES = {
     latency: { rates: [10000, 100000], durationMs: 1000 },
     guaranteed: { size: 1024, count: 20000, window: 200 },
     bridge: { items: 1000000, threads: [1, 2] },
-    memory: { count: 1000000, window: 256 },
+    memory: { count: 10000000, window: 256 },
     roundtrip: { roundTripUs: 200, count: 100000, window: 256, durationMs: 1000, guaranteedCount: 20000, guaranteedWindow: 200 },
   },
   short: {

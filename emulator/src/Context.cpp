@@ -1,5 +1,7 @@
 #include "Context.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 
 namespace SolEmu {
@@ -9,7 +11,10 @@ std::atomic<unsigned> Context::_roundTripUs{0};
 
 Context::Context() {
     std::lock_guard<std::mutex> lock(mutex);
-    thread = std::thread([this] { run(); });
+    thread = std::thread([this] {
+        pthread_setname_np(pthread_self(), "solemu-context");
+        run();
+    });
     threadId = thread.get_id();
 }
 

@@ -1,5 +1,6 @@
 #include "ErrorInfo.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace SolEmu {
@@ -9,7 +10,7 @@ solClient_errorInfo_t* ErrorInfo::current() {
     return &record;
 }
 
-void ErrorInfo::set(int subCode, unsigned responseCode, std::string const& text) {
+void ErrorInfo::set(int subCode, unsigned responseCode, std::string_view text) {
     solClient_errorInfo_t* info = current();
     info->subCode = static_cast<solClient_subCode_t>(subCode);
     info->responseCode = responseCode;
@@ -18,7 +19,7 @@ void ErrorInfo::set(int subCode, unsigned responseCode, std::string const& text)
     info->errorStr[n] = '\0';
 }
 
-solClient_returnCode_t ErrorInfo::fail(int subCode, std::string const& text,
+solClient_returnCode_t ErrorInfo::fail(int subCode, std::string_view text,
                                        solClient_returnCode_t rc) {
     set(subCode, 0, text);
     return rc;

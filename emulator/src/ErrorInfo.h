@@ -1,6 +1,6 @@
 #pragma once
 
-#include <string>
+#include <string_view>
 
 #include "solclient/SolClientABI.h"
 
@@ -12,11 +12,12 @@ class ErrorInfo {
     // The calling thread's record; never null.
     static solClient_errorInfo_t* current();
 
-    // Fill the calling thread's record.
-    static void set(int subCode, unsigned responseCode, std::string const& text);
+    // Fill the calling thread's record. A view, so that the texts of calls
+    // that fail on every message (no id on a direct message) cost no allocation.
+    static void set(int subCode, unsigned responseCode, std::string_view text);
 
     // Fill the record and return `rc`: the usual tail of a failing call.
-    static solClient_returnCode_t fail(int subCode, std::string const& text,
+    static solClient_returnCode_t fail(int subCode, std::string_view text,
                                        solClient_returnCode_t rc = SOLCLIENT_FAIL);
 };
 

@@ -25,7 +25,10 @@ void Scheduler::after(std::chrono::milliseconds delay, std::function<void()> act
         return;
     }
     if (!thread.joinable()) {
-        thread = std::thread([this] { run(); });
+        thread = std::thread([this] {
+            pthread_setname_np(pthread_self(), "solemu-timers");
+            run();
+        });
     }
     timers.emplace(std::make_pair(Clock::now() + delay, ++sequence), std::move(action));
     wake.notify_all();

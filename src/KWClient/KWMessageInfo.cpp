@@ -11,7 +11,7 @@ void KWMessageInfo::executeCallback() {
         return;
     }
     v8::Local<v8::Object> object;
-    if (!KWNodeMessage::NewWithMessage(message).ToLocal(&object)) {
+    if (!KWNodeMessage::NewForDelivery(message).ToLocal(&object)) {
         return;
     }
     v8::Local<v8::Value> argv[] = {object};

@@ -2,8 +2,10 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 
 #include "KWClient/KWBoundary.h"
+#include "KWClient/KWDetachedMessage.h"
 #include "core/DataPacket.h"
 #include "core/Exception.h"
 
@@ -17,15 +19,35 @@ void releasePacket(char*, void* hint) {
     delete static_cast<std::shared_ptr<KW::DataPacket>*>(hint);
 }
 
-// The internal field where a message object keeps the Buffer its first
-// payload() call copied the bytes into.
-constexpr int COPIED_PAYLOAD_FIELD = 1;
+// Internal fields. 0 is the wrapped KWNodeMessage (null in a detached
+// object). 1: in a wrapped object, the Buffer its first payload() call copied
+// the bytes into; in a detached one, the slab holding its payload (undefined
+// when the message has none). 2: a detached object's topic (undefined in a
+// wrapped one, which is how the two are told apart). 3 and 4: where in the
+// slab a detached object's payload lies.
+constexpr int PAYLOAD_FIELD = 1;
+constexpr int TOPIC_FIELD = 2;
+constexpr int OFFSET_FIELD = 3;
+constexpr int LENGTH_FIELD = 4;
+constexpr int FIELD_COUNT = 5;
 
-v8::Local<v8::Value> copiedPayload(v8::Local<v8::Object> object) {
+v8::Local<v8::Value> internalField(v8::Local<v8::Object> object, int index) {
 #if V8_MAJOR_VERSION >= 11
-    return object->GetInternalField(COPIED_PAYLOAD_FIELD).As<v8::Value>();
+    return object->GetInternalField(index).As<v8::Value>();
 #else
-    return object->GetInternalField(COPIED_PAYLOAD_FIELD);
+    return object->GetInternalField(index);
+#endif
+}
+
+bool isDetached(v8::Local<v8::Object> object) {
+    return internalField(object, TOPIC_FIELD)->IsString();
+}
+
+char* contentsOf(v8::Local<v8::ArrayBuffer> ab) {
+#if NODE_MODULE_VERSION >= NODE_14_0_MODULE_VERSION
+    return static_cast<char*>(ab->GetBackingStore()->Data());
+#else
+    return static_cast<char*>(ab->GetContents().Data());
 #endif
 }
 
@@ -60,24 +82,30 @@ class PayloadSlab {
     static constexpr size_t SIZE = size_t{32} * 1024;
 
     Nan::MaybeLocal<v8::Object> copy(char const* data, size_t n) {
+        size_t offset = 0;
+        v8::Local<v8::ArrayBuffer> ab = place(data, n, offset);
+        return bufferOver(ab, offset, n);
+    }
+
+    // Copies n bytes (n at most SIZE) into the slab; returns the slab and
+    // sets offset to where they went.
+    v8::Local<v8::ArrayBuffer> place(char const* data, size_t n, size_t& offset) {
         if (slab.IsEmpty() || used + n > SIZE) {
             refill();
         }
-        std::memcpy(base + used, data, n);
-        size_t const offset = used;
+        if (n != 0) {
+            std::memcpy(base + used, data, n);
+        }
+        offset = used;
         used = (used + n + 7) & ~static_cast<size_t>(7);
-        return bufferOver(Nan::New(slab), offset, n);
+        return Nan::New(slab);
     }
 
   private:
     void refill() {
         v8::Local<v8::ArrayBuffer> ab = v8::ArrayBuffer::New(v8::Isolate::GetCurrent(), SIZE);
-#if NODE_MODULE_VERSION >= NODE_14_0_MODULE_VERSION
-        base = static_cast<char*>(ab->GetBackingStore()->Data());
-#else
-        base = static_cast<char*>(ab->GetContents().Data());
-#endif
-        // Buffers already carved keep the old slab alive.
+        base = contentsOf(ab);
+        // Buffers and messages already carved keep the old slab alive.
         slab.Reset(ab);
         used = 0;
     }
@@ -91,9 +119,45 @@ class PayloadSlab {
 
 thread_local PayloadSlab payloadSlab;
 
+// The string of the last topic delivered on this thread: a stream of messages
+// on one topic shares one string instead of making one per message.
+class TopicCache {
+  public:
+    v8::Local<v8::String> get(std::string const& topic) {
+        if (cached.IsEmpty() || topic != text) {
+            cached.Reset(Nan::New(topic.data(), static_cast<int>(topic.size())).ToLocalChecked());
+            text = topic;
+        }
+        return Nan::New(cached);
+    }
+
+  private:
+    // Not reset on destruction, as for the slab.
+    Nan::Persistent<v8::String> cached;
+    std::string text;
+};
+
+thread_local TopicCache topicCache;
+
 // A new Buffer over the same bytes as an earlier one.
 Nan::MaybeLocal<v8::Object> bufferLike(v8::Local<v8::Uint8Array> earlier) {
     return bufferOver(earlier->Buffer(), earlier->ByteOffset(), earlier->ByteLength());
+}
+
+// payload() of a detached message: every call a new Buffer over the message's
+// bytes in the slab, as later calls on a wrapped message give.
+void detachedPayload(Nan::FunctionCallbackInfo<v8::Value> const& info) {
+    v8::Local<v8::Value> slab = internalField(info.This(), PAYLOAD_FIELD);
+    v8::Local<v8::Object> buffer;
+    if (!slab->IsArrayBuffer()) {
+        buffer = Nan::NewBuffer(0).ToLocalChecked();
+    } else if (!bufferOver(slab.As<v8::ArrayBuffer>(),
+                           Nan::To<uint32_t>(internalField(info.This(), OFFSET_FIELD)).FromJust(),
+                           Nan::To<uint32_t>(internalField(info.This(), LENGTH_FIELD)).FromJust())
+                    .ToLocal(&buffer)) {
+        return;
+    }
+    info.GetReturnValue().Set(buffer);
 }
 }  // namespace
 
@@ -108,7 +172,7 @@ void KWNodeMessage::Init(v8::Local<v8::Object> exports) {
     Nan::HandleScope scope;
     v8::Local<v8::FunctionTemplate> tpl = Nan::New<v8::FunctionTemplate>(New);
     tpl->SetClassName(Nan::New("KWNodeMessage").ToLocalChecked());
-    tpl->InstanceTemplate()->SetInternalFieldCount(2);
+    tpl->InstanceTemplate()->SetInternalFieldCount(FIELD_COUNT);
     Nan::SetPrototypeMethod(tpl, "acknowledge", Acknowledge);
     Nan::SetPrototypeMethod(tpl, "topic", Topic);
     Nan::SetPrototypeMethod(tpl, "payload", Payload);
@@ -155,12 +219,57 @@ Nan::MaybeLocal<v8::Object> KWNodeMessage::NewWithMessage(std::shared_ptr<KW::Me
     return scope.Escape(object);
 }
 
+// A topic message with a small payload needs nothing native once its bytes
+// are in the slab: its object keeps topic and bytes and no native message, so
+// it costs no weak handle, and the message is freed as soon as the handler
+// returns instead of when the object is collected. Every method answers as it
+// would for the wrapped message.
+Nan::MaybeLocal<v8::Object> KWNodeMessage::NewForDelivery(
+    std::shared_ptr<KW::Message> const& message) {
+    std::shared_ptr<KW::DataPacket> packet = message->getPayload();
+    if (message->getQOS() != KW::QOS::AT_MOST_ONCE || message->isAckRequired() ||
+        message->isRedelivered() || (packet && packet->size() > COPIED_PAYLOAD_MAX)) {
+        return NewWithMessage(message);
+    }
+    Nan::EscapableHandleScope scope;
+    v8::Local<v8::Object> object;
+    if (!Nan::NewInstance(Nan::New(classTemplate)->InstanceTemplate()).ToLocal(&object)) {
+        return Nan::MaybeLocal<v8::Object>();
+    }
+    object->SetAlignedPointerInInternalField(0, nullptr);
+    object->SetInternalField(TOPIC_FIELD, topicCache.get(message->getTopic()));
+    if (packet) {
+        size_t const n = packet->size();
+        size_t offset = 0;
+        char const* data = n != 0 ? static_cast<char const*>(packet->data()) : nullptr;
+        object->SetInternalField(PAYLOAD_FIELD, payloadSlab.place(data, n, offset));
+        object->SetInternalField(OFFSET_FIELD, Nan::New(static_cast<uint32_t>(offset)));
+        object->SetInternalField(LENGTH_FIELD, Nan::New(static_cast<uint32_t>(n)));
+    }
+    return scope.Escape(object);
+}
+
 std::shared_ptr<KW::Message> KWNodeMessage::messageOf(v8::Local<v8::Value> value) {
     if (value.IsEmpty() || classTemplate.IsEmpty() ||
         !Nan::New(classTemplate)->HasInstance(value)) {
         return nullptr;
     }
-    return Nan::ObjectWrap::Unwrap<KWNodeMessage>(value.As<v8::Object>())->message;
+    v8::Local<v8::Object> object = value.As<v8::Object>();
+    if (isDetached(object)) {
+        // A copy of the bytes: the slab is the engine's memory, and the send
+        // runs on other threads.
+        std::shared_ptr<KW::DataPacket> packet;
+        v8::Local<v8::Value> slab = internalField(object, PAYLOAD_FIELD);
+        if (slab->IsArrayBuffer()) {
+            auto const offset = Nan::To<uint32_t>(internalField(object, OFFSET_FIELD)).FromJust();
+            auto const n = Nan::To<uint32_t>(internalField(object, LENGTH_FIELD)).FromJust();
+            packet = KW::DataPacket::create(contentsOf(slab.As<v8::ArrayBuffer>()) + offset, n);
+        }
+        Nan::Utf8String topic(internalField(object, TOPIC_FIELD));
+        return std::make_shared<KWDetachedMessage>(std::string(*topic, topic.length()),
+                                                   std::move(packet));
+    }
+    return Nan::ObjectWrap::Unwrap<KWNodeMessage>(object)->message;
 }
 
 void KWNodeMessage::setMessage(std::shared_ptr<KW::Message> message) {
@@ -177,6 +286,10 @@ KWNodeMessage* KWNodeMessage::receiver(Nan::FunctionCallbackInfo<v8::Value> cons
 }
 
 NAN_METHOD(KWNodeMessage::Acknowledge) {
+    if (isDetached(info.This())) {
+        // As for any topic message: there is nothing to acknowledge.
+        return;
+    }
     KWNodeMessage* self = receiver(info);
     if (self == nullptr) {
         return;
@@ -189,6 +302,10 @@ NAN_METHOD(KWNodeMessage::Acknowledge) {
 }
 
 NAN_METHOD(KWNodeMessage::Topic) {
+    if (isDetached(info.This())) {
+        info.GetReturnValue().Set(internalField(info.This(), TOPIC_FIELD));
+        return;
+    }
     KWNodeMessage* self = receiver(info);
     if (self == nullptr) {
         return;
@@ -203,6 +320,10 @@ NAN_METHOD(KWNodeMessage::Topic) {
 }
 
 NAN_METHOD(KWNodeMessage::Payload) {
+    if (isDetached(info.This())) {
+        detachedPayload(info);
+        return;
+    }
     KWNodeMessage* self = receiver(info);
     if (self == nullptr) {
         return;
@@ -220,7 +341,7 @@ NAN_METHOD(KWNodeMessage::Payload) {
             // new Buffers over those same bytes, so Buffers of one message
             // still share their memory.
             v8::Local<v8::Object> buffer;
-            v8::Local<v8::Value> earlier = copiedPayload(info.This());
+            v8::Local<v8::Value> earlier = internalField(info.This(), PAYLOAD_FIELD);
             if (earlier->IsUint8Array()) {
                 if (bufferLike(earlier.As<v8::Uint8Array>()).ToLocal(&buffer)) {
                     info.GetReturnValue().Set(buffer);
@@ -229,7 +350,7 @@ NAN_METHOD(KWNodeMessage::Payload) {
             }
             auto const* data = static_cast<char const*>(packet->data());
             if (payloadSlab.copy(data, packet->size()).ToLocal(&buffer)) {
-                info.This()->SetInternalField(COPIED_PAYLOAD_FIELD, buffer);
+                info.This()->SetInternalField(PAYLOAD_FIELD, buffer);
                 info.GetReturnValue().Set(buffer);
             }
             return;
@@ -250,6 +371,10 @@ NAN_METHOD(KWNodeMessage::Payload) {
 }
 
 NAN_METHOD(KWNodeMessage::IsAckRequired) {
+    if (isDetached(info.This())) {
+        info.GetReturnValue().Set(Nan::False());
+        return;
+    }
     KWNodeMessage* self = receiver(info);
     if (self == nullptr) {
         return;
@@ -262,6 +387,10 @@ NAN_METHOD(KWNodeMessage::IsAckRequired) {
 }
 
 NAN_METHOD(KWNodeMessage::IsRedelivered) {
+    if (isDetached(info.This())) {
+        info.GetReturnValue().Set(Nan::False());
+        return;
+    }
     KWNodeMessage* self = receiver(info);
     if (self == nullptr) {
         return;
@@ -274,6 +403,10 @@ NAN_METHOD(KWNodeMessage::IsRedelivered) {
 }
 
 NAN_METHOD(KWNodeMessage::Qos) {
+    if (isDetached(info.This())) {
+        info.GetReturnValue().Set(Nan::New(static_cast<uint32_t>(KW::QOS::AT_MOST_ONCE)));
+        return;
+    }
     KWNodeMessage* self = receiver(info);
     if (self == nullptr) {
         return;

@@ -7,7 +7,8 @@
 #include "core/Message.h"
 
 // The JavaScript view of one received message. Every method asks the
-// underlying KW::Message at call time; nothing is cached.
+// underlying KW::Message at call time, except in a detached object (see
+// NewForDelivery), which answers from what it copied when it was made.
 class KWNodeMessage : public Nan::ObjectWrap {
   public:
     static void Init(v8::Local<v8::Object> exports);
@@ -17,6 +18,10 @@ class KWNodeMessage : public Nan::ObjectWrap {
     // A new object holding message: what NewEmpty and setMessage give,
     // without running the constructor function.
     static Nan::MaybeLocal<v8::Object> NewWithMessage(std::shared_ptr<KW::Message> message);
+    // The object a subscription handler gets for message: for a topic message
+    // with a payload of at most COPIED_PAYLOAD_MAX bytes, a detached object that
+    // keeps topic and bytes instead of the message; otherwise NewWithMessage.
+    static Nan::MaybeLocal<v8::Object> NewForDelivery(std::shared_ptr<KW::Message> const& message);
     // Payloads up to this size are copied into the Buffer that payload()
     // returns; larger ones are shared with the packet.
     static constexpr unsigned long COPIED_PAYLOAD_MAX = 4096;

@@ -68,6 +68,9 @@ class WorkerContext {
     // pushes costs the producer no wake-up system call and the burst no
     // scheduler round trip per task.
     std::uint64_t spinMicros = 50;
+    // What the pool's threads are called in ps, top, perf and debuggers (at
+    // most 15 characters); empty leaves the name they inherit.
+    char const* threadName = "";
     // The queue length as last seen under queueMutex: what a spinning thread
     // watches without taking the lock.
     std::atomic<std::size_t> queuedHint{0};

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -24,6 +26,9 @@ class WorkerFunctor {
         : context(context), owner(owner), generation(context->generation) {}
 
     void operator()() {
+        if (context->threadName[0] != '\0') {
+            pthread_setname_np(pthread_self(), context->threadName);
+        }
         std::unique_lock<std::mutex> lock(context->queueMutex);
         while (awaitTask(lock)) {
             if constexpr (batch) {

@@ -54,6 +54,10 @@ Session::Session(std::string const& destination,
       connection(destination, connectionData),
       handle(api),
       eventHandler(std::move(handler)) {
+    receiveWorker.threadName = "kw-receive";
+    publishWorker.threadName = "kw-publish";
+    forwardWorker.threadName = "kw-forward";
+    subscribeWorker.threadName = "kw-subscribe";
     receiveWorker.batchSize = 50;
     receiveWorker.maxQueueSize = 512;
     receiveWorker.jobThresholds = {0, 200};
