@@ -1,8 +1,6 @@
 #include "solace/impl/Session.h"
 
-#include <chrono>
 #include <exception>
-#include <thread>
 
 #include "core/DataPacket.h"
 #include "core/DroppedFailures.h"
@@ -421,28 +419,14 @@ bool Session::process(std::shared_ptr<ForwardTask> task) {
 // sends, in the same order, changes.
 constexpr auto WINDOW_WAIT_MS = std::chrono::milliseconds(10);
 
-// Answers from a broker close by come microseconds apart: the worker watches the count that
-// long before it sleeps, so that the half window it waits for costs no wake-up. The wait under
-// the lock that follows is the same, within the same 10 ms.
-constexpr auto WINDOW_SPIN = std::chrono::microseconds(50);
-
 void Session::awaitWindowRoom() {
     if (getPendingCount() < PUBLISH_WINDOW) {
         return;
     }
-    auto const deadline = std::chrono::steady_clock::now() + WINDOW_WAIT_MS;
-    auto const spinUntil = std::chrono::steady_clock::now() + WINDOW_SPIN;
-    for (unsigned round = 1; getPendingCount() > PUBLISH_WINDOW / 2; ++round) {
-        if ((round & 15) == 0) {
-            if (std::chrono::steady_clock::now() >= spinUntil) {
-                break;
-            }
-            std::this_thread::yield();
-        }
-    }
     std::unique_lock<std::mutex> lock(pendingMutex);
     ++windowWaiters;
-    windowRoom.wait_until(lock, deadline, [this] { return pending.size() <= PUBLISH_WINDOW / 2; });
+    windowRoom.wait_for(lock, WINDOW_WAIT_MS,
+                        [this] { return pending.size() <= PUBLISH_WINDOW / 2; });
     --windowWaiters;
 }
 
