@@ -32,10 +32,9 @@ void Context::post(void const* owner, void const* subOwner, Work work) {
         auto const due =
             std::chrono::steady_clock::now() + std::chrono::microseconds(_roundTripUs.load());
         items.push_back(Item{owner, subOwner, std::move(work), due});
-        queued.store(items.size(), std::memory_order_release);
         wake = sleeping;
     }
-    // A thread that is running or spinning finds the work without a wake-up.
+    // A thread that is running finds the work when it looks again: no wake-up call.
     if (wake) {
         ready.notify_one();
     }
@@ -51,7 +50,6 @@ void Context::purge(void const* owner) {
                                       [&](Item const& item) { return !matches(item); });
     std::move(keep, items.end(), std::back_inserter(dropped));
     items.erase(keep, items.end());
-    queued.store(items.size(), std::memory_order_release);
     if (!onThread()) {
         idle.wait(lock, [&] { return runningOwner != owner && runningSubOwner != owner; });
     }
@@ -66,7 +64,6 @@ void Context::stop() {
         }
         stopping = true;
         dropped.swap(items);
-        queued.store(0, std::memory_order_release);
     }
     ready.notify_all();
     if (thread.joinable()) {
@@ -87,35 +84,9 @@ void Context::wake() {
     ready.notify_all();
 }
 
-// How long the thread watches for work before it sleeps. The posts of a busy
-// sender come microseconds apart; a thread that sleeps between them costs the
-// sender a wake-up system call and itself a scheduler round trip per post.
-constexpr auto SPIN = std::chrono::microseconds(50);
-
-void Context::spin(std::unique_lock<std::mutex>& lock) {
-    lock.unlock();
-    auto const until = std::chrono::steady_clock::now() + SPIN;
-    for (unsigned round = 1; queued.load(std::memory_order_acquire) == 0; ++round) {
-        if ((round & 15) == 0) {
-            if (std::chrono::steady_clock::now() >= until) {
-                break;
-            }
-            std::this_thread::yield();  // to a sender that shares this core
-        } else {
-#if defined(__x86_64__) || defined(__i386__)
-            __builtin_ia32_pause();
-#endif
-        }
-    }
-    lock.lock();
-}
-
 void Context::run() {
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
-        if (items.empty() && !stopping) {
-            spin(lock);
-        }
         sleeping = true;
         ready.wait(lock, [this] { return stopping || (!items.empty() && !_held.load()); });
         if (stopping) {
@@ -130,7 +101,6 @@ void Context::run() {
         sleeping = false;
         Item item = std::move(items.front());
         items.pop_front();
-        queued.store(items.size(), std::memory_order_release);
         runningOwner = item.owner;
         runningSubOwner = item.subOwner;
         lock.unlock();

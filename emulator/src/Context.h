@@ -50,8 +50,6 @@ class Context {
         std::chrono::steady_clock::time_point due;
     };
     void run();
-    // Watches for posted work for a short while before the thread sleeps.
-    void spin(std::unique_lock<std::mutex>& lock);
 
     static std::atomic<bool> _held;
     static std::atomic<unsigned> _roundTripUs;
@@ -60,8 +58,6 @@ class Context {
     std::condition_variable ready;
     std::condition_variable idle;
     std::deque<Item> items;
-    // items.size() as last set under the mutex: what a spinning thread watches.
-    std::atomic<std::size_t> queued{0};
     // Guarded by mutex: the thread sleeps on `ready` (a post needs to wake it).
     bool sleeping = false;
     void const* runningOwner = nullptr;
