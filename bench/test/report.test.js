@@ -1,10 +1,7 @@
 'use strict';
 const test = require('node:test');
 const assert = require('node:assert/strict');
-const fs = require('fs');
-const os = require('os');
-const path = require('path');
-const { aggregate, markdownTable, writeResults, formatNumber, formatCell, formatRatio } = require('../lib/report');
+const { aggregate, markdownTable, formatNumber, formatCell, formatRatio } = require('../lib/report');
 
 const cells = (line) => line.split('|').map((c) => c.trim());
 const run = (system, rep, metrics, variant = '64 B', workload = 'direct') => ({ workload, system, rep, variant, metrics });
@@ -67,14 +64,4 @@ test('number and cell formatting', () => {
   assert.equal(formatCell({ n: 1, median: 2.5, min: 2.5, max: 2.5 }), '2.50');
   assert.equal(formatCell(undefined), '–');
   assert.deepEqual([0.5, 0.0000137, 33.21, null].map(formatRatio), ['0.50×', '0.000014×', '33.2×', '–']);
-});
-
-test('results are written twice with the same content', (t) => {
-  const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'kwbench-'));
-  t.after(() => fs.rmSync(dir, { recursive: true, force: true }));
-  const doc = { mode: 'short', summaries: [{ metric: 'msgsPerSec', median: 1 }] };
-  const { stamped, latest } = writeResults(path.join(dir, 'nested'), doc, new Date('2030-01-02T03:04:05.678Z'));
-  assert.equal(path.basename(stamped), '2030-01-02T03-04-05-678Z.json');
-  assert.deepEqual(JSON.parse(fs.readFileSync(latest, 'utf8')), doc);
-  assert.equal(fs.readFileSync(stamped, 'utf8'), fs.readFileSync(latest, 'utf8'));
 });

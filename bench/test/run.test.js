@@ -19,10 +19,13 @@ test('a baseline-only run prints the table and writes matching JSON', (t) => {
   const opts = ['--short', '--reps', '2', '--systems', 'baseline', '--workloads', 'direct,latency'];
   const r = node('run.js', ...opts, '--no-install', '--out', out);
   assert.equal(r.status, 0, r.stderr);
-  const files = fs.readdirSync(out);
+  // Written twice, the same: latest.json and a copy named by its time.
+  const files = fs.readdirSync(out).sort();
   assert.equal(files.length, 2);
-  assert.ok(files.includes('latest.json'));
-  const doc = JSON.parse(fs.readFileSync(path.join(out, 'latest.json'), 'utf8'));
+  assert.match(files[0], /^\d{4}-\d\d-\d\dT\d\d-\d\d-\d\d-\d{3}Z\.json$/);
+  const text = fs.readFileSync(path.join(out, 'latest.json'), 'utf8');
+  assert.equal(fs.readFileSync(path.join(out, files[0]), 'utf8'), text);
+  const doc = JSON.parse(text);
   assert.equal(doc.mode, 'short');
   assert.deepEqual(doc.failures, []);
   // Two runs per case, and every direct payload size measured.

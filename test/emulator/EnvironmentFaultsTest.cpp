@@ -31,6 +31,7 @@ TEST(EnvironmentFaults, VariablesReadAtInitializeShapeTheBrokers) {
     int sent = 0;
     ASSERT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(session, "envq1", "r", &sent));
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR));
+    EXPECT_EQ(&sent, harness.events().back().correlation);
     EXPECT_EQ(0, solEmu_queueDepth("envq1"));
 
     auto refused = harness.createSession("env.host:1", {{"SESSION_USERNAME", "baduser"}});

@@ -99,14 +99,6 @@ TEST_F(Reconnect, FiniteRetriesEndInDownErrorAndConnectFailure) {
     EXPECT_EQ(1u, harness.countEvents(false, SOLCLIENT_SESSION_EVENT_CONNECT_FAILED_ERROR));
 }
 
-TEST_F(Reconnect, ReservedTopicDropsTheBrokerForAWhile) {
-    auto session = harness.connected(hostPort);
-    ASSERT_EQ(SOLCLIENT_OK, harness.publish(session, "#emulator/drop", "30"));
-    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_RECONNECTING_NOTICE));
-    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_RECONNECTED_NOTICE));
-    EXPECT_EQ(SOLCLIENT_FAIL, harness.publish(session, "#emulator/drop", "soon"));
-}
-
 TEST_F(Reconnect, BlockingConnectAndSilentDisconnect) {
     auto session = harness.createSession(hostPort, {{"SESSION_CONNECT_BLOCKING", "1"}});
     EXPECT_EQ(SOLCLIENT_OK, solClient_session_connect(session));

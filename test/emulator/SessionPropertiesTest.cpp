@@ -41,17 +41,14 @@ INSTANTIATE_TEST_SUITE_P(Checks, SessionProperties,
 
 using SessionSetup = EmulatorTest;
 
-TEST_F(SessionSetup, RecordsTheListAndChecksRecordSizes) {
-    ASSERT_NE(nullptr, harness.createSession(hostPort, {{"SESSION_USERNAME", "alice"}}));
-    std::string recorded(4096, '\0');
-    const size_t length = solEmu_lastSessionProperties(recorded.data(), recorded.size());
-    recorded.resize(length);
-    EXPECT_EQ(0u, recorded.find("SESSION_HOST\ntcp:" + hostPort + "\n"));
-    EXPECT_NE(std::string::npos, recorded.find("SESSION_USERNAME\nalice"));
-    EXPECT_NE(std::string::npos, recorded.find("SESSION_PASSWORD\n\n"));  // empty value kept
+// The recorded list itself is compared whole by the adapter's session tests.
+TEST_F(SessionSetup, RecordedListIsTruncatedToTheBufferAndRecordSizesAreChecked) {
+    ASSERT_NE(nullptr, harness.createSession(hostPort));
+    std::string whole(4096, '\0');
     char small[8];
-    EXPECT_EQ(length, solEmu_lastSessionProperties(small, sizeof(small)));
-    EXPECT_EQ('\0', small[7]);
+    EXPECT_EQ(solEmu_lastSessionProperties(whole.data(), whole.size()),
+              solEmu_lastSessionProperties(small, sizeof(small)));
+    EXPECT_EQ(whole.substr(0, 7), std::string(small));  // the terminator in the last byte
 
     solClient_session_createFuncInfo_t funcs{};
     solClient_opaqueSession_pt other = nullptr;

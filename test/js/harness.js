@@ -74,14 +74,14 @@ exports.completion = function (start) {
   return new Promise(function (resolve) { start(resolve); });
 };
 
-// Resolves once predicate() holds, rejects naming what after timeoutMs.
-// Bounds a wait, measures nothing.
+// Resolves once predicate() holds, rejects naming what (a text, or a function
+// giving one) after timeoutMs. Bounds a wait, measures nothing.
 exports.waitFor = function (predicate, what, timeoutMs) {
   var deadline = Date.now() + (timeoutMs || 10000);
   return new Promise(function (resolve, reject) {
     (function check() {
       if (predicate()) return resolve();
-      if (Date.now() > deadline) return reject(new Error('timed out waiting for ' + what));
+      if (Date.now() > deadline) return reject(new Error('timed out waiting for ' + (typeof what === 'function' ? what() : what)));
       setTimeout(check, 5);
     })();
   });
@@ -97,16 +97,16 @@ exports.collector = function () {
   return got;
 };
 
-// Resolves with { client, events } once a client on the stand-in broker is
-// in state 3 and its event saying so has arrived (the state is read at once,
-// the event comes through the loop); events holds [eventCode, eventSubCode,
-// what] of each event.
-exports.connected = function (id, vpn) {
+// Resolves with { client, events } once a client on the stand-in broker (at
+// port, 55555 by default) is in state 3 and its event saying so has arrived
+// (the state is read at once, the event comes through the loop); events holds
+// [eventCode, eventSubCode, what] of each event.
+exports.connected = function (id, vpn, port) {
   var events = [];
-  var client = new (exports.kwnode().KWNodeClient)(id, 'SOLACE', { host: 'localhost', port: 55555, vpn: vpn },
+  var client = new (exports.kwnode().KWNodeClient)(id, 'SOLACE', { host: 'localhost', port: port || 55555, vpn: vpn },
     function (ev) { events.push([ev.eventCode(), ev.eventSubCode(), ev.what()]); });
   client.connect();
   function reported() { return events.some(function (e) { return e[0] === 1 && e[1] === 3; }); }
-  return exports.waitFor(function () { return client.getConnectionState() === 3 && reported(); }, 'connection')
+  return exports.waitFor(function () { return client.getConnectionState() === 3 && reported(); }, id + ' connected', 30000)
     .then(function () { return { client: client, events: events }; });
 };

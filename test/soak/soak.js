@@ -35,23 +35,9 @@ let problems = [];
 const check = (ok, text) => { if (!ok) problems.push(text); };
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
-async function until(predicate, what, timeoutMs = 60000) {
-  const deadline = Date.now() + timeoutMs;
-  while (!predicate()) {
-    if (Date.now() > deadline) throw new Error('timed out waiting for ' + (typeof what === 'function' ? what() : what));
-    await sleep(2);
-  }
-}
-
+const until = (predicate, what, timeoutMs = 60000) => harness.waitFor(predicate, what, timeoutMs);
 // A client on its own broker (one port per campaign, so drops stay local).
-async function connect(id, port, vpn = 'soak') {
-  const events = [];
-  const client = new KWNodeClient(id, 'SOLACE', { host: 'localhost', port, vpn },
-    (ev) => events.push(ev.eventCode() === 1 ? ev.eventSubCode() : 'error: ' + ev.what()));
-  client.connect();
-  await until(() => client.getConnectionState() === 3, id + ' connected');
-  return { client, events };
-}
+const connect = (id, port) => harness.connected(id, 'soak', port);
 
 const subscribed = (client, ...args) => new Promise((resolve, reject) =>
   client.subscribe(...args, (err) => (err ? reject(err) : resolve())));
