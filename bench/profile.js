@@ -1,10 +1,12 @@
 #!/usr/bin/env node
 'use strict';
-// Profile of the direct-message hot path: runs the 64 B direct workload in a
-// worker under `perf record` (all threads: main, stand-in context thread,
-// adapter workers) and prints where the CPU time per delivered message goes,
-// by area and by symbol. Needs perf (Debian: linux-perf).
-//   node bench/profile.js [--system kwnode] [--count 300000] [--size 64] [--top 25] [--window 256]
+// Profile of a hot path: runs the 64 B direct workload (or, with
+// `--workload guaranteed`, 1 KiB guaranteed publishes with a completion each,
+// publish only) in a worker under `perf record` (all threads: main, stand-in
+// context thread, adapter workers) and prints where the CPU time per message
+// goes, by area and by symbol. Needs perf (Debian: linux-perf).
+//   node bench/profile.js [--workload direct|guaranteed] [--system kwnode] [--count N]
+//                         [--size B] [--top 25] [--window W]
 
 const fs = require('fs');
 const os = require('os');
@@ -30,14 +32,29 @@ const AREAS = [
   ['kernel', /^\[kernel/],
 ];
 
+// Defaults per workload: the benchmark's own sizes and windows.
+const DEFAULTS = {
+  direct: { count: 300000, size: 64, window: 256 },
+  guaranteed: { count: 100000, size: 1024, window: 200 },
+};
+
 function parseArgs(argv) {
-  const o = { system: 'kwnode', count: 300000, size: 64, top: 25, window: 256 };
+  const o = { workload: 'direct', system: 'kwnode', top: 25 };
   for (let i = 0; i < argv.length; i += 2) {
     const key = argv[i].replace(/^--/, '');
-    if (!(key in o)) throw new Error(`unknown argument ${argv[i]}`);
-    o[key] = key === 'system' ? argv[i + 1] : Number(argv[i + 1]);
+    if (!['workload', 'system', 'top', 'count', 'size', 'window'].includes(key)) throw new Error(`unknown argument ${argv[i]}`);
+    o[key] = key === 'system' || key === 'workload' ? argv[i + 1] : Number(argv[i + 1]);
   }
-  return o;
+  if (!DEFAULTS[o.workload]) throw new Error(`no profile for the workload ${o.workload}`);
+  return { ...DEFAULTS[o.workload], ...o };
+}
+
+// The worker's job for the chosen workload.
+function jobOf(o) {
+  if (o.workload === 'guaranteed') {
+    return { workload: 'guaranteed', system: o.system, params: { size: o.size, count: o.count, window: o.window, consume: false } };
+  }
+  return { workload: 'direct', system: o.system, params: { sizes: [o.size], counts: { [o.size]: o.count }, window: o.window } };
 }
 
 // Lines of `perf report --stdio --no-children --sort dso,sym`:
@@ -70,11 +87,7 @@ function main() {
   const o = parseArgs(process.argv.slice(2));
   const emulatorDir = env.findEmulatorDir({ ldLibraryPath: process.env.LD_LIBRARY_PATH });
   const data = path.join(fs.mkdtempSync(path.join(os.tmpdir(), 'kwprof-')), 'perf.data');
-  const job = {
-    workload: 'direct',
-    system: o.system,
-    params: { sizes: [o.size], counts: { [o.size]: o.count }, window: o.window },
-  };
+  const job = jobOf(o);
   const childEnv = { ...process.env, SOLCLIENT_EMULATOR_QUEUES: QUEUE };
   if (emulatorDir) childEnv.LD_LIBRARY_PATH = env.prependLibraryPath(emulatorDir, process.env.LD_LIBRARY_PATH);
   const rec = spawnSync(
@@ -100,7 +113,11 @@ function main() {
   // cpu-clock counts nanoseconds.
   const nsPerMsg = (pct) => (eventCount ? ((eventCount * pct) / 100 / messages).toFixed(0) : '?');
   const out = [];
-  out.push(`system ${o.system}, ${o.size} B payloads, ${messages} messages profiled; measured pass ${Math.round(result.metrics.msgsPerSec)} msg/s, ${result.metrics.dropped} dropped`);
+  const pass =
+    o.workload === 'guaranteed'
+      ? `${Math.round(result.metrics.ackedPerSec)} acked sends/s, ${result.metrics.cpuUsPerMsg.toFixed(2)} CPU µs/send`
+      : `${Math.round(result.metrics.msgsPerSec)} msg/s, ${result.metrics.dropped} dropped`;
+  out.push(`${o.workload} workload, system ${o.system}, ${o.size} B payloads, ${messages} messages profiled; measured pass ${pass}`);
   out.push(`CPU time in the profile: ${eventCount ? (eventCount / 1e6).toFixed(0) : '?'} ms = ${nsPerMsg(100)} ns per message (all threads)\n`);
   out.push('| Area | share | ns/msg |', '|---|---|---|');
   for (const [area, pct] of byArea(rows)) out.push(`| ${area} | ${pct.toFixed(1)}% | ${nsPerMsg(pct)} |`);
@@ -116,4 +133,4 @@ function main() {
 
 if (require.main === module) process.exitCode = main();
 
-module.exports = { parsePerfReport, areaOf, byArea };
+module.exports = { parsePerfReport, areaOf, byArea, parseArgs, jobOf };

@@ -142,24 +142,27 @@ async function consumeQueue(client, count) {
 }
 
 // 2. Guaranteed messages through a queue (kwnode only: neither peer has
-// broker-acknowledged delivery).
+// broker-acknowledged delivery). `consume: false` (the profile's publish-only
+// run) leaves the messages spooled and reports the publishes alone.
 async function guaranteed(system, params) {
   if (system !== 'kwnode') throw new Error('the guaranteed workload exists for kwnode only');
   const mod = env.loadKwnode();
+  const consume = params.consume !== false;
   const pub = await transports.withTimeout(transports.connectKwnode(mod.KWNodeClient, 'bench-gpub'), 10000, 'connect');
-  const con = await transports.withTimeout(transports.connectKwnode(mod.KWNodeClient, 'bench-gsub'), 10000, 'connect');
+  const con = consume ? await transports.withTimeout(transports.connectKwnode(mod.KWNodeClient, 'bench-gsub'), 10000, 'connect') : null;
   const payload = Buffer.alloc(params.size, 0x62);
   const warm = Math.max(100, Math.floor(params.count / 10));
   await publishGuaranteed(pub, warm, params.window, payload);
-  await consumeQueue(con, warm);
+  if (con) await consumeQueue(con, warm);
   const p = await publishGuaranteed(pub, params.count, params.window, payload);
-  const c = await consumeQueue(con, params.count);
+  const out = [{ variant: `publish ${sizeLabel(params.size)}`, metrics: { ackedPerSec: p.perSec, cpuUsPerMsg: p.cpuUsPerMsg } }];
+  if (con) {
+    const c = await consumeQueue(con, params.count);
+    out.push({ variant: `consume ${sizeLabel(params.size)}`, metrics: { consumedPerSec: c.perSec } });
+    con.disconnect();
+  }
   pub.disconnect();
-  con.disconnect();
-  return [
-    { variant: `publish ${sizeLabel(params.size)}`, metrics: { ackedPerSec: p.perSec, cpuUsPerMsg: p.cpuUsPerMsg } },
-    { variant: `consume ${sizeLabel(params.size)}`, metrics: { consumedPerSec: c.perSec } },
-  ];
+  return out;
 }
 
 // 7. The same client paths against a broker that takes `roundTripUs` to

@@ -1,7 +1,7 @@
 'use strict';
 const test = require('node:test');
 const assert = require('node:assert/strict');
-const { parsePerfReport, areaOf, byArea } = require('../profile');
+const { parsePerfReport, areaOf, byArea, parseArgs, jobOf } = require('../profile');
 
 const SAMPLE = `# Total Lost Samples: 0
 #
@@ -56,4 +56,10 @@ test('perf report rows and the event count are read and grouped by area', () => 
   for (let i = 1; i < areas.length; i++) assert.ok(areas[i - 1][1] >= areas[i][1]);
   const total = areas.reduce((s, [, p]) => s + p, 0);
   assert.ok(Math.abs(total - rows.reduce((s, r) => s + r.percent, 0)) < 1e-9);
+});
+
+test('each profiled workload gets the benchmark job it names, publish-only for guaranteed sends', () => {
+  assert.deepEqual(jobOf(parseArgs(['--workload', 'guaranteed', '--count', '5000'])).params, { size: 1024, count: 5000, window: 200, consume: false });
+  assert.deepEqual(jobOf(parseArgs([])).params, { sizes: [64], counts: { 64: 300000 }, window: 256 });
+  assert.throws(() => parseArgs(['--workload', 'latency']), /no profile/);
 });

@@ -23,6 +23,7 @@ Context::~Context() {
 }
 
 void Context::post(void const* owner, void const* subOwner, Work work) {
+    bool wake;
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (stopping) {
@@ -31,8 +32,12 @@ void Context::post(void const* owner, void const* subOwner, Work work) {
         auto const due =
             std::chrono::steady_clock::now() + std::chrono::microseconds(_roundTripUs.load());
         items.push_back(Item{owner, subOwner, std::move(work), due});
+        wake = sleeping;
     }
-    ready.notify_one();
+    // A thread that is running finds the work when it looks again: no wake-up call.
+    if (wake) {
+        ready.notify_one();
+    }
 }
 
 void Context::purge(void const* owner) {
@@ -82,6 +87,7 @@ void Context::wake() {
 void Context::run() {
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
+        sleeping = true;
         ready.wait(lock, [this] { return stopping || (!items.empty() && !_held.load()); });
         if (stopping) {
             return;
@@ -92,6 +98,7 @@ void Context::run() {
             ready.wait_until(lock, due);
             continue;
         }
+        sleeping = false;
         Item item = std::move(items.front());
         items.pop_front();
         runningOwner = item.owner;

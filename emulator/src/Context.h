@@ -58,6 +58,8 @@ class Context {
     std::condition_variable ready;
     std::condition_variable idle;
     std::deque<Item> items;
+    // Guarded by mutex: the thread sleeps on `ready` (a post needs to wake it).
+    bool sleeping = false;
     void const* runningOwner = nullptr;
     void const* runningSubOwner = nullptr;
     bool stopping = false;

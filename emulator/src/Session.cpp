@@ -543,7 +543,12 @@ solClient_returnCode_t Session::send(Message const& message) {
     if (rc != SOLCLIENT_OK) {
         return rc;
     }
-    pending.push_back(PendingSend{std::move(copy), false});
+    if (spareSends.empty()) {
+        pending.push_back(PendingSend{std::move(copy), false});
+    } else {
+        pending.splice(pending.end(), spareSends, spareSends.begin());
+        pending.back() = PendingSend{std::move(copy), false};
+    }
     if (state.load() == State::UP) {
         transmitLocked(std::prev(pending.end()));
     }  // else buffered (BLOCK_WHILE_CONNECTING "0"); transmitted when the session is up
@@ -554,7 +559,7 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
     void* tag = entry->message->correlationTag();
     if (entry->spooled) {
         postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag);
-        pending.erase(entry);
+        retireLocked(entry);
         return;
     }
     std::shared_ptr<Queue> queue;
@@ -563,7 +568,7 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
         queue = vpn->queue(entry->message->destinationName());
         if (!queue) {
             postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 503, "Unknown Queue", tag);
-            pending.erase(entry);
+            retireLocked(entry);
             return;
         }
     }
@@ -571,7 +576,7 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
     if (mode == FaultInjector::AckMode::REJECT) {
         postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 400, "Rejected by the emulator",
                     tag);
-        pending.erase(entry);
+        retireLocked(entry);
         return;
     }
     if (queue) {
@@ -582,7 +587,19 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
         return;
     }
     postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag);
-    pending.erase(entry);
+    retireLocked(entry);
+}
+
+// A few nodes are kept: enough for the sends of one window answered in a row.
+constexpr size_t SPARE_SENDS = 64;
+
+void Session::retireLocked(std::list<PendingSend>::iterator entry) {
+    if (spareSends.size() >= SPARE_SENDS) {
+        pending.erase(entry);
+        return;
+    }
+    entry->message.reset();
+    spareSends.splice(spareSends.end(), pending, entry);
 }
 
 void Session::postSettled(solClient_session_event_t event, unsigned responseCode, std::string info,

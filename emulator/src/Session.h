@@ -99,6 +99,8 @@ class Session : public std::enable_shared_from_this<Session> {
         bool spooled;  // the broker has it; a retransmission is only acknowledged
     };
 
+    // Takes a settled send out of `pending`, keeping its node for a later send.
+    void retireLocked(std::list<PendingSend>::iterator entry);
     void attempt(uint64_t epoch);
     void scheduleConnectTimeout(uint64_t epoch);
     void connectTimedOut(uint64_t epoch);
@@ -161,6 +163,9 @@ class Session : public std::enable_shared_from_this<Session> {
     std::string lastError;
     std::map<Flow const*, std::shared_ptr<Flow>> flows;
     std::list<PendingSend> pending;
+    // Nodes of settled sends, spliced back into `pending` by later sends: a send
+    // answered at once takes no list allocation.
+    std::list<PendingSend> spareSends;
     size_t answersInFlight = 0;  // acknowledgements posted, not yet processed
     int windowWaiters = 0;       // sends waiting for room in the publish window
     bool canSendOwed = false;    // a WOULD_BLOCK was returned; CAN_SEND follows

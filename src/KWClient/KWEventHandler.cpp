@@ -20,9 +20,10 @@ KWEventHandler::KWEventHandler(v8::Local<v8::Function> const& fn)
 
 KWEventHandler::~KWEventHandler() = default;
 
+// The push and the trigger in one lock (post): a trigger already owed for an
+// item before this one pulls this one too, so only the first of a burst wakes the loop.
 void KWEventHandler::sendEvent(std::shared_ptr<KWCallbackItem> item) {
-    processor->pushBackItem(std::move(item));
-    processor->triggerCallback();
+    processor->post(std::move(item));
 }
 
 // Every non-empty reference reaching this handler was made by the JavaScript

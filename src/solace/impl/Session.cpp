@@ -39,6 +39,8 @@ constexpr unsigned long MAX_ATTACHMENT = 0xFFFFFFFFul;
 
 // The library's publish window: the vendor's default of 50, which the property list leaves.
 constexpr std::size_t PUBLISH_WINDOW = 50;
+// Emptied pending-map nodes kept for reuse: a window's worth and some.
+constexpr std::size_t SPARE_NODES = 2 * PUBLISH_WINDOW;
 
 }  // namespace
 
@@ -332,8 +334,11 @@ void Session::settlePending(solClient_session_eventCallbackInfo* info, char cons
     if (it == pending.end()) {
         return;
     }
-    std::shared_ptr<MessageTask> task = it->second;
-    pending.erase(it);
+    auto node = pending.extract(it);
+    std::shared_ptr<MessageTask> task = std::move(node.mapped());
+    if (spareNodes.size() < SPARE_NODES) {
+        spareNodes.push_back(std::move(node));
+    }
     pendingSize.store(pending.size(), std::memory_order_release);
     if (windowWaiters > 0 && pending.size() <= PUBLISH_WINDOW / 2) {
         windowRoom.notify_all();
@@ -548,7 +553,15 @@ bool Session::sendMessageGuaranteed(std::shared_ptr<MessageTask> task) {
         {
             // Recorded before the send: the answer may come before it returns.
             std::lock_guard<std::mutex> lock(pendingMutex);
-            pending[id] = task;
+            if (spareNodes.empty()) {
+                pending[id] = task;
+            } else {
+                auto node = std::move(spareNodes.back());
+                spareNodes.pop_back();
+                node.key() = id;
+                node.mapped() = task;
+                pending.insert(std::move(node));  // ids are unique: same as pending[id] = task
+            }
             pendingSize.store(pending.size(), std::memory_order_release);
         }
         if (api.sessionSendMsg(handle.get(), msg) == SOLCLIENT_OK) {

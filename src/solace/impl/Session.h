@@ -158,6 +158,9 @@ class Session {
 
     std::map<unsigned long long, std::shared_ptr<MessageTask>> pending;
     std::mutex pendingMutex;
+    // Guarded by pendingMutex: emptied nodes of settled sends, reused by later
+    // inserts (the map and its order are unchanged; only its allocations go).
+    std::vector<decltype(pending)::node_type> spareNodes;
     // pending.size(), set under pendingMutex and read without it: every send on
     // the caller's thread asks it, and a snapshot is all a caller gets either way.
     std::atomic<std::size_t> pendingSize{0};
