@@ -71,6 +71,16 @@ function parsePerfReport(text) {
   return { rows, eventCount };
 }
 
+// Lines of `perf report --stdio --no-children --sort comm`: "    12.34%  kw-receive".
+function parseThreads(text) {
+  const rows = [];
+  for (const line of text.split('\n')) {
+    const m = /^\s+([\d.]+)%\s+(\S.*\S|\S)\s*$/.exec(line);
+    if (m) rows.push({ percent: Number(m[1]), thread: m[2] });
+  }
+  return rows;
+}
+
 function areaOf(row) {
   const key = `${row.kernel ? '[kernel]' : row.dso} ${row.symbol}`;
   const hit = AREAS.find(([, re]) => re.test(key));
@@ -126,6 +136,13 @@ function main() {
     const sym = r.symbol.length > 90 ? `${r.symbol.slice(0, 87)}...` : r.symbol;
     out.push(`| \`${sym.replace(/\|/g, '\\|')}\` | ${r.kernel ? 'kernel' : r.dso} | ${r.percent.toFixed(2)}% | ${nsPerMsg(r.percent)} |`);
   }
+  // Threads by name: the spin, sleep and wake-up costs show up per thread.
+  const byThread = spawnSync('perf', ['report', '-i', data, '--stdio', '--no-children', '--sort', 'comm', '--percent-limit', '0.5'], {
+    encoding: 'utf8',
+    maxBuffer: 64 * 1024 * 1024,
+  });
+  out.push('', '| Thread | share | ns/msg |', '|---|---|---|');
+  for (const t of parseThreads(byThread.stdout || '')) out.push(`| ${t.thread} | ${t.percent.toFixed(1)}% | ${nsPerMsg(t.percent)} |`);
   process.stdout.write(`${out.join('\n')}\n`);
   fs.rmSync(path.dirname(data), { recursive: true, force: true });
   return 0;
@@ -133,4 +150,4 @@ function main() {
 
 if (require.main === module) process.exitCode = main();
 
-module.exports = { parsePerfReport, areaOf, byArea, parseArgs, jobOf };
+module.exports = { parsePerfReport, parseThreads, areaOf, byArea, parseArgs, jobOf };

@@ -68,6 +68,8 @@ class WorkerContext {
     // pushes costs the producer no wake-up system call and the burst no
     // scheduler round trip per task.
     std::uint64_t spinMicros = 50;
+    // A thread is spinning (under queueMutex).
+    bool spinning = false;
     // What the pool's threads are called in ps, top, perf and debuggers (at
     // most 15 characters); empty leaves the name they inherit.
     char const* threadName = "";

@@ -110,9 +110,12 @@ class WorkerFunctor {
     // to spinMicros before the caller sleeps. The same checks follow under
     // the lock, so a spin that sees nothing changes nothing but the timing.
     void spin(std::unique_lock<std::mutex>& lock) {
-        if (context->spinMicros == 0) {
+        // One watcher per pool: a second spinner would only race the first
+        // for the same task and burn the core the producer needs.
+        if (context->spinMicros == 0 || context->spinning) {
             return;
         }
+        context->spinning = true;
         lock.unlock();
         auto const until =
             std::chrono::steady_clock::now() + std::chrono::microseconds(context->spinMicros);
@@ -131,6 +134,7 @@ class WorkerFunctor {
             }
         }
         lock.lock();
+        context->spinning = false;
     }
 
     static void pause() {
