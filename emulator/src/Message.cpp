@@ -1,5 +1,7 @@
 #include "Message.h"
 
+#include <cstring>
+
 namespace SolEmu {
 
 std::atomic<long> Message::_live{0};
@@ -29,13 +31,22 @@ std::shared_ptr<const Message> Message::snapshot(Message const& source) {
     copy->correlation = source.correlation;
     copy->sequence = source.sequence;
     if (source.attachmentPresent) {
-        copy->ownedPayload = std::make_shared<const std::string>(
-            static_cast<char const*>(source.attachmentBytes), source.attachmentLength);
-        copy->attachmentPresent = true;
-        copy->attachmentBytes = copy->ownedPayload->data();
-        copy->attachmentLength = source.attachmentLength;
+        copy->ownBytes(source.attachmentBytes, source.attachmentLength);
     }
     return copy;
+}
+
+void Message::ownBytes(void const* data, uint32_t size) {
+    attachmentPresent = true;
+    attachmentLength = size;
+    if (size <= INLINE_BYTES) {
+        ownedPayload.reset();
+        std::memcpy(inlineBytes.data(), data, size);
+        attachmentBytes = inlineBytes.data();
+        return;
+    }
+    ownedPayload = std::make_shared<const std::string>(static_cast<char const*>(data), size);
+    attachmentBytes = ownedPayload->data();
 }
 
 std::unique_ptr<Message> Message::deliveryCopy(std::shared_ptr<const Message> source) {
@@ -43,13 +54,20 @@ std::unique_ptr<Message> Message::deliveryCopy(std::shared_ptr<const Message> so
     copy->delivery = source->delivery;
     copy->destType = source->destType;
     copy->destName = source->destName;
+    copy->messageId = source->messageId;
+    copy->messageIdSet = source->messageIdSet;
+    copy->redeliveryFlag = source->redeliveryFlag;
+    if (!source->ownedPayload) {
+        // Inline bytes are copied whole: as cheap as sharing them at this size.
+        if (source->attachmentPresent) {
+            copy->ownBytes(source->attachmentBytes, source->attachmentLength);
+        }
+        return copy;
+    }
     copy->ownedPayload = source->ownedPayload;
     copy->attachmentPresent = source->attachmentPresent;
     copy->attachmentBytes = source->attachmentBytes;
     copy->attachmentLength = source->attachmentLength;
-    copy->messageId = source->messageId;
-    copy->messageIdSet = source->messageIdSet;
-    copy->redeliveryFlag = source->redeliveryFlag;
     source.reset();
     // A count of 1 is ours alone: nobody is left to copy the reference from.
     if (copy->ownedPayload && copy->ownedPayload.use_count() > 1) {

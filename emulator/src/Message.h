@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -80,8 +81,13 @@ class Message {
     bool attachmentPresent = false;
     void const* attachmentBytes = nullptr;
     uint32_t attachmentLength = 0;
-    // Set on library copies: keeps attachmentBytes valid.
+    // Library copies keep a small payload here, so that a message and its
+    // bytes are one allocation, and a larger one in ownedPayload.
+    static constexpr uint32_t INLINE_BYTES = 256;
+    std::array<char, INLINE_BYTES> inlineBytes;
     std::shared_ptr<const std::string> ownedPayload;
+    // Copies the source's bytes into this library copy: inline when they fit.
+    void ownBytes(void const* data, uint32_t size);
     void* correlation = nullptr;
     uint64_t sequence = 0;
     uint64_t messageId = 0;
