@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <random>
 #include <string>
@@ -64,43 +64,44 @@ Bytes contents(DataPacket& packet) {
     return p == nullptr ? Bytes() : Bytes(p, p + packet.size());
 }
 
+// 256 bytes fill an empty packet's room on either side; the 257th gets a
+// chunk of its own, sized for it with room around it.
 TEST(DataPacketLayout, RoomOf256BytesOnEitherSide) {
-    Bytes bytes = pattern(257, 1);
-    // 256 bytes fill the tailroom; the 257th adds one chunk with room around it.
-    DataPacket appended;
-    appended.append(bytes.data(), 256);
-    EXPECT_EQ(layout(appended).chunks.size(), 1u);
-    appended.append(&bytes[256], 1);
-    auto chunks = layout(appended).chunks;
-    ASSERT_EQ(chunks.size(), 2u);
-    EXPECT_EQ(chunks[1].capacity, 513u);
-    EXPECT_TRUE(layout(appended).tailIsLast);
-    EXPECT_EQ(contents(appended), bytes);
-    ASSERT_EQ(layout(appended).chunks.size(), 1u) << "data() flattens into one chunk";
-    EXPECT_EQ(layout(appended).chunks[0].capacity, 257u + 512u);
-
-    // 256 bytes fit the headroom; 257 need a chunk in front.
-    DataPacket fits;
-    fits.prepend(bytes.data(), 256);
-    EXPECT_EQ(layout(fits).chunks.size(), 1u);
-    EXPECT_EQ(layout(fits).chunks[0].offset, 0u);
-    EXPECT_EQ(contents(fits), Bytes(bytes.begin(), bytes.begin() + 256));
-    DataPacket overflows;
-    overflows.prepend(bytes.data(), 257);
-    chunks = layout(overflows).chunks;
-    ASSERT_EQ(chunks.size(), 2u);
-    EXPECT_EQ(chunks[0].length, 257u);
-    EXPECT_EQ(chunks[1].length, 0u);
-    EXPECT_EQ(contents(overflows), bytes);
+    Bytes const bytes = pattern(257, 1);
+    for (bool front : {false, true}) {
+        SCOPED_TRACE(front ? "prepend" : "append");
+        DataPacket packet;
+        if (front) {
+            packet.prepend(&bytes[1], 256);
+        } else {
+            packet.append(bytes.data(), 256);
+        }
+        EXPECT_EQ(layout(packet).chunks.size(), 1u);
+        if (front) {
+            packet.prepend(bytes.data(), 1);
+        } else {
+            packet.append(&bytes[256], 1);
+        }
+        auto const shape = layout(packet);
+        ASSERT_EQ(shape.chunks.size(), 2u);
+        auto const added = front ? shape.chunks.front() : shape.chunks.back();
+        EXPECT_EQ(added.capacity, 513u);
+        EXPECT_EQ(added.offset, 256u);
+        EXPECT_TRUE(shape.tailIsLast);
+        EXPECT_EQ(shape.bytes, bytes);
+        EXPECT_EQ(contents(packet), bytes);
+        ASSERT_EQ(layout(packet).chunks.size(), 1u) << "data() flattens into one chunk";
+        EXPECT_EQ(layout(packet).chunks[0].capacity, 257u + 512u);
+    }
 }
 
 // Differential fuzz against a plain byte vector: seeded random sequences of
 // every operation, at least a million in all. KW_FUZZ_SEED replays a run,
-// KW_FUZZ_OPS changes its length. Stolen-from sources are freed at once, half
-// of them made by create(), so chunks left pointing into them show. Prepend-
-// stealing is modelled where it links chunks; its copying path moves the
-// head's offset back but leaves its length alone on purpose (the size counts
-// the copied bytes): that is checked, then the packet is replaced.
+// KW_FUZZ_OPS changes its length. Stolen-from sources are freed at once, many
+// of them made by create() or wrap(), so chunks left pointing into them show.
+// Prepend-stealing is modelled where it links chunks; its copying path moves
+// the head's offset back but leaves its length alone on purpose (the size
+// counts the copied bytes): that is checked, then the packet is replaced.
 unsigned long fromEnv(char const* name, unsigned long fallback) {
     char const* text = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): read before any thread
     return text != nullptr && *text != '\0' ? std::stoul(text) : fallback;
@@ -114,62 +115,42 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
     std::mt19937_64 rng(seed);
     auto below = [&](unsigned long n) { return static_cast<unsigned long>(rng() % n); };
     // Lengths cluster around the 256-byte rooms, where the paths divide.
-    auto randomLength = [&]() -> unsigned long {
-        switch (below(4)) {
-            case 0:
-                return below(8);
-            case 1:
-                return 250 + below(12);
-            case 2:
-                return below(700);
-            default:
-                return below(3000);
-        }
-    };
-    auto randomBytes = [&](unsigned long n) {
+    auto randomBytes = [&] {
+        unsigned long const limits[] = {8, 700, 3000};
+        unsigned long const pick = below(4);
+        unsigned long const n = pick == 3 ? 250 + below(12) : below(limits[pick]);
         return pattern(n, static_cast<std::uint8_t>(rng()));
     };
-    // A packet of one to three chunks and its model.
-    auto randomPacket = [&](Bytes& model) {
-        model = randomBytes(randomLength());
-        // A third made by create(), whose first chunk lives in the packet's own
-        // allocation, a third by wrap() over bytes that go with the packet.
+    // A packet of one to three chunks, made in any of the ways there are, and its model.
+    auto fresh = [&](Bytes& model) {
+        model = randomBytes();
         std::shared_ptr<DataPacket> packet;
-        switch (below(3)) {
-            case 0:
-                packet = DataPacket::create(model.data(), model.size());
+        bool const inPlace = below(2) == 0;
+        switch (below(4)) {
+            case 0:  // create()'s first chunk lives in the packet's own allocation
+                packet = inPlace ? DataPacket::create(model.data(), model.size())
+                                 : std::make_shared<DataPacket>(model.data(), model.size());
                 break;
             case 1: {
                 auto owner = std::make_shared<Bytes>(model);
                 packet = DataPacket::wrap(owner->data(), owner->size(), owner);
                 break;
             }
-            default:
-                packet = std::make_shared<DataPacket>(model.data(), model.size());
+            case 2:
+                packet = inPlace ? DataPacket::create() : std::make_shared<DataPacket>();
+                model.clear();
+                break;
+            default:  // uninitialised content, filled through data()
+                packet = inPlace ? DataPacket::create(model.size())
+                                 : std::make_shared<DataPacket>(model.size());
+                std::copy(model.begin(), model.end(), static_cast<std::uint8_t*>(packet->data()));
         }
         for (unsigned long parts = below(3); parts > 0; --parts) {
-            Bytes more = randomBytes(randomLength());
+            Bytes more = randomBytes();
             packet->append(more.data(), more.size());
             model = cat(model, more);
         }
         return packet;
-    };
-    auto fresh = [&](Bytes& model) -> std::shared_ptr<DataPacket> {
-        switch (below(3)) {
-            case 0:
-                model.clear();
-                return below(2) == 0 ? DataPacket::create() : std::make_shared<DataPacket>();
-            case 1: {
-                // Uninitialised content: fill it through data() first.
-                model = randomBytes(randomLength());
-                auto packet = below(2) == 0 ? DataPacket::create(model.size())
-                                            : std::make_shared<DataPacket>(model.size());
-                std::copy(model.begin(), model.end(), static_cast<std::uint8_t*>(packet->data()));
-                return packet;
-            }
-            default:
-                return randomPacket(model);
-        }
     };
 
     Bytes model;
@@ -178,16 +159,16 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
         unsigned long const kind = below(10);
         SCOPED_TRACE("operation " + std::to_string(op) + " kind " + std::to_string(kind));
         switch (kind) {
-            case 0: {
-                Bytes bytes = randomBytes(randomLength());
-                packet->append(bytes.data(), bytes.size());
-                model = cat(model, bytes);
-                break;
-            }
+            case 0:
             case 1: {
-                Bytes bytes = randomBytes(randomLength());
-                packet->prepend(bytes.data(), bytes.size());
-                model = cat(bytes, model);
+                Bytes bytes = randomBytes();
+                if (kind == 0) {
+                    packet->append(bytes.data(), bytes.size());
+                    model = cat(model, bytes);
+                } else {
+                    packet->prepend(bytes.data(), bytes.size());
+                    model = cat(bytes, model);
+                }
                 break;
             }
             case 2: {
@@ -201,14 +182,13 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
             case 3:
             case 4: {
                 Bytes otherModel;
-                auto other = randomPacket(otherModel);
+                auto other = fresh(otherModel);
                 bool const prepend = kind == 4;
-                auto const head = layout(*packet).chunks.front();
-                bool const links = prepend ? head.offset < otherModel.size()
-                                           : layout(*packet).chunks.back().offset +
-                                                     layout(*packet).chunks.back().length +
-                                                     otherModel.size() >
-                                                 layout(*packet).chunks.back().capacity;
+                auto const shape = layout(*packet);
+                auto const head = shape.chunks.front(), tail = shape.chunks.back();
+                bool const links =
+                    prepend ? head.offset < otherModel.size()
+                            : tail.offset + tail.length + otherModel.size() > tail.capacity;
                 if (prepend) {
                     packet->stealAndPrependData(other.get());
                 } else {
@@ -224,14 +204,14 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
                 }
                 if (prepend && !links) {
                     ASSERT_EQ(packet->size(), model.size() + otherModel.size());
-                    auto const shape = layout(*packet);
-                    ASSERT_EQ(shape.chunks.front().offset, head.offset - otherModel.size());
-                    ASSERT_EQ(shape.chunks.front().length, head.length);
+                    auto const after = layout(*packet).chunks.front();
+                    ASSERT_EQ(after.offset, head.offset - otherModel.size());
+                    ASSERT_EQ(after.length, head.length);
                     // The head shows the copied bytes first, as many as its length allows.
                     auto const shown = static_cast<std::ptrdiff_t>(
                         std::min<std::size_t>(head.length, otherModel.size()));
                     ASSERT_TRUE(std::equal(otherModel.begin(), otherModel.begin() + shown,
-                                           shape.bytes.begin()));
+                                           layout(*packet).bytes.begin()));
                     packet = fresh(model);
                     break;
                 }
@@ -242,7 +222,7 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
                 packet->consolidate();
                 ASSERT_EQ(layout(*packet).chunks.size(), 1u);
                 break;
-            case 6: {
+            case 6:
                 // Writes through data() land in the packet.
                 ASSERT_EQ(contents(*packet), model);
                 if (!model.empty()) {
@@ -251,7 +231,6 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
                     static_cast<std::uint8_t*>(packet->data())[at] = model[at];
                 }
                 break;
-            }
             case 7:
                 if (below(20) == 0 || model.size() > std::size_t{64} * 1024) {
                     packet = fresh(model);
@@ -260,7 +239,6 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
             default:
                 // Even emptied by skip, a packet keeps a chunk to write into.
                 ASSERT_NE(packet->data(), nullptr);
-                break;
         }
         ASSERT_EQ(packet->size(), model.size());
         if (op % 8 == 0) {

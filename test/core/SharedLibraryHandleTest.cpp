@@ -2,13 +2,16 @@
 
 #include <dlfcn.h>
 
+#include <stdexcept>
 #include <string>
 
+#include "core/DroppedFailures.h"
 #include "core/SharedLibraryHandle.h"
 #include "core/SharedLibraryHandleException.h"
 
 namespace {
 
+using KW::DroppedFailures;
 using KW::SharedLibraryHandle;
 using KW::SharedLibraryHandleException;
 
@@ -33,15 +36,6 @@ void expectLoaderText(std::string const& text, std::string const& library) {
     EXPECT_EQ(text.find("load error"), std::string::npos) << "the loader's own words: " << text;
 }
 
-TEST(SharedLibraryHandle, ResolvesItsOwnSymbolsAndKeepsThemLocal) {
-    SharedLibraryHandle library(KW_TEST_LOADABLE);
-    auto answer = reinterpret_cast<int (*)()>(library.getSymbolAddress("kw_test_answer"));
-    ASSERT_NE(answer, nullptr);
-    EXPECT_EQ(answer(), 42);
-    EXPECT_EQ(*static_cast<int*>(library.getSymbolAddress("kw_test_counter")), 7);
-    EXPECT_EQ(dlsym(RTLD_DEFAULT, "kw_test_answer"), nullptr);
-}
-
 TEST(SharedLibraryHandle, LoadFailuresNameTheFile) {
     std::string const missing = "/nonexistent/libkw_missing.so";
     expectLoaderText(failureText([&] { SharedLibraryHandle library(missing.c_str()); }), missing);
@@ -51,13 +45,18 @@ TEST(SharedLibraryHandle, LoadFailuresNameTheFile) {
     EXPECT_NE(text.find("kw_test_nowhere_defined"), std::string::npos) << text;
 }
 
-TEST(SharedLibraryHandle, InvalidOrMissingSymbolNames) {
+TEST(SharedLibraryHandle, SymbolsResolveStayLocalAndBadNamesThrow) {
     SharedLibraryHandle library(KW_TEST_LOADABLE);
     EXPECT_EQ(failureText([&] { library.getSymbolAddress(""); }), "symbol name invalid");
     EXPECT_EQ(failureText([&] { library.getSymbolAddress(nullptr); }), "symbol name invalid");
     expectLoaderText(failureText([&] { library.getSymbolAddress("kw_test_not_there"); }),
                      KW_TEST_LOADABLE);
-    EXPECT_NE(library.getSymbolAddress("kw_test_answer"), nullptr) << "still usable";
+    // Still usable after the failures.
+    auto answer = reinterpret_cast<int (*)()>(library.getSymbolAddress("kw_test_answer"));
+    ASSERT_NE(answer, nullptr);
+    EXPECT_EQ(answer(), 42);
+    EXPECT_EQ(*static_cast<int*>(library.getSymbolAddress("kw_test_counter")), 7);
+    EXPECT_EQ(dlsym(RTLD_DEFAULT, "kw_test_answer"), nullptr);
 }
 
 TEST(SharedLibraryHandle, ContextWordIsUsedWhenTheLoaderHasNothingToSay) {
@@ -71,6 +70,31 @@ TEST(SharedLibraryHandle, ContextWordIsUsedWhenTheLoaderHasNothingToSay) {
     library.queryLastError("some context", text);
     EXPECT_EQ(text.find("some context"), std::string::npos) << text;
     EXPECT_EQ(dlerror(), nullptr);  // NOLINT(concurrency-mt-unsafe)
+    // The text built where nothing can be thrown is counted, not lost.
+    auto const before = DroppedFailures::count("SharedLibraryHandle::traceLastError");
+    library.traceLastError("unload error");
+    EXPECT_EQ(DroppedFailures::count("SharedLibraryHandle::traceLastError"), before + 1);
+}
+
+// Run once more with the trace on (ctest core.DroppedFailures.Trace), which
+// checks the lines written for these drops and the counts at exit.
+TEST(DroppedFailures, CountsPerSite) {
+    auto const before = DroppedFailures::count("test.site.a");
+    for (bool standard : {true, false}) {
+        try {
+            if (standard) {
+                throw std::runtime_error("handler broke");
+            }
+            throw 42;
+        } catch (...) {
+            DroppedFailures::recordCurrent("test.site.a");
+        }
+    }
+    DroppedFailures::record("test.site.b", "a vendor call failed");
+    EXPECT_EQ(DroppedFailures::count("test.site.a"), before + 2);
+    EXPECT_EQ(DroppedFailures::count("test.site.b"), 1u);
+    EXPECT_EQ(DroppedFailures::count("test.site.none"), 0u);
+    EXPECT_NE(DroppedFailures::report().find("test.site.b: 1\n"), std::string::npos);
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 // Runs with the SOLCLIENT_EMULATOR_* variables set by ctest (see
 // CMakeLists.txt): the forms a JavaScript test uses instead of solEmu_* calls.
 
-#include <gtest/gtest.h>
-
 #include "Harness.h"
 
 namespace {

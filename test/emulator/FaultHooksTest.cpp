@@ -1,12 +1,10 @@
-#include <cstring>
-
 #include "Harness.h"
 
 namespace {
 
 using FaultHooks = EmulatorTest;
 
-TEST_F(FaultHooks, FailNextFailsExactlyCountCallsWithTheGivenError) {
+TEST_F(FaultHooks, FailNextAndRefusedSubscriptions) {
     auto session = harness.connected(hostPort);
     EXPECT_EQ(-1, solEmu_failNext("solClient_no_such_function", 1, -1, 6, "x"));
     ASSERT_EQ(0, solEmu_failNext("solClient_session_sendMsg", 2, SOLCLIENT_NOT_READY, 14,
@@ -23,10 +21,8 @@ TEST_F(FaultHooks, FailNextFailsExactlyCountCallsWithTheGivenError) {
     solClient_opaqueMsg_pt msg = nullptr;
     ASSERT_EQ(SOLCLIENT_OK, solClient_msg_alloc(&msg));
     ASSERT_EQ(SOLCLIENT_OK, solClient_msg_free(&msg));
-}
 
-TEST_F(FaultHooks, RefusedSubscriptionsFailOrRaiseSubscriptionError) {
-    auto session = harness.connected(hostPort);
+    // A refused subscription fails, or with REQUEST_CONFIRM raises SUBSCRIPTION_ERROR.
     solEmu_refuseSubscriptions("secret/>", SOLCLIENT_SUBCODE_SUBSCRIPTION_ACL_DENIED);
     int tag = 0;
     EXPECT_EQ(SOLCLIENT_FAIL, harness.subscribe(session, "secret/>", &tag));

@@ -7,9 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -19,7 +17,7 @@
 #include "solclient/SolClientABI.h"
 #include "SolClientEmulator.h"
 
-// Property name/value pairs; a later value of the same name wins.
+// Property name/value pairs; the library lets a later value of a name win.
 using Props = std::vector<std::pair<std::string, std::string>>;
 
 struct SeenEvent {
@@ -42,14 +40,20 @@ struct SeenMessage {
     std::thread::id thread;
 };
 
+// One exists at a time: the callbacks find it through `active`, so that a
+// subscription's user pointer is the test's own tag.
 class Harness {
   public:
     static constexpr std::chrono::milliseconds WAIT{5000};
 
     // Runs on the context thread at the start of every event callback.
     std::function<void(bool flow, int event)> inEvent;
+    // Set before the messages concerned are sent: the receive callbacks keep
+    // them (TAKE_MSG) and the harness frees them at the end.
+    bool takeMessages = false;
 
     Harness() {
+        active = this;
         EXPECT_EQ(SOLCLIENT_OK, solClient_initialize(SOLCLIENT_LOG_NOTICE, nullptr));
         solClient_context_createFuncInfo_t info{};
         EXPECT_EQ(SOLCLIENT_OK,
@@ -57,56 +61,38 @@ class Harness {
                                            &contextHandle, &info, sizeof(info)));
     }
 
+    // Destroying the context destroys its sessions (the leak check counts them).
     ~Harness() {
-        for (auto& session : sessions) {
-            solClient_session_destroy(&session);
-        }
-        if (contextHandle != nullptr) {
-            solClient_context_destroy(&contextHandle);
-        }
+        solClient_context_destroy(&contextHandle);
         for (auto msg : taken) {
             solClient_msg_free(&msg);
         }
+        active = nullptr;
     }
 
-    // A session with the adapter's property list for a plain TCP connection
-    // plus `extra`; null on failure.
+    // A session for a plain TCP connection, connected without blocking,
+    // retrying for ever, with topic dispatch, re-applied subscriptions and
+    // duplicate errors; `extra` overrides. Null on failure.
     solClient_opaqueSession_pt createSession(std::string const& hostPort, Props const& extra = {}) {
-        auto const props = merged({{"SESSION_HOST", "tcp:" + hostPort},
-                                   {"SESSION_VPN_NAME", "default"},
-                                   {"SESSION_USERNAME", "user"},
-                                   {"SESSION_PASSWORD", ""},
-                                   {"SESSION_SSL_VALIDATE_CERTIFICATE", "0"},
-                                   {"SESSION_CONNECT_BLOCKING", "0"},
-                                   {"SESSION_CONNECT_RETRIES", "-1"},
-                                   {"SESSION_CONNECT_TIMEOUT_MS", "10000"},
-                                   {"SESSION_RECONNECT_RETRIES", "-1"},
-                                   {"SESSION_RECONNECT_RETRY_WAIT_MS", "20"},
-                                   {"SESSION_SOCKET_SEND_BUF_SIZE", "10000000"},
-                                   {"SESSION_SOCKET_RCV_BUF_SIZE", "10000000"},
-                                   {"SESSION_TOPIC_DISPATCH", "1"},
-                                   {"SESSION_REAPPLY_SUBSCRIPTIONS", "1"},
-                                   {"SESSION_SUBSCRIBE_BLOCKING", "0"},
-                                   {"SESSION_IGNORE_DUP_SUBSCRIPTION_ERROR", "0"}},
-                                  extra);
-        std::vector<char const*> array = pointers(props);
+        Props const base = {{"SESSION_HOST", "tcp:" + hostPort},
+                            {"SESSION_CONNECT_BLOCKING", "0"},
+                            {"SESSION_CONNECT_RETRIES", "-1"},
+                            {"SESSION_RECONNECT_RETRIES", "-1"},
+                            {"SESSION_RECONNECT_RETRY_WAIT_MS", "20"},
+                            {"SESSION_TOPIC_DISPATCH", "1"},
+                            {"SESSION_REAPPLY_SUBSCRIPTIONS", "1"},
+                            {"SESSION_IGNORE_DUP_SUBSCRIPTION_ERROR", "0"}};
+        auto array = pointers(base, extra);
         solClient_session_createFuncInfo_t funcs{};
-        funcs.eventInfo.callback_p = [](solClient_opaqueSession_pt,
-                                        solClient_session_eventCallbackInfo_pt info, void* self) {
-            static_cast<Harness*>(self)->recordEvent(false, info->sessionEvent, info->responseCode,
-                                                     info->info_p, info->correlation_p);
+        funcs.eventInfo.callback_p = [](auto, auto info, void*) {
+            active->recordEvent(false, info->sessionEvent, info->responseCode, info->info_p,
+                                info->correlation_p);
         };
-        funcs.rxMsgInfo.callback_p = [](solClient_opaqueSession_pt, solClient_opaqueMsg_pt msg,
-                                        void* self) {
-            return static_cast<Harness*>(self)->record(nullptr, msg);
+        funcs.rxMsgInfo.callback_p = [](auto, auto msg, void*) {
+            return active->record(nullptr, msg);
         };
-        funcs.eventInfo.user_p = funcs.rxMsgInfo.user_p = this;
         solClient_opaqueSession_pt session = nullptr;
-        if (solClient_session_create(array.data(), contextHandle, &session, &funcs,
-                                     sizeof(funcs)) != SOLCLIENT_OK) {
-            return nullptr;
-        }
-        sessions.push_back(session);
+        solClient_session_create(array.data(), contextHandle, &session, &funcs, sizeof(funcs));
         return session;
     }
 
@@ -123,73 +109,64 @@ class Harness {
         return session;
     }
 
-    solClient_returnCode_t subscribe(solClient_opaqueSession_pt session, std::string const& topic,
-                                     void* tag, solClient_subscribeFlags_t flags = 0x12) {
+    static solClient_returnCode_t subscribe(solClient_opaqueSession_pt session,
+                                            std::string const& topic, void* tag,
+                                            solClient_subscribeFlags_t flags = 0x12) {
         auto dispatch = dispatchFor(tag);
         return solClient_session_topicSubscribeWithDispatch(session, flags, topic.c_str(),
                                                             &dispatch, tag);
     }
 
-    solClient_returnCode_t unsubscribe(solClient_opaqueSession_pt session, std::string const& topic,
-                                       void* tag, solClient_subscribeFlags_t flags = 0x12) {
+    static solClient_returnCode_t unsubscribe(solClient_opaqueSession_pt session,
+                                              std::string const& topic, void* tag,
+                                              solClient_subscribeFlags_t flags = 0x12) {
         auto dispatch = dispatchFor(tag);
         return solClient_session_topicUnsubscribeWithDispatch(session, flags, topic.c_str(),
                                                               &dispatch, nullptr);
     }
 
-    solClient_returnCode_t publish(solClient_opaqueSession_pt session, std::string const& topic,
-                                   std::string const& payload) {
+    static solClient_returnCode_t publish(solClient_opaqueSession_pt session,
+                                          std::string const& topic, std::string const& payload) {
         return send(session, {SOLCLIENT_TOPIC_DESTINATION, topic.c_str()}, payload, nullptr);
     }
 
-    solClient_returnCode_t sendGuaranteed(solClient_opaqueSession_pt session,
-                                          std::string const& queue, std::string const& payload,
-                                          void* tag) {
+    static solClient_returnCode_t sendGuaranteed(solClient_opaqueSession_pt session,
+                                                 std::string const& queue,
+                                                 std::string const& payload, void* tag) {
         return send(session, {SOLCLIENT_QUEUE_DESTINATION, queue.c_str()}, payload, tag);
     }
 
     // A started, blocking-bound, client-ack queue flow; `extra` overrides.
     solClient_returnCode_t createFlow(solClient_opaqueSession_pt session, std::string const& queue,
                                       solClient_opaqueFlow_pt& flow, Props const& extra = {}) {
-        auto const props = merged({{"FLOW_BIND_BLOCKING", "1"},
-                                   {"FLOW_BIND_ENTITY_DURABLE", "1"},
-                                   {"FLOW_ACKMODE", "2"},
-                                   {"FLOW_MAX_BIND_TRIES", "1"},
-                                   {"FLOW_WINDOWSIZE", "255"},
-                                   {"FLOW_MAX_UNACKED_MESSAGES", "-1"},
-                                   {"FLOW_BIND_ENTITY_ID", "2"},
-                                   {"FLOW_BIND_NAME", queue},
-                                   {"FLOW_START_STATE", "1"}},
-                                  extra);
-        std::vector<char const*> array = pointers(props);
+        Props const base = {
+            {"FLOW_BIND_ENTITY_ID", "2"}, {"FLOW_BIND_NAME", queue}, {"FLOW_ACKMODE", "2"}};
+        auto array = pointers(base, extra);
         solClient_flow_createFuncInfo_t funcs{};
-        funcs.eventInfo.callback_p = [](solClient_opaqueFlow_pt,
-                                        solClient_flow_eventCallbackInfo_pt info, void* self) {
-            static_cast<Harness*>(self)->recordEvent(true, info->flowEvent, info->responseCode,
-                                                     info->info_p, nullptr);
+        funcs.eventInfo.callback_p = [](auto, auto info, void*) {
+            active->recordEvent(true, info->flowEvent, info->responseCode, info->info_p, nullptr);
         };
-        funcs.rxMsgInfo.callback_p = [](solClient_opaqueFlow_pt f, solClient_opaqueMsg_pt msg,
-                                        void* self) {
-            return static_cast<Harness*>(self)->record(f, msg);
+        funcs.rxMsgInfo.callback_p = [](auto flow, auto msg, void*) {
+            return active->record(flow, msg);
         };
-        funcs.eventInfo.user_p = funcs.rxMsgInfo.user_p = this;
         return solClient_session_createFlow(array.data(), session, &flow, &funcs, sizeof(funcs));
     }
 
     bool waitForEvent(bool flow, int event, size_t count = 1) {
-        return waitUntil([&] { return eventsLocked(flow, event) >= count; });
+        return eventually([&] { return countEvents(flow, event) >= count; });
     }
 
     // Wait for `count` messages, of the dispatch tag or flow `from` if not null.
     bool waitForMessages(size_t count, void* from = nullptr) {
-        return waitUntil([&] {
-            return std::count_if(seenMessages.begin(), seenMessages.end(), [&](const auto& m) {
+        return eventually([&] {
+            auto const seen = messages();
+            return std::count_if(seen.begin(), seen.end(), [&](SeenMessage const& m) {
                        return from == nullptr || m.user == from;
                    }) >= static_cast<long>(count);
         });
     }
 
-    // For state outside the callbacks (the library's counters): poll until true.
+    // Polls: callbacks run on the context thread, counters in the library.
     static bool eventually(std::function<bool()> const& done) {
         auto const deadline = std::chrono::steady_clock::now() + WAIT;
         while (!done()) {
@@ -203,72 +180,44 @@ class Harness {
 
     size_t countEvents(bool flow, int event) {
         std::lock_guard<std::mutex> lock(mutex);
-        return eventsLocked(flow, event);
+        return std::count_if(seenEvents.begin(), seenEvents.end(), [&](SeenEvent const& seen) {
+            return seen.flow == flow && seen.event == event;
+        });
     }
     std::vector<SeenMessage> messages() { return snapshot(seenMessages); }
     std::vector<SeenEvent> events() { return snapshot(seenEvents); }
     std::vector<solClient_opaqueMsg_pt> takenMessages() { return snapshot(taken); }
     solClient_opaqueContext_pt context() const { return contextHandle; }
-    // From now on the receive callbacks keep (TAKE_MSG) what they get.
-    void setTakeMessages(bool take) { takingMessages = take; }
 
   private:
-    // Dispatch users are (harness, tag) pairs so that a test names its own tag.
-    struct DispatchUser {
-        Harness* harness;
-        void* tag;
-    };
+    static inline Harness* active = nullptr;
 
-    // `base` with `extra` replacing the pairs of the same name or appended,
-    // flattened for a null-terminated array (see pointers).
-    static std::vector<std::string> merged(Props base, Props const& extra) {
-        for (auto const& pair : extra) {
-            auto same = std::find_if(base.begin(), base.end(),
-                                     [&](auto const& b) { return b.first == pair.first; });
-            if (same != base.end()) {
-                same->second = pair.second;
-            } else {
-                base.push_back(pair);
-            }
-        }
-        std::vector<std::string> flat;
-        for (auto const& pair : base) {
-            flat.insert(flat.end(), {pair.first, pair.second});
-        }
-        return flat;
-    }
-
-    static std::vector<char const*> pointers(std::vector<std::string> const& strings) {
+    // The null-terminated name/value array the library takes, pointing into
+    // `base` and then `extra`.
+    static std::vector<char const*> pointers(Props const& base, Props const& extra) {
         std::vector<char const*> array;
-        array.reserve(strings.size() + 1);
-        for (auto const& s : strings) {
-            array.push_back(s.c_str());
+        for (Props const* props : {&base, &extra}) {
+            for (auto const& [name, value] : *props) {
+                array.insert(array.end(), {name.c_str(), value.c_str()});
+            }
         }
         array.push_back(nullptr);
         return array;
     }
 
-    // A fresh record each time, with the same content for the same tag:
-    // unsubscribe matches by content.
-    solClient_session_rxMsgDispatchFuncInfo_t dispatchFor(void* tag) {
-        std::lock_guard<std::mutex> lock(mutex);  // tests subscribe from several threads
-        auto known = std::find_if(users.begin(), users.end(),
-                                  [&](auto const& user) { return user->tag == tag; });
-        if (known == users.end()) {
-            users.push_back(std::make_unique<DispatchUser>(DispatchUser{this, tag}));
-            known = users.end() - 1;
-        }
+    // The same content for the same tag: unsubscribe matches by content.
+    static solClient_session_rxMsgDispatchFuncInfo_t dispatchFor(void* tag) {
         return {SOLCLIENT_DISPATCH_TYPE_CALLBACK,
-                [](solClient_opaqueSession_pt, solClient_opaqueMsg_pt msg, void* p) {
-                    auto* user = static_cast<DispatchUser*>(p);
-                    return user->harness->record(user->tag, msg);
+                [](solClient_opaqueSession_pt, solClient_opaqueMsg_pt msg, void* user) {
+                    return active->record(user, msg);
                 },
-                known->get(), nullptr};
+                tag, nullptr};
     }
 
     // Direct to a topic, or guaranteed with the correlation tag to a queue.
-    solClient_returnCode_t send(solClient_opaqueSession_pt session, solClient_destination_t dest,
-                                std::string const& payload, void* tag) {
+    static solClient_returnCode_t send(solClient_opaqueSession_pt session,
+                                       solClient_destination_t dest, std::string const& payload,
+                                       void* tag) {
         bool const guaranteed = dest.destType == SOLCLIENT_QUEUE_DESTINATION;
         solClient_opaqueMsg_pt msg = nullptr;
         solClient_msg_alloc(&msg);
@@ -285,17 +234,6 @@ class Harness {
         const solClient_returnCode_t rc = solClient_session_sendMsg(session, msg);
         solClient_msg_free(&msg);  // the library copied what it needs
         return rc;
-    }
-
-    bool waitUntil(std::function<bool()> const& done) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, WAIT, done);
-    }
-
-    size_t eventsLocked(bool flow, int event) const {
-        return std::count_if(seenEvents.begin(), seenEvents.end(), [&](SeenEvent const& seen) {
-            return seen.flow == flow && seen.event == event;
-        });
     }
 
     template <class T>
@@ -320,16 +258,12 @@ class Harness {
             seen.payload.assign(static_cast<char*>(data), size);
         }
         seen.hasId = solClient_msg_getMsgId(msg, &seen.id) == SOLCLIENT_OK;
-        bool const take = takingMessages;
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            seenMessages.push_back(seen);
-            if (take) {
-                taken.push_back(msg);
-            }
+        std::lock_guard<std::mutex> lock(mutex);
+        seenMessages.push_back(seen);
+        if (takeMessages) {
+            taken.push_back(msg);
         }
-        changed.notify_all();
-        return take ? SOLCLIENT_CALLBACK_TAKE_MSG : SOLCLIENT_CALLBACK_OK;
+        return takeMessages ? SOLCLIENT_CALLBACK_TAKE_MSG : SOLCLIENT_CALLBACK_OK;
     }
 
     void recordEvent(bool flow, int event, unsigned responseCode, char const* info,
@@ -337,23 +271,16 @@ class Harness {
         if (inEvent) {
             inEvent(flow, event);
         }
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            seenEvents.push_back({flow, event, responseCode, info != nullptr ? info : "",
-                                  correlation, std::this_thread::get_id()});
-        }
-        changed.notify_all();
+        std::lock_guard<std::mutex> lock(mutex);
+        seenEvents.push_back({flow, event, responseCode, info != nullptr ? info : "", correlation,
+                              std::this_thread::get_id()});
     }
 
     solClient_opaqueContext_pt contextHandle = nullptr;
-    std::vector<solClient_opaqueSession_pt> sessions;
-    std::vector<std::unique_ptr<DispatchUser>> users;
     std::mutex mutex;
-    std::condition_variable changed;
     std::vector<SeenEvent> seenEvents;
     std::vector<SeenMessage> seenMessages;
     std::vector<solClient_opaqueMsg_pt> taken;
-    bool takingMessages = false;
 };
 
 // Each test gets its own broker address, fresh faults and queues, and a

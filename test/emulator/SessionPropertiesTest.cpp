@@ -5,62 +5,66 @@
 
 namespace {
 
-using Property = Props::value_type;
+using Properties = EmulatorTest;
 
-class SessionProperties : public EmulatorTest, public ::testing::WithParamInterface<Property> {};
-
-TEST_P(SessionProperties, MalformedValuesAreRefusedNamingTheProperty) {
-    auto const& [name, value] = GetParam();
-    EXPECT_EQ(nullptr, harness.createSession(hostPort, {GetParam()}));
-    solClient_errorInfo_t const* info = solClient_getLastErrorInfo();
-    EXPECT_EQ(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, info->subCode);
-    EXPECT_EQ(0u, info->responseCode);
-    EXPECT_NE(nullptr, std::strstr(info->errorStr, name.c_str())) << info->errorStr;
-    // The refused list is still recorded.
-    char buffer[2048];
-    solEmu_lastSessionProperties(buffer, sizeof(buffer));
-    EXPECT_NE(nullptr, std::strstr(buffer, (name + "\n" + value).c_str()));
-}
-
-INSTANTIATE_TEST_SUITE_P(Checks, SessionProperties,
-                         ::testing::Values(Property{"SESSION_HOST", "localhost:55555"},
-                                           Property{"SESSION_HOST", "tcp:localhost"},
-                                           Property{"SESSION_HOST", "tcp:localhost:port"},
-                                           Property{"SESSION_HOST", "http:localhost:80"},
-                                           Property{"SESSION_CONNECT_RETRIES", "forever"},
-                                           Property{"SESSION_CONNECT_RETRIES", "-2"},
-                                           Property{"SESSION_CONNECT_TIMEOUT_MS", "0"},
-                                           Property{"SESSION_RECONNECT_RETRY_WAIT_MS", "1s"},
-                                           Property{"SESSION_TOPIC_DISPATCH", "true"},
-                                           Property{"SESSION_CONNECT_BLOCKING", ""},
-                                           Property{"SESSION_SOCKET_RCV_BUF_SIZE", "-5"},
-                                           Property{"SESSION_PUB_WINDOW_SIZE", "256"},
-                                           Property{"SESSION_SEND_BLOCKING", "yes"},
-                                           Property{"SESSION_SUBCONFIRM_TIMEOUT_MS", "0"},
-                                           Property{"SESSION_COMPRESSION_LEVEL", "1"}));
-
-using SessionSetup = EmulatorTest;
-
-// The recorded list itself is compared whole by the adapter's session tests.
-TEST_F(SessionSetup, RecordedListIsTruncatedToTheBufferAndRecordSizesAreChecked) {
-    ASSERT_NE(nullptr, harness.createSession(hostPort));
+// A refused list is still recorded (the accepted one is compared whole by
+// the adapter's session tests).
+TEST_F(Properties, MalformedSessionAndFlowPropertiesAreRefusedNamingTheProperty) {
+    auto const refused = [](Props::value_type const& property, auto recorded) {
+        solClient_errorInfo_t const* info = solClient_getLastErrorInfo();
+        EXPECT_EQ(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, info->subCode);
+        EXPECT_EQ(0u, info->responseCode);
+        EXPECT_NE(nullptr, std::strstr(info->errorStr, property.first.c_str())) << info->errorStr;
+        char buffer[2048];
+        recorded(buffer, sizeof(buffer));
+        EXPECT_NE(nullptr, std::strstr(buffer, (property.first + "\n" + property.second).c_str()));
+    };
+    const Props session = {
+        {"SESSION_HOST", "localhost:55555"},    {"SESSION_HOST", "tcp:localhost"},
+        {"SESSION_HOST", "tcp:localhost:port"}, {"SESSION_HOST", "http:localhost:80"},
+        {"SESSION_CONNECT_RETRIES", "forever"}, {"SESSION_CONNECT_RETRIES", "-2"},
+        {"SESSION_CONNECT_TIMEOUT_MS", "0"},    {"SESSION_RECONNECT_RETRY_WAIT_MS", "1s"},
+        {"SESSION_TOPIC_DISPATCH", "true"},     {"SESSION_CONNECT_BLOCKING", ""},
+        {"SESSION_SOCKET_RCV_BUF_SIZE", "-5"},  {"SESSION_PUB_WINDOW_SIZE", "256"},
+        {"SESSION_SEND_BLOCKING", "yes"},       {"SESSION_SUBCONFIRM_TIMEOUT_MS", "0"},
+        {"SESSION_COMPRESSION_LEVEL", "1"}};
+    for (auto const& property : session) {
+        SCOPED_TRACE(property.first + "=" + property.second);
+        EXPECT_EQ(nullptr, harness.createSession(hostPort, {property}));
+        refused(property, solEmu_lastSessionProperties);
+    }
+    // The record is truncated to the buffer, with the terminator in the last
+    // byte; a funcInfo of the wrong size is refused.
     std::string whole(4096, '\0');
     char small[8];
     EXPECT_EQ(solEmu_lastSessionProperties(whole.data(), whole.size()),
               solEmu_lastSessionProperties(small, sizeof(small)));
-    EXPECT_EQ(whole.substr(0, 7), std::string(small));  // the terminator in the last byte
-
+    EXPECT_EQ(whole.substr(0, 7), std::string(small));
     solClient_session_createFuncInfo_t funcs{};
     solClient_opaqueSession_pt other = nullptr;
     char const* props[] = {"SESSION_HOST", "tcp:h:1", nullptr};
     EXPECT_EQ(SOLCLIENT_FAIL,
               solClient_session_create(props, harness.context(), &other, &funcs, 40));
     EXPECT_EQ(nullptr, other);
+
+    ASSERT_EQ(0, solEmu_addQueue("q"));
+    auto connected = harness.connected(hostPort);
+    const Props flow = {{"FLOW_BIND_ENTITY_ID", "1"}, {"FLOW_ACKMODE", "3"},
+                        {"FLOW_WINDOWSIZE", "0"},     {"FLOW_WINDOWSIZE", "ten"},
+                        {"FLOW_START_STATE", "yes"},  {"FLOW_NO_SUCH", "1"}};
+    for (auto const& property : flow) {
+        SCOPED_TRACE(property.first + "=" + property.second);
+        solClient_opaqueFlow_pt created = nullptr;
+        EXPECT_EQ(SOLCLIENT_FAIL, harness.createFlow(connected, "q", created, {property}));
+        EXPECT_EQ(nullptr, created);
+        refused(property, solEmu_lastFlowProperties);
+    }
 }
 
 // Each failure comes as CONNECT_FAILED from a non-blocking connect and as the
-// return code from a blocking one; a trust store that exists lets TLS up.
-TEST_F(SessionSetup, LoginVpnAndTrustStoreFailuresComeAsConnectFailed) {
+// return code from a blocking one. A trust store that exists lets TLS up; a
+// blocking connect then returns OK, and disconnect raises no event.
+TEST_F(Properties, LoginVpnAndTrustStoreFailuresComeAsConnectFailed) {
     solEmu_refuseUser("mallory");
     const Props tls = {{"SESSION_HOST", "tcps:" + hostPort},
                        {"SESSION_SSL_VALIDATE_CERTIFICATE", "1"},
@@ -84,7 +88,15 @@ TEST_F(SessionSetup, LoginVpnAndTrustStoreFailuresComeAsConnectFailed) {
     }
     Props trusted = tls;
     trusted.back().second = std::filesystem::temp_directory_path().string();
-    harness.connected(hostPort, trusted);
+    trusted.push_back({"SESSION_CONNECT_BLOCKING", "1"});
+    auto session = harness.createSession(hostPort, trusted);
+    EXPECT_EQ(SOLCLIENT_OK, solClient_session_connect(session));
+    EXPECT_EQ(SOLCLIENT_OK, solClient_session_disconnect(session));
+    int tag = 0;
+    EXPECT_EQ(SOLCLIENT_FAIL, harness.subscribe(session, "a", &tag));
+    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_UP_NOTICE));
+    harness.connected(hostPort);  // its UP_NOTICE comes after anything for the disconnect
+    EXPECT_EQ(failures + 2, harness.events().size());  // the UP_NOTICEs only
 }
 
 }  // namespace

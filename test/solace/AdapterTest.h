@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -83,8 +84,17 @@ class Record {
         std::lock_guard<std::mutex> lock(mutex);
         items.clear();
     }
+    // Every n-th slowed call (0: none) takes a while, as a slow application's would.
+    std::atomic<long> slowEvery{0}, slowed{0};
 
   protected:
+    void pause() {
+        long const every = slowEvery;
+        if (every != 0 && ++slowCalls % every == 0) {
+            ++slowed;
+            std::this_thread::sleep_for(2ms);
+        }
+    }
     void add(T item) {
         std::lock_guard<std::mutex> lock(mutex);
         items.push_back(std::move(item));
@@ -93,16 +103,24 @@ class Record {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<T> items;
+
+  private:
+    std::atomic<long> slowCalls{0};
 };
 
 class EventRecorder : public EventHandler, public Record<Event> {
   public:
     using Msg = shared_ptr<Message>;
     using Ref = shared_ptr<Reference>;
+    // The two that the library's context thread makes most (both slowed).
     void connectionStateChanged(shared_ptr<Client> c) override {
+        pause();
         add({STATE, c->getConnectionState()});
     }
-    void messageSendFinalize(Msg m, Ref r) override { send(SENT, m, "", r); }
+    void messageSendFinalize(Msg m, Ref r) override {
+        pause();
+        send(SENT, m, "", r);
+    }
     void messageSendRejected(Msg m, char const* t, Ref r) override { send(REJECTED, m, t, r); }
     void messageSendError(Msg m, char const* t, Ref r) override { send(UNSENT, m, t, r); }
     void subscriptionCreateFinalize(std::string const& n, QOS::Enum q, Ref r) override {
@@ -154,12 +172,13 @@ inline std::string text(shared_ptr<Message> const& message) {
 }
 
 // Records received messages. It can throw on one chosen call, acknowledge what
-// it receives, and hold every call until released.
+// it receives, hold every call until released, and be slowed.
 class MessageRecorder : public MessageHandler, public Record<shared_ptr<Message>> {
   public:
     explicit MessageRecorder(bool acknowledging = false, std::size_t throwOn = SIZE_MAX)
         : acknowledging(acknowledging), throwOn(throwOn) {}
     void handleMessage(shared_ptr<Message> message) override {
+        pause();
         std::unique_lock<std::mutex> lock(mutex);
         changed.wait(lock, [this] { return !held; });
         if (calls++ == throwOn) {
@@ -289,6 +308,49 @@ class AdapterTest : public ::testing::Test {
     shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
     std::vector<shared_ptr<Client>> clients;
     std::vector<shared_ptr<MessageRecorder>> handlers;
+};
+
+// A connected main client and a queue "work" at the broker.
+class Connected : public AdapterTest {
+  protected:
+    void SetUp() override {
+        AdapterTest::SetUp();
+        ASSERT_EQ(solEmu_addQueue("work"), 0);
+        client = connectedClient();
+    }
+    using AdapterTest::subscribe;
+    bool subscribe(shared_ptr<MessageRecorder> const& handler, std::string const& name,
+                   QOS::Enum qos, shared_ptr<Reference> tag = Reference::NONE) {
+        return client->subscribe(handler, name, qos, tag);
+    }
+    bool unsubscribe(std::string const& name, QOS::Enum qos) {
+        return client->unsubscribe(name, qos, Reference::NONE);
+    }
+    void publish(std::string const& topic, std::string const& payload, QOS::Enum qos = AMO) {
+        ASSERT_TRUE(client->publish(packet(payload), topic, qos, Reference::NONE, false));
+    }
+    // Waits for the outcome of a send and checks that it is the only one.
+    Event outcomeOf(shared_ptr<Reference> const& tag) {
+        auto mine = [&tag](Event const& e) { return e.reference == tag; };
+        EXPECT_TRUE(events->waitCount(1, mine));
+        auto const outcomes = events->where(mine);
+        EXPECT_EQ(outcomes.size(), 1u);
+        return outcomes.empty() ? Event{FAULT} : outcomes[0];
+    }
+    // Publishes its topic as payload (lent for the call only) with a fresh tag,
+    // expecting publish to return accepted, and gives the outcome.
+    Event send(std::string const& topic, QOS::Enum qos, bool accepted = true) {
+        auto tag = std::make_shared<Tag>(0);
+        EXPECT_EQ(client->publishBytes(topic.data(), topic.size(), topic, qos, tag), accepted);
+        return outcomeOf(tag);
+    }
+    std::size_t pending() { return session().getPendingCount(); }
+    // Answers to subscription requests.
+    std::size_t answers() {
+        return events->where([](auto& e) { return e.kind >= CREATED && e.kind <= REMOVE_ERROR; })
+            .size();
+    }
+    Impl::Session& session() { return sessionOf(client); }
 };
 
 }  // namespace KW::Solace::Test

@@ -1,15 +1,111 @@
-// A session's life: the property list it gives the library, its connection
+// The library brought up and down and its failures as exceptions; a
+// session's life: the property list it gives the library, its connection
 // data, connecting and disconnecting, the session events, and work queued
 // while it is down.
+#include <cstring>
 #include <sstream>
 
 #include "AdapterTest.h"
+#include "core/ClientLibraryRegistry.h"
+#include "solace/ClientLibrary.h"
+#include "solace/ClientTerminatedException.h"
 #include "solace/LibraryException.h"
 #include "solace/RuntimeException.h"
 
 namespace KW::Solace::Test {
 
+using Library = AdapterTest;
 using Session = AdapterTest;
+
+// Arms the stand-in to fail the next call of a vendor function, runs the call
+// and expects a LibraryException carrying the armed text and sub-code.
+template <typename Call>
+void expectLibraryFailure(char const* function, int subCode, char const* text, Call call) {
+    ASSERT_EQ(solEmu_failNext(function, 1, SOLCLIENT_FAIL, subCode, text), 0);
+    try {
+        call();
+        ADD_FAILURE() << function << " failure not thrown";
+    } catch (LibraryException const& e) {
+        EXPECT_STREQ(e.what(), text);
+        EXPECT_EQ(e.getSubCode(), subCode);
+        EXPECT_EQ(e.code(), 0);
+    }
+}
+
+// Starting again initialises again; a failed start leaves no function table,
+// failed creates leave no session behind.
+TEST_F(Library, StartAndCreateFailuresAreThrownAndLeaveNothingBehind) {
+    expectLibraryFailure("solClient_initialize", SOLCLIENT_SUBCODE_INIT_NOT_CALLED,
+                         "second initialize", [&] { library->start(); });
+    EXPECT_EQ(library->getAPI(), nullptr);
+    EXPECT_THROW(makeClient(), RuntimeException);
+    library->start();
+    expectLibraryFailure("solClient_context_create", SOLCLIENT_SUBCODE_OUT_OF_RESOURCES,
+                         "no context", [&] { makeClient(); });
+    expectLibraryFailure("solClient_session_create", SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE,
+                         "bad property", [&] { makeClient(); });
+    EXPECT_EQ(solEmu_liveSessions(), 0);
+    // One context per destination, a session per client.
+    auto a = connectedClient();
+    auto b = makeClient();
+    clients.push_back(library->createClient("prod", connectionData(), events));
+    EXPECT_EQ(library->getContextCount(), 2u);
+    EXPECT_NE(&sessionOf(a), &sessionOf(b));
+    EXPECT_EQ(solEmu_liveSessions(), 3);
+    EXPECT_EQ(a->getConnectionState(), CONNECTED);
+}
+
+TEST(LibraryExceptionText, FollowsTheErrorRecordAndItsQuirks) {
+    solClient_errorInfo_t info{};
+    info.subCode = SOLCLIENT_SUBCODE_LOGIN_FAILURE;
+    info.responseCode = 401;
+    std::strcpy(info.errorStr, "Connection refused");
+    LibraryException refused(&info, "fallback");
+    EXPECT_STREQ(refused.what(), "Connection refused");
+    EXPECT_EQ(refused.getSubCode(), SOLCLIENT_SUBCODE_LOGIN_FAILURE);
+    EXPECT_EQ(refused.getResponseCode(), 401);
+    EXPECT_EQ(info.errorStr[SOLCLIENT_ERRORINFO_STR_SIZE - 1], '0');
+    std::strcpy(info.errorStr, "0 leading digit");
+    EXPECT_STREQ(LibraryException(&info, "fallback").what(), "fallback");
+    info.errorStr[0] = '\0';
+    EXPECT_STREQ(LibraryException(&info, "fallback").what(), "");
+    // A full record ends in the '0' and is not read beyond.
+    std::memset(info.errorStr, 'x', sizeof(info.errorStr));
+    EXPECT_EQ(std::string(LibraryException(&info, "fallback").what()),
+              std::string(SOLCLIENT_ERRORINFO_STR_SIZE - 1, 'x') + "0");
+}
+
+// Registered under its type until shut down; neither the library nor a
+// session ends while a client lives.
+TEST(ClientLibraryRegistration, RegistersUnderSolaceAndEndsNothingThatLives) {
+    solEmu_reset();
+    auto* registry = ClientLibraryRegistry::getInstance();
+    ClientLibrary::start();
+    std::string type = ClientLibrary::DESTINATION_TYPE;
+    Data data = connectionData();
+    auto events = std::make_shared<EventRecorder>();
+    auto client = registry->createClient("dev", type, data, events);
+    Impl::Session* session = &sessionOf(client);
+    auto expectRefused = [](auto call, char const* text) {
+        try {
+            call();
+            ADD_FAILURE() << "not refused: " << text;
+        } catch (RuntimeException const& e) {
+            EXPECT_STREQ(e.what(), text);
+        }
+    };
+    expectRefused([] { ClientLibrary::shutdown(); },
+                  "context terminate failure, still active sessions runnning");
+    EXPECT_EQ(client->connect(5000), 1);  // still registered and initialised
+    expectRefused([&] { session->terminate(); },
+                  "session terminate failure, corresponding client not expired");
+    EXPECT_EQ(std::static_pointer_cast<Client>(session->createClient()), client);
+    client.reset();
+    EXPECT_THROW(session->getClient(), ClientTerminatedException);
+    session->terminate();
+    ClientLibrary::shutdown();
+    EXPECT_THROW(registry->createClient("dev", type, data, events), KW::Exception);
+}
 
 // The last property list the library was given, as "NAME=value" pairs
 // separated by spaces.
@@ -102,24 +198,9 @@ TEST_F(Session, ConnectAgainstADownARefusingAndAReachableBroker) {
     EXPECT_EQ(refused->getConnectionState(), Impl::Connection::FAILED);
 }
 
-TEST_F(Session, StateChangesAreReportedOnceEach) {
-    auto client = connectedClient();
-    events->clear();
-    solEmu_setBrokerUp(HOST_PORT, 0);
-    EXPECT_TRUE(events->waitForState(Impl::Connection::CONNECTING));
-    solEmu_setBrokerUp(HOST_PORT, 1);
-    EXPECT_TRUE(events->waitFor(STATE, 2));
-    client->disconnect(0);
-    client->disconnect(0);  // already disconnected: nobody is told
-    std::vector<int> states;
-    for (auto const& e : events->all()) {
-        states.push_back(e.kind == STATE ? e.number : -1);
-    }
-    EXPECT_EQ(states, (std::vector<int>{Impl::Connection::CONNECTING, CONNECTED,
-                                        Impl::Connection::DISCONNECTED}));
-}
-
-TEST_F(Session, WorkQueuedWhileDownWaitsAndFlowsOnceUp) {
+// Work queued while down waits and flows once up; each state change is
+// told once, a second disconnect tells nobody.
+TEST_F(Session, WorkQueuedWhileDownWaitsAndStateChangesAreToldOnceEach) {
     auto client = makeClient();
     auto tag = std::make_shared<Tag>(1);
     ASSERT_TRUE(client->subscribe(makeHandler(), "queued", AMO, tag));
@@ -135,6 +216,21 @@ TEST_F(Session, WorkQueuedWhileDownWaitsAndFlowsOnceUp) {
     EXPECT_FALSE(events->waitFor(SENT, 3, 200ms));
     ASSERT_EQ(client->connect(5000), 1);
     EXPECT_TRUE(events->waitFor(SENT, 3));
+
+    solEmu_setBrokerUp(HOST_PORT, 0);
+    EXPECT_TRUE(events->waitFor(STATE, 4));
+    solEmu_setBrokerUp(HOST_PORT, 1);
+    EXPECT_TRUE(events->waitFor(STATE, 5));
+    client->disconnect(0);
+    client->disconnect(0);
+    std::vector<int> states;
+    for (auto const& e : events->of(STATE)) {
+        states.push_back(e.number);
+    }
+    using Connection = Impl::Connection;
+    EXPECT_EQ(states,
+              (std::vector<int>{CONNECTED, Connection::DISCONNECTED, CONNECTED,
+                                Connection::CONNECTING, CONNECTED, Connection::DISCONNECTED}));
 }
 
 }  // namespace KW::Solace::Test

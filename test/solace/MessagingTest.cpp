@@ -1,6 +1,9 @@
-// Topic subscriptions and queue flows: duplicates and unknown names, the
-// broker's refusals and the states they leave, messages arriving after a
-// stop, acknowledgement, failing handlers and the bound of the receive queue.
+// Sending at most once and guaranteed, and receiving through topic
+// subscriptions and queue flows. Every send ends in exactly one of finalize,
+// rejected or error, also when the library fails, and nothing is left
+// pending; subscriptions cover duplicates and unknown names, the broker's
+// refusals and the states they leave, messages arriving after a stop,
+// acknowledgement, failing handlers and the bound of the receive queue.
 #include "AdapterTest.h"
 #include "solace/impl/Flow.h"
 #include "solace/impl/ReceiveTask.h"
@@ -8,31 +11,126 @@
 
 namespace KW::Solace::Test {
 
-class Subscriptions : public AdapterTest {
-  protected:
-    void SetUp() override {
-        AdapterTest::SetUp();
-        ASSERT_EQ(solEmu_addQueue("work"), 0);
-        client = connectedClient();
+using Sending = Connected;
+using Subscriptions = Connected;
+
+// At most once to a wildcard subscriber, and on again by forward, which
+// acknowledges the queue message it forwards.
+TEST_F(Sending, AtMostOnceGoesToTheTopicAndForwardSendsThePayloadOn) {
+    auto handler = makeHandler();
+    subscribe(client, handler, "news/*");  // received under the concrete topic
+    Event const done = send("news/today", AMO);
+    EXPECT_EQ(done.kind, SENT);
+    EXPECT_EQ(done.name, "news/today");
+    ASSERT_TRUE(handler->waitFor(1));
+    auto message = handler->all()[0];
+    EXPECT_EQ(text(message), "news/today");
+    EXPECT_EQ(message->getTopic(), "news/today");
+    EXPECT_FALSE(message->isAckRequired());
+    EXPECT_EQ(message->getClient(), client);
+    EXPECT_EQ(std::dynamic_pointer_cast<Impl::MessageTask>(message)->getMessageID(), 0u);
+
+    ASSERT_TRUE(subscribe(handler, "work", GUARANTEED));
+    publish("work", "relay me", GUARANTEED);
+    ASSERT_TRUE(handler->waitFor(1, "relay me"));
+    EXPECT_EQ(solEmu_queueDepth("work"), 1);
+    auto tag = std::make_shared<Tag>(8);
+    EXPECT_TRUE(client->forward(handler->all()[1], "news/relayed", AMO, tag, true));
+    EXPECT_EQ(outcomeOf(tag).kind, SENT);
+    ASSERT_TRUE(handler->waitFor(2, "relay me"));
+    EXPECT_EQ(handler->all()[2]->getTopic(), "news/relayed");
+    EXPECT_TRUE(events->waitUntil([](auto const&) { return solEmu_queueDepth("work") == 0; }));
+    // Nothing to forward, or nothing to publish: an empty message.
+    client->forward(nullptr, "news/empty", AMO, Reference::NONE, false);
+    client->publish(nullptr, "news/empty", AMO, Reference::NONE, false);
+    ASSERT_TRUE(handler->waitFor(2, "<null>"));
+}
+
+TEST_F(Sending, LibraryFailuresEndInOneErrorEach) {
+    std::pair<char const*, QOS::Enum> const cases[] = {
+        {"solClient_session_sendMsg", AMO},
+        {"solClient_session_sendMsg", GUARANTEED},
+        {"solClient_msg_alloc", AMO},
+        {"solClient_msg_alloc", GUARANTEED},
+        {"solClient_msg_setCorrelationTagPtr", GUARANTEED}};
+    for (auto const& [function, qos] : cases) {
+        SCOPED_TRACE(function);
+        ASSERT_EQ(solEmu_failNext(function, 1, SOLCLIENT_FAIL, 14, "injected failure"), 0);
+        Event const failed = send("work", qos, false);
+        EXPECT_EQ(failed.kind, UNSENT);
+        EXPECT_EQ(failed.text, "injected failure");
+        EXPECT_EQ(pending(), 0u);
     }
-    void publish(std::string const& topic, std::string const& payload, QOS::Enum qos = AMO) {
-        ASSERT_TRUE(client->publish(packet(payload), topic, qos, Reference::NONE, false));
+    EXPECT_EQ(send("work", GUARANTEED).kind, SENT);
+    Event const rejected = send("no-such-queue", GUARANTEED);
+    EXPECT_EQ(rejected.kind, REJECTED);
+    EXPECT_EQ(rejected.text, "Message rejected");
+    EXPECT_EQ(pending(), 0u);
+}
+
+// Sends that the library would hold in sendMsg on the caller's thread (during
+// a reconnect, or beyond its publish window of 50 while the broker holds its
+// answers) wait on the worker instead; only this thread brings the broker
+// back or releases the answers, so returning at all shows that they did. A
+// guaranteed send is final only on the broker's answer.
+TEST_F(Sending, SendsThatTheLibraryWouldHoldWaitOnTheWorkerNotOnTheCaller) {
+    auto handler = makeHandler();
+    subscribe(client, handler, "later");
+    solEmu_setBrokerUp(HOST_PORT, 0);
+    ASSERT_TRUE(events->waitForState(Impl::Connection::CONNECTING));
+    auto direct = std::make_shared<Tag>(1);
+    auto guaranteed = std::make_shared<Tag>(2);
+    // A queued send keeps its own copy of bytes the caller lends only for the call.
+    std::string lent = "later";
+    EXPECT_TRUE(client->publishBytes(lent.data(), lent.size(), "later", AMO, direct));
+    lent.assign("spoilt");
+    EXPECT_TRUE(client->publish(packet("kept"), "work", GUARANTEED, guaranteed, false));
+    EXPECT_TRUE(events->where([&](Event const& e) { return e.reference == direct; }).empty());
+    solEmu_setBrokerUp(HOST_PORT, 1);
+    EXPECT_EQ(outcomeOf(direct).kind, SENT);
+    EXPECT_EQ(outcomeOf(guaranteed).kind, SENT);
+    EXPECT_TRUE(handler->waitFor(1, "later"));
+    EXPECT_EQ(solEmu_queueDepth("work"), 1);
+
+    solEmu_setAckMode(2);  // withheld
+    std::vector<shared_ptr<Tag>> tags;
+    for (int i = 0; i < 60; ++i) {
+        tags.push_back(std::make_shared<Tag>(i));
+        EXPECT_TRUE(client->publish(packet("held"), "work", GUARANTEED, tags.back(), false));
     }
-    bool subscribe(shared_ptr<MessageRecorder> const& handler, std::string const& name,
-                   QOS::Enum qos, shared_ptr<Reference> tag = Reference::NONE) {
-        return client->subscribe(handler, name, qos, tag);
+    EXPECT_GE(pending(), 50u);
+    EXPECT_TRUE(events->where([&](Event const& e) { return e.reference == tags[0]; }).empty());
+    solEmu_setAckMode(0);
+    for (auto const& tag : tags) {
+        Event const done = outcomeOf(tag);
+        EXPECT_EQ(done.kind, SENT);
+        EXPECT_EQ(done.qos, GUARANTEED);
     }
-    bool unsubscribe(std::string const& name, QOS::Enum qos) {
-        return client->unsubscribe(name, qos, Reference::NONE);
+    EXPECT_EQ(pending(), 0u);
+    EXPECT_EQ(solEmu_queueDepth("work"), 61);
+}
+
+TEST_F(Sending, AFullPublishQueueRefusesAndTeardownAnswersWhatWaited) {
+    auto idle = library->createClient("dev", connectionData(), events);  // never connected
+    std::vector<shared_ptr<Tag>> tags;
+    for (int i = 0; i < 256; ++i) {
+        tags.push_back(std::make_shared<Tag>(i));
+        ASSERT_TRUE(idle->publish(packet("p"), "t", AMO, tags.back(), true));
     }
-    using AdapterTest::subscribe;
-    // Answers to subscription requests.
-    std::size_t answers() {
-        return events->where([](auto& e) { return e.kind >= CREATED && e.kind <= REMOVE_ERROR; })
-            .size();
+    auto const start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(idle->publish(packet("p"), "t", AMO, tags[0], true));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 90ms);
+    EXPECT_TRUE(events->of(UNSENT).empty());
+
+    Impl::Session* session = &sessionOf(idle);
+    idle.reset();
+    session->terminate();
+    auto const errors = events->of(UNSENT);
+    ASSERT_EQ(errors.size(), 256u);
+    for (std::size_t i = 0; i < errors.size(); ++i) {
+        EXPECT_EQ(errors[i].reference, tags[i]);
     }
-    Impl::Session& session() { return sessionOf(client); }
-};
+}
 
 TEST_F(Subscriptions, DuplicatesUnknownNamesAndRemovalByHandler) {
     auto handler = makeHandler();
@@ -73,7 +171,9 @@ TEST_F(Subscriptions, DuplicatesUnknownNamesAndRemovalByHandler) {
     EXPECT_EQ(session().findSubscription("marker"), nullptr);
 }
 
-TEST_F(Subscriptions, RefusalsLeaveTheirStates) {
+// Refused starts leave their states. Nothing arrives after a stop, even a
+// refused one, but a message already on its way.
+TEST_F(Subscriptions, RefusalsLeaveTheirStatesAndNothingArrivesAfterAStop) {
     struct Case {
         char const* topic;
         int subCode;
@@ -98,15 +198,7 @@ TEST_F(Subscriptions, RefusalsLeaveTheirStates) {
         EXPECT_EQ(subscription->getLastSubCode(), cases[i].subCode);
         solEmu_refuseSubscriptions(cases[i].topic, 0);
     }
-    // Counted as subscribed, yet nothing arrives through it.
-    subscribe(client, handler, "marker");
-    publish("present", "unseen");
-    flush(client, handler, "marker");
-    EXPECT_EQ(handler->count(), 1u);
-}
 
-TEST_F(Subscriptions, NothingArrivesAfterAStopEvenARefusedOne) {
-    auto handler = makeHandler();
     for (auto topic : {"late", "sticky", "marker"}) {
         subscribe(client, handler, topic);
     }
@@ -121,7 +213,9 @@ TEST_F(Subscriptions, NothingArrivesAfterAStopEvenARefusedOne) {
     ASSERT_TRUE(events->waitFor(REMOVE_ERROR, 1));
     EXPECT_EQ(events->of(REMOVE_ERROR)[0].number, SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND);
     EXPECT_EQ(events->of(REMOVED).size(), 1u);
-    publish("sticky", "unseen");  // still at the broker, no longer served
+    // Counted as subscribed, or still at the broker, yet not served.
+    publish("present", "unseen");
+    publish("sticky", "unseen");
     flush(client, handler, "marker");
     EXPECT_EQ(handler->count(), 2u);
     EXPECT_TRUE(handler->waitFor(1, "in flight"));
