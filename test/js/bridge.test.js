@@ -1,62 +1,53 @@
 'use strict';
 // The callback bridge driven from native threads through the probe add-on.
 var assert = require('assert');
-var childProcess = require('child_process');
 var harness = require('./harness');
 var test = harness.test;
 var probe = harness.probe();
 
-test('items pushed from several threads all arrive, each thread in its own order', function (done) {
+test('items pushed from several threads before the loop runs arrive in one batch, each thread in its own order', function (done) {
   var PER_THREAD = 2500;
   var next = [0, 0, 0, 0];
+  var batches = [];
   var total = 0;
   var outOfOrder = null;
-  probe.pushFromThreads(next.length, PER_THREAD, function (thread, seq) {
+  probe.pushFromThreads(next.length, PER_THREAD, function (thread, seq, batch) {
     if (seq !== next[thread] && !outOfOrder) outOfOrder = 'thread ' + thread + ': ' + seq + ' after ' + next[thread];
     next[thread] = seq + 1;
+    if (batches.indexOf(batch) < 0) batches.push(batch);
     if (++total < next.length * PER_THREAD) return;
-    assert.strictEqual(outOfOrder, null);
-    assert.deepStrictEqual(next, [PER_THREAD, PER_THREAD, PER_THREAD, PER_THREAD]);
+    assert.deepStrictEqual([outOfOrder, next, batches.length], [null, [PER_THREAD, PER_THREAD, PER_THREAD, PER_THREAD], 1]);
     done();
+  });
+  assert.strictEqual(probe.pendingCount(), next.length * PER_THREAD);
+});
+
+test('work pushed during a batch waits for the next', function (done) {
+  probe.pushFromThreads(1, 1, function (thread, seq, running) {
+    probe.pushFromThreads(1, 1, function (t, s, batch) {
+      assert.ok(batch > running, 'the item pushed while batch ' + running + ' ran came in batch ' + batch);
+      done();
+    });
   });
 });
 
-test('items pushed before the loop runs share one batch; work pushed during a batch waits for the next', function (done) {
-  var batches = [];
-  probe.pushFromThreads(5, 2, function (thread, seq, batch) { batches.push(batch); });
-  assert.strictEqual(probe.pendingCount(), 10);
-  var during = [];
-  probe.pushDuringBatch(function (thread, seq, batch) {
-    if (during.push(batch) < 2) return;
-    assert.strictEqual(batches.length, 10);
-    assert.ok(batches.every(function (b) { return b === during[0]; }), 'one batch, shared with ' + during[0] + ': ' + batches);
-    assert.ok(during[1] > during[0], 'the item pushed while running came in a later batch');
-    done();
-  });
-});
-
-test('completions: one reported twice runs twice; a failure carries text and errno; empty text is success', function () {
+test('reports from a library thread: completions (twice runs twice, errors carry errno, empty text is success) and runtime errors', function () {
+  var KWNodeEvent = probe.KWNodeEvent;
   var twice = [];
+  var events = [];
+  probe.runtimeError(function (ev) { events.push(ev); }, 'x');
+  probe.runtimeError(function (ev) { events.push(ev); }, 'caf\u00e9 failed', 42);
   return Promise.all([
     harness.completion(function (done) {
       probe.reportTwice(function (err) { if (twice.push(err) === 2) done(); });
     }),
     harness.completion(function (done) { probe.completeWith('subscription refused', 7, done); }),
-    harness.completion(function (done) { probe.completeWith('', 7, done); })
+    harness.completion(function (done) { probe.completeWith('', 7, done); }),
+    harness.waitFor(function () { return events.length === 2; }, 'events')
   ]).then(function (outcomes) {
     assert.deepStrictEqual(twice, [null, null]);
     assert.ok(outcomes[1] instanceof Error);
-    assert.deepStrictEqual([outcomes[1].message, outcomes[1].errno], ['subscription refused', 7]);
-    assert.strictEqual(outcomes[2], null);
-  });
-});
-
-test('runtime errors reach the event function as KWNodeEvent objects', function () {
-  var KWNodeEvent = probe.KWNodeEvent;
-  var events = [];
-  probe.runtimeError(function (ev) { events.push(ev); }, 'x');
-  probe.runtimeError(function (ev) { events.push(ev); }, 'caf\u00e9 failed', 42);
-  return harness.waitFor(function () { return events.length === 2; }, 'events').then(function () {
+    assert.deepStrictEqual([outcomes[1].message, outcomes[1].errno, outcomes[2]], ['subscription refused', 7, null]);
     assert.ok(events[0] instanceof KWNodeEvent);
     events.push(new KWNodeEvent());
     assert.deepStrictEqual(events.map(function (ev) {
@@ -82,10 +73,9 @@ test('a handler released last on a library thread hands its function to the Java
 });
 
 test('an exception thrown by a callback is reported as uncaught and later items still run', function () {
-  var script = 'var probe = require(' + JSON.stringify(harness.probePath) + '), caught = [], calls = 0;\n' +
+  var run = harness.spawn(['-e', 'var probe = require(' + JSON.stringify(harness.probePath) + '), caught = [], calls = 0;\n' +
     'process.on("uncaughtException", function (e) { caught.push(e.message); });\n' +
     'probe.pushFromThreads(1, 3, function (t, seq) { calls++; if (seq === 1) throw new Error("boom " + seq); });\n' +
-    'setTimeout(function () { console.log(JSON.stringify({ calls: calls, caught: caught })); process.exit(0); }, 200);';
-  var out = childProcess.execFileSync(process.execPath, ['-e', script]).toString();
-  assert.deepStrictEqual(JSON.parse(out), { calls: 3, caught: ['boom 1'] });
+    'setTimeout(function () { console.log(JSON.stringify({ calls: calls, caught: caught })); process.exit(0); }, 200);']);
+  assert.deepStrictEqual(JSON.parse(run.out), { calls: 3, caught: ['boom 1'] });
 });

@@ -7,7 +7,6 @@
 // the seed that replays its call sequence:
 //   KWNODE_FUZZ_SEED=<seed> [KWNODE_FUZZ_CALLS=<n>] node test/js/fuzz.test.js
 var assert = require('assert');
-var childProcess = require('child_process');
 var harness = require('./harness');
 
 var CALLS = Number(process.env.KWNODE_FUZZ_CALLS || 100000);
@@ -17,16 +16,12 @@ if (process.env.KWNODE_FUZZ_CHILD) {
   fuzz();
 } else {
   harness.test('random hostile call sequences end in JavaScript errors only (seed ' + SEED + ')', function () {
-    var env = Object.assign({}, process.env, { KWNODE_FUZZ_CHILD: '1', KWNODE_FUZZ_SEED: String(SEED), KWNODE_FUZZ_CALLS: String(CALLS) });
-    var child = childProcess.spawnSync(process.execPath, ['--expose-gc', __filename],
-      { env: env, timeout: 600000, maxBuffer: 256 * 1024 * 1024 });
-    var out = String(child.stdout);
-    var err = String(child.stderr);
-    var verdict = out.split('\n').filter(function (line) { return line.indexOf('fuzz:') === 0; }).join('\n');
+    var run = harness.spawn(['--expose-gc', __filename], Object.assign({}, process.env,
+      { KWNODE_FUZZ_CHILD: '1', KWNODE_FUZZ_SEED: String(SEED), KWNODE_FUZZ_CALLS: String(CALLS) }));
+    var verdict = run.out.split('\n').filter(function (line) { return line.indexOf('fuzz:') === 0; }).join('\n');
     console.log(verdict);
-    assert.ok(child.status === 0 && /fuzz: survived/.test(out),
-      'the fuzzed process failed (exit ' + child.status + ', signal ' + child.signal + '); replay with KWNODE_FUZZ_SEED=' + SEED +
-      '\n' + verdict + '\n' + err.slice(-4000));
+    assert.ok(run.status === 0 && /fuzz: survived/.test(run.out), 'the fuzzed process failed (exit ' + run.status +
+      ', signal ' + run.signal + '); replay with KWNODE_FUZZ_SEED=' + SEED + '\n' + verdict + '\n' + run.err.slice(-4000));
   });
 }
 
@@ -36,14 +31,15 @@ function fuzz() {
   function below(n) { return Math.floor(random() * n); }
   function pick(list) { return list[below(list.length)]; }
 
-  var counts = { calls: 0, returned: 0, threw: 0, callbacks: 0, callbackThrew: 0, received: 0, clients: 0 };
-  function hostile() { var e = new Error('hostile'); e.hostile = true; throw e; }
-  function fail(what, value) {
-    console.log('fuzz: FAILED after ' + counts.calls + ' calls: ' + what + ': ' + typeof value + ' ' + String(value));
+  var counts = { calls: 0, threw: 0, callbacks: 0, callbackThrew: 0, clients: 0 };
+  function hostile() { throw new Error('hostile'); }
+  function verify(e, what) {
+    if (e instanceof Error) return;
+    console.log('fuzz: FAILED after ' + counts.calls + ' calls: ' + what + ' threw a non-Error: ' + typeof e + ' ' + String(e));
     process.exit(1);
   }
   process.on('uncaughtException', function (e) {
-    if (!(e instanceof Error)) fail('a callback threw a non-Error', e);
+    verify(e, 'a callback');
     counts.callbackThrew++;
   });
 
@@ -55,14 +51,15 @@ function fuzz() {
   function record(list, limit) {
     return function (value) {
       counts.callbacks++;
-      if (value && typeof value === 'object') {
-        list.push(value);
-        if (list.length > limit) list.splice(below(list.length), 1);
-      }
+      if (value && typeof value === 'object' && list.push(value) > limit) list.splice(below(list.length), 1);
     };
   }
   var onMessage = record(received, 50);
   var onEvent = record(events, 20);
+  function reentrant() {
+    counts.callbacks++;
+    if (below(4) === 0) step();  // calls back into the module from a callback
+  }
 
   var huge = new Array(1 << 20).join('x');
   var surrogates = new Array(1 << 16).join('\ud800');
@@ -73,16 +70,12 @@ function fuzz() {
   var trapAll = {};
   ['get', 'set', 'has', 'ownKeys', 'getOwnPropertyDescriptor', 'getPrototypeOf', 'defineProperty', 'apply', 'construct']
     .forEach(function (trap) { trapAll[trap] = hostile; });
-  var proxies = typeof Proxy === 'function' ? [
+  var proxies = [
     function () { return new Proxy({}, trapAll); },
     function () { return new Proxy(function () {}, trapAll); },   // a callable that throws when called
     function () { return new Proxy({ host: 'localhost', port: PORT, vpn: 'fuzz' }, {}); },
     function () { return new Proxy({}, { ownKeys: function () { return ['host', 'host', 'x']; } }); }
-  ] : [];
-  var reentrant = function () {
-    counts.callbacks++;
-    if (below(4) === 0) step();  // calls back into the module from a callback
-  };
+  ];
 
   // Argument makers, each a fresh value per draw.
   var VALUES = [
@@ -99,7 +92,7 @@ function fuzz() {
     function () { return { host: 'localhost', port: PORT, vpn: pick(['fuzz', '', 'other']), user: pick(['u', 'mallory']) }; },
     function () { return getterData; },
     function () { return { host: { toString: hostile } }; },
-    function () { return proxies.length ? pick(proxies)() : {}; },
+    function () { return pick(proxies)(); },
     function () { return onMessage; }, function () { return onEvent; }, function () { return reentrant; },
     function () { return hostile; },
     function () { return pick(received) || null; }, function () { return pick(events) || null; },
@@ -120,21 +113,19 @@ function fuzz() {
       if (name !== 'constructor') methods.push([cls, name]);
     });
   });
+  // A receiver for a method of cls: mostly a real one, else any value or a bare prototype object.
   function receiver(cls) {
-    switch (below(6)) {
-      case 0: return value();  // any value, often of another class
-      case 1: return Object.create(cls.prototype);
-      default:
-        if (cls === kw.KWNodeClient) return pick(clients) || value();
-        if (cls === kw.KWNodeMessage) return pick(received) || new kw.KWNodeMessage();
-        return pick(events) || new kw.KWNodeEvent();
-    }
+    var r = below(6);
+    if (r === 0) return value();
+    if (r === 1) return Object.create(cls.prototype);
+    if (cls === kw.KWNodeClient) return pick(clients) || value();
+    if (cls === kw.KWNodeMessage) return pick(received) || new kw.KWNodeMessage();
+    return pick(events) || new kw.KWNodeEvent();
   }
   function newClient() {
     var client = new kw.KWNodeClient(pick(['fuzz-a', 'fuzz-b']), 'SOLACE', { host: 'localhost', port: PORT, vpn: 'fuzz' }, onEvent);
-    clients.push(client);
+    if (clients.push(client) > 12) clients.splice(below(clients.length), 1);  // dropped to the collector
     counts.clients++;
-    if (clients.length > 12) clients.splice(below(clients.length), 1);  // dropped to the collector
     return client;
   }
 
@@ -169,23 +160,20 @@ function fuzz() {
     }
     try {
       call();
-      counts.returned++;
     } catch (e) {
-      if (!(e instanceof Error)) fail('a call threw a non-Error', e);
+      verify(e, 'a call');
       counts.threw++;
     }
   }
 
   newClient().connect();
-  var SLICE = 500;
   (function run() {
-    for (var i = 0; i < SLICE && counts.calls < CALLS; i++) step();
+    for (var i = 0; i < 500 && counts.calls < CALLS; i++) step();
     if (counts.calls < CALLS) return setImmediate(run);
     if (global.gc) global.gc();
-    counts.received = received.length;
     // Late callbacks of the last calls get a moment to arrive.
     setTimeout(function () {
-      console.log('fuzz: survived ' + JSON.stringify(counts) + ' seed ' + SEED);
+      console.log('fuzz: survived ' + JSON.stringify(counts) + ', ' + received.length + ' messages held, seed ' + SEED);
       process.exit(0);
     }, 500);
   })();

@@ -3,6 +3,7 @@
 // fn takes a done callback or returns a Promise; a test fails on an error, a
 // rejection, an uncaught exception or after 60 s. The run ends with an
 // explicit exit because the add-on's async handle keeps the event loop alive.
+var childProcess = require('child_process');
 var path = require('path');
 
 var queue = [];
@@ -41,20 +42,29 @@ exports.test = function (name, fn) {
 };
 
 var root = exports.root = path.resolve(__dirname, '..', '..');
-// The build tree under test: KWNODE_BUILD_DIR when set (index.js honours it
-// too), else the release build.
-exports.buildDir = path.resolve(process.env.KWNODE_BUILD_DIR || path.join(root, 'build'));
-exports.probePath = path.join(exports.buildDir, 'addon', 'node-v' + process.versions.modules, 'kwbridge_probe.node');
+// The add-ons of the build tree under test: KWNODE_BUILD_DIR when set (index.js
+// honours it too), else the release build.
+var addonDir = path.resolve(process.env.KWNODE_BUILD_DIR || path.join(root, 'build'), 'addon',
+  'node-v' + process.versions.modules);
+exports.probePath = path.join(addonDir, 'kwbridge_probe.node');
 exports.kwnode = function () { return require(root); };
 exports.probe = function () { return require(exports.probePath); };
 // The stand-in's control functions; kwnode is loaded first so that the
 // stand-in library is there to be found.
 exports.control = function () {
   exports.kwnode();
-  return require(path.join(exports.buildDir, 'addon', 'node-v' + process.versions.modules, 'kwemu_control.node'));
+  return require(path.join(addonDir, 'kwemu_control.node'));
 };
 // Set where the add-on runs under a sanitizer runtime: memory figures mean nothing there.
 exports.sanitized = !!process.env.KWNODE_SANITIZED;
+
+// Runs node with args in a child process (env: process.env by default);
+// returns its exit status, signal, trimmed stdout and stderr.
+exports.spawn = function (args, env) {
+  var run = childProcess.spawnSync(process.execPath, args,
+    { env: env || process.env, timeout: 600000, maxBuffer: 256 * 1024 * 1024 });
+  return { status: run.status, signal: run.signal, out: String(run.stdout).trim(), err: String(run.stderr) };
+};
 
 // A seeded random stream in [0, 1) (mulberry32), the same on every Node line,
 // so that a seed replays a fuzz or soak run.

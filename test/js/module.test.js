@@ -2,7 +2,6 @@
 // The JavaScript surface on the stand-in broker: argument shapes, error texts
 // and the standard-error line, conversions, events and request outcomes.
 var assert = require('assert');
-var childProcess = require('child_process');
 var fs = require('fs');
 var path = require('path');
 var harness = require('./harness');
@@ -21,12 +20,6 @@ function throwsTexts(cases) {
   });
 }
 
-// Runs script in a child node; returns its trimmed stdout and its stderr.
-function child(script, env) {
-  var run = childProcess.spawnSync(process.execPath, ['-e', script + '\nprocess.exit(0);'], { env: env || process.env });
-  return { out: run.stdout.toString().trim(), err: run.stderr.toString() };
-}
-
 // Checks stderr holds the error line "KWNode[e]: <file>:<line> <logText><what>"
 // naming the source line whose __LINE__ statement reports with logText.
 function assertErrorLine(stderr, logText, what) {
@@ -34,11 +27,11 @@ function assertErrorLine(stderr, logText, what) {
   var escaped = (logText + what).replace(/[.*+?^${}()|[\]\\']/g, '\\$&');
   var match = new RegExp('^KWNode\\[e\\]: ' + file + ':(\\d+) ' + escaped + '$', 'm').exec(stderr);
   assert.ok(match, 'stderr: ' + stderr);
-  var lines = fs.readFileSync(path.join(harness.root, file + '.cpp'), 'utf8').split('\n');
-  var line = Number(match[1]);
-  assert.ok(lines[line - 1].indexOf('__LINE__') >= 0 && lines[line - 1].indexOf('"' + logText + '"') >= 0,
-    'line ' + line + ' is the reporting statement');
+  var line = fs.readFileSync(path.join(harness.root, file + '.cpp'), 'utf8').split('\n')[Number(match[1]) - 1];
+  assert.ok(line.indexOf('__LINE__') >= 0 && line.indexOf('"' + logText + '"') >= 0, 'line ' + match[1] + ' reports');
 }
+
+function shape(m) { return [m.topic(), m.payload().toString('hex'), m.qos()]; }
 
 var client;
 var topics = harness.collector();
@@ -62,13 +55,12 @@ test('connect: a new client starts disconnected, reports state 3 by event and ig
 });
 
 test('constructor: argument errors in order, conversions seen through the library', function () {
+  var noData = 'Messaging Client Initialization: connection data is missing or wrong';
   throwsTexts([
     // The data check replaces the count error; construction stops without data.
-    [function () { return new KWNodeClient(); }, 'Messaging Client Initialization: connection data is missing or wrong'],
-    [function () { return new KWNodeClient('id'); }, 'Messaging Client Initialization: connection data is missing or wrong'],
-    [function () { return new KWNodeClient('id', 'SOLACE'); }, 'Messaging Client Initialization: connection data is missing or wrong'],
-    [function () { return new KWNodeClient('id', 'SOLACE', null, function () {}); },
-      'Messaging Client Initialization: connection data is missing or wrong'],
+    [function () { return new KWNodeClient(); }, noData],
+    [function () { return new KWNodeClient('id'); }, noData],
+    [function () { return new KWNodeClient('id', 'SOLACE', null, function () {}); }, noData],
     // A string is read one entry per character, so the library misses its host.
     [function () { return new KWNodeClient('dev', 'SOLACE', 'ab'); }, "invalid destination 'dev', missing parameter 'host'"],
     // Numbers are text: host and port get through, and the id is stringified.
@@ -83,49 +75,52 @@ test('constructor: argument errors in order, conversions seen through the librar
 });
 
 test('library errors: Error(what) with a numeric code and a standard-error line naming the reporting line', function () {
-  var run = child('try { new (require(' + JSON.stringify(harness.root) + ').KWNodeClient)("dev", "SOLACE", {}); }' +
-    ' catch (e) { console.log(JSON.stringify([e instanceof Error, typeof e.code, e.message])); }');
+  var load = 'require(' + JSON.stringify(harness.root) + ')';
+  var run = harness.spawn(['-e', 'try { new ' + load + '.KWNodeClient("dev", "SOLACE", {}); } catch (e) {' +
+    ' console.log(JSON.stringify([e instanceof Error, typeof e.code, e.message])); } process.exit(0);']);
   var what = "invalid destination 'dev', missing parameter 'host'";
   assert.deepStrictEqual(JSON.parse(run.out), [true, 'number', what]);
   assertErrorLine(run.err, 'KWNodeClient::New error: ', what);
   // A vendor library that cannot load makes require throw, after its own line.
-  var env = {};
-  Object.keys(process.env).forEach(function (k) { if (k !== 'LD_LIBRARY_PATH') env[k] = process.env[k]; });
-  run = child('try { require(' + JSON.stringify(harness.root) + '); } catch (e) { console.log(e.message); }', env);
+  var env = Object.assign({}, process.env);
+  delete env.LD_LIBRARY_PATH;
+  run = harness.spawn(['-e', 'try { ' + load + '; } catch (e) { console.log(e.message); }'], env);
   assert.ok(/libsolclient\.so/.test(run.out), run.out);
   assertErrorLine(run.err, 'KWNodeClient::KWNodeClient error: ', run.out);
 });
 
-test('publish: every argument shape, QoS mapping, callback detection and the message object', function () {
+test('publish: every argument shape, QoS mapping, payload type and callback detection', function () {
   var t0 = topics.length;
   var q0 = queue.length;
   var outcomes = {};
   function record(name) { return function (err) { outcomes[name] = err; }; }
-  client.publish('m/two', 'hello');
-  client.publish('kw.q1', 2, Buffer.from([0, 1, 2]));
-  client.publish('m/cb', 'x', record('cb'));
-  client.publish('m/seven', 7, 'x', record('seven'));
-  client.publish('kw.q1', 2, 'y', 'not a function');
-  client.publish('m/empty', '');
-  client.publish('m/three', 1, Buffer.from([0xff, 0x00, 0x7f]));
-  // Every line takes the same payload types: the bytes of any view (at its
-  // offset) and of a whole ArrayBuffer.
-  client.publish('m/u16', new Uint16Array([0x0102, 0x0304]));
-  client.publish('m/view', new DataView(new Uint8Array([9, 8, 7, 6]).buffer, 1, 2));
-  client.publish('m/ab', new Uint8Array([5, 6]).buffer);
-  // Non-ASCII topics and texts travel as their UTF-8 bytes.
-  client.publish('m/caf\u00e9/\u65e5\u672c/\ud83d\ude00', 'gr\u00fc\u00dfe \ud83d\ude80');
-  // Five arguments read as four: QoS 2 to a queue that does not exist.
-  client.publish('m/five', 2, 'x', record('five'), 'ignored');
-  function shape(m) { return [m.topic(), m.payload().toString('hex'), m.qos()]; }
-  return Promise.all([topics.waitFor(t0 + 9), queue.waitFor(q0 + 2),
+  var text = 'gr\u00fc\u00dfe \ud83d\ude80';
+  // Each [topic, further arguments, the bytes delivered (hex) or null]; kw.q1 is a queue.
+  var sends = [
+    ['m/two', ['hello'], '68656c6c6f'],
+    ['kw.q1', [2, Buffer.from([0, 1, 2])], '000102'],
+    ['m/cb', ['x', record('cb')], '78'],
+    ['m/seven', [7, 'x', record('seven')], '78'],
+    ['kw.q1', [2, 'y', 'not a function'], '79'],
+    ['m/empty', [''], ''],
+    ['m/three', [1, Buffer.from([0xff, 0x00, 0x7f])], 'ff007f'],
+    // Every line takes the same payload types: the bytes of any view (at its
+    // offset) and of a whole ArrayBuffer.
+    ['m/u16', [new Uint16Array([0x0102, 0x0304])], '02010403'],
+    ['m/view', [new DataView(new Uint8Array([9, 8, 7, 6]).buffer, 1, 2)], '0807'],
+    ['m/ab', [new Uint8Array([5, 6]).buffer], '0506'],
+    // Non-ASCII topics and texts travel as their UTF-8 bytes.
+    ['m/caf\u00e9/\u65e5\u672c/\ud83d\ude00', [text], Buffer.from(text).toString('hex')],
+    // Five arguments read as four: QoS 2 to a queue that does not exist.
+    ['m/five', [2, 'x', record('five'), 'ignored'], null]
+  ];
+  sends.forEach(function (s) { client.publish.apply(client, [s[0]].concat(s[1])); });
+  var expected = sends.filter(function (s) { return s[2] !== null; })
+    .map(function (s) { return [s[0], s[2], s[0] === 'kw.q1' ? 2 : 1]; });
+  return Promise.all([topics.waitFor(t0 + expected.length - 2), queue.waitFor(q0 + 2),
     harness.waitFor(function () { return Object.keys(outcomes).length === 3; }, 'outcomes')])
     .then(function () {
-      assert.deepStrictEqual(topics.slice(t0).map(shape), [['m/two', '68656c6c6f', 1], ['m/cb', '78', 1],
-        ['m/seven', '78', 1], ['m/empty', '', 1], ['m/three', 'ff007f', 1], ['m/u16', '02010403', 1],
-        ['m/view', '0807', 1], ['m/ab', '0506', 1],
-        ['m/caf\u00e9/\u65e5\u672c/\ud83d\ude00', Buffer.from('gr\u00fc\u00dfe \ud83d\ude80').toString('hex'), 1]]);
-      assert.deepStrictEqual(queue.slice(q0).map(shape), [['kw.q1', '000102', 2], ['kw.q1', '79', 2]]);
+      assert.deepStrictEqual(topics.slice(t0).concat(queue.slice(q0)).map(shape).sort(), expected.sort());
       assert.deepStrictEqual([outcomes.cb, outcomes.seven], [null, null]);
       assert.deepStrictEqual([outcomes.five.message, outcomes.five.errno], ['Message rejected', 1]);
       // Each payload() is a fresh Buffer over the packet's memory.
@@ -146,43 +141,32 @@ test('publish: every argument shape, QoS mapping, callback detection and the mes
     });
 });
 
-// Above 4 KiB the payload stays in the library's message: whole on a topic and
-// a queue, and sent on again by forward.
-test('large payloads: whole on a topic and a queue, and forwarded', function () {
-  var t0 = topics.length;
-  var q0 = queue.length;
-  var big = Buffer.alloc(65536);
-  for (var i = 0; i < big.length; i++) big[i] = i % 251;
-  client.publish('m/big', big);
-  client.publish('kw.q1', 2, big);
-  return Promise.all([topics.waitFor(t0 + 1), queue.waitFor(q0 + 1)]).then(function () {
-    assert.ok(topics[t0].payload().equals(big));
-    assert.ok(queue[q0].payload().equals(big));
-    client.forward('m/big-again', queue[q0]);
-    return topics.waitFor(t0 + 2);
-  }).then(function () {
-    assert.deepStrictEqual([topics[t0 + 1].topic(), topics[t0 + 1].payload().equals(big)], ['m/big-again', true]);
-  });
-});
-
-test('forward: shapes, QoS, and only received messages are accepted', function () {
+// A small topic message is forwarded from its copied bytes; above 4 KiB the
+// payload stays in the library's message, whole on a topic and a queue.
+test('forward: shapes and QoS of small and large messages; only received messages are accepted', function () {
   var t0 = topics.length;
   var q0 = queue.length;
   var outcomes = [];
+  var big = Buffer.alloc(65536);
+  for (var i = 0; i < big.length; i++) big[i] = i % 251;
   client.publish('m/original', 'forward me');
-  return topics.waitFor(t0 + 1).then(function () {
+  client.publish('m/big', big);
+  client.publish('kw.q1', 2, big);
+  return Promise.all([topics.waitFor(t0 + 2), queue.waitFor(q0 + 1)]).then(function () {
+    assert.deepStrictEqual([topics[t0 + 1].payload().equals(big), queue[q0].payload().equals(big)], [true, true]);
     var original = topics[t0];
     client.forward('m/forwarded', original);
     client.forward('kw.q1', 2, original, function (err) { outcomes.push(err); });
     client.forward('m/forwarded-cb', original, function (err) { outcomes.push(err); });
-    return Promise.all([topics.waitFor(t0 + 3), queue.waitFor(q0 + 1),
+    client.forward('m/big-again', queue[q0]);
+    return Promise.all([topics.waitFor(t0 + 5), queue.waitFor(q0 + 2),
       harness.waitFor(function () { return outcomes.length === 2; }, 'forward outcomes')]);
   }).then(function () {
-    var got = topics.slice(t0 + 1).concat(queue.slice(q0)).map(function (m) {
-      return [m.topic(), m.payload().toString(), m.qos()];
+    var got = topics.slice(t0 + 2).concat(queue.slice(q0 + 1)).map(function (m) {
+      return [m.topic(), m.payload().equals(big) ? 'big' : m.payload().toString(), m.qos()];
     });
     assert.deepStrictEqual(got, [['m/forwarded', 'forward me', 1], ['m/forwarded-cb', 'forward me', 1],
-      ['kw.q1', 'forward me', 2]]);
+      ['m/big-again', 'big', 1], ['kw.q1', 'forward me', 2]]);
     assert.deepStrictEqual(outcomes, [null, null]);
     var notReceived = 'Messaging Client Forward: message is not a received message';
     var empty = 'Messaging Message: the object holds no received message';

@@ -16,10 +16,10 @@ const SEED = Number(option('--seed') || process.env.KWNODE_SOAK_SEED || (Date.no
 const ONLY = option('--only');
 // --scale shrinks or grows every campaign (a quick look, a slow machine).
 const SCALE = Number(option('--scale') || 1);
-const SIZE = {};
-Object.entries(LONG ? { sends: 1000000, cycles: 100, messages: 10000000, clients: 5000 }
+const SIZE = Object.fromEntries(Object.entries(LONG
+  ? { sends: 1000000, cycles: 100, messages: 10000000, clients: 5000 }
   : { sends: 200000, cycles: 20, messages: 1000000, clients: 1000 })
-  .forEach(([key, n]) => { SIZE[key] = Math.max(1, Math.round(n * SCALE)); });
+  .map(([key, n]) => [key, Math.max(1, Math.round(n * SCALE))]));
 const MiB = 1024 * 1024;
 // Growth allowed between the post-warm-up sample and the last one.
 const MEMORY_BOUND = { rss: 48 * MiB, heapUsed: 16 * MiB };
@@ -34,6 +34,7 @@ const below = (n) => Math.floor(random() * n);
 let problems = [];
 const check = (ok, text) => { if (!ok) problems.push(text); };
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
+const elapsed = (started) => ['elapsed', ((Date.now() - started) / 1000).toFixed(1) + ' s'];
 
 const until = (predicate, what, timeoutMs = 60000) => harness.waitFor(predicate, what, timeoutMs);
 // A client on its own broker (one port per campaign, so drops stay local).
@@ -52,14 +53,8 @@ function memory() {
 const threads = () => fs.readdirSync('/proc/self/task').length;
 const handles = () => process._getActiveHandles().length;
 // The stand-in's live-object counters; those the loaded library lacks are left out.
-function standIn() {
-  const out = {};
-  ['liveSessions', 'liveContexts', 'liveFlows', 'liveMessages'].forEach((name) => {
-    const value = control.count(name);
-    if (value !== undefined) out[name] = value;
-  });
-  return out;
-}
+const standIn = () => Object.fromEntries(['liveSessions', 'liveContexts', 'liveFlows', 'liveMessages']
+  .map((name) => [name, control.count(name)]).filter(([, value]) => value !== undefined));
 
 // ---- sends: every completion exactly once under injected faults ---------------
 
@@ -135,7 +130,7 @@ async function sends() {
     ['publishes (direct / guaranteed)', `${SIZE.sends} (${figures.direct} / ${figures.guaranteed})`],
     ['completions: ok / error / twice / missing', `${figures.ok} / ${figures.failed} / ${figures.twice} / ${missing}`],
     ['batches of 2000 by fault', Object.keys(figures.batches).map((k) => `${k} ${figures.batches[k]}`).join(', ')],
-    ['elapsed', ((Date.now() - started) / 1000).toFixed(1) + ' s'],
+    elapsed(started),
   ];
 }
 
@@ -152,25 +147,21 @@ async function endToEnd() {
   const publishAcked = new Set();
   const deferred = [];
   let brokerUp = true;
-  let redeliveries = 0;
-  let ackedCameBack = 0;
-  let ackFailures = 0;
-  let publishFailed = 0;
-  let boundSum = 0;
+  const f = { redeliveries: 0, ackedCameBack: 0, ackFailures: 0, publishFailed: 0, boundSum: 0 };
   const ack = (n, m) => {
     try {
       m.acknowledge();
       consumerAcked.add(n);
     } catch (e) {
-      ackFailures++;
+      f.ackFailures++;
     }
   };
   // A queue subscription's success is not reported to a completion callback.
   sub.client.subscribe(QUEUE, 2, (m) => {
     const n = m.payload().readUInt32BE(0);
     const seen = delivered.get(n) || 0;
-    if (seen) redeliveries++;
-    if (consumerAcked.has(n)) ackedCameBack++;
+    if (seen) f.redeliveries++;
+    if (consumerAcked.has(n)) f.ackedCameBack++;
     delivered.set(n, seen + 1);
     // Some acknowledgements wait, so that drops find unacknowledged messages.
     if (brokerUp && random() < 0.7) ack(n, m);
@@ -189,7 +180,7 @@ async function endToEnd() {
       payload.writeUInt32BE(n, 0);
       pub.client.publish(QUEUE, 2, payload, (err) => {
         answered++;
-        if (err) publishFailed++;
+        if (err) f.publishFailed++;
         else publishAcked.add(n);
       });
     }
@@ -209,7 +200,7 @@ async function endToEnd() {
       () => `a quiet queue in cycle ${cycle}: ${next - answered} publishes unanswered, depth ` +
         `${control.queueDepth(QUEUE)}, ${deferred.length} held by the consumer, states ` +
         `${pub.client.getConnectionState()}/${sub.client.getConnectionState()}`, 30000);
-    boundSum += control.queueDepth(QUEUE);
+    f.boundSum += control.queueDepth(QUEUE);
     brokerUp = false;
     control.setBrokerUp(HOST, 0);
     deferred.length = 0;  // these come back; acknowledging the old copies would race them
@@ -231,16 +222,16 @@ async function endToEnd() {
   pub.client.disconnect();
   sub.client.disconnect();
   check(lost === 0, 'acknowledged publishes never delivered');
-  check(ackedCameBack === 0, 'consumer-acknowledged messages delivered again');
-  check(redeliveries <= boundSum, 'more redeliveries than unacknowledged messages at the drops');
+  check(f.ackedCameBack === 0, 'consumer-acknowledged messages delivered again');
+  check(f.redeliveries <= f.boundSum, 'more redeliveries than unacknowledged messages at the drops');
   return [
     ['drop/return cycles', String(SIZE.cycles)],
-    ['publishes: acknowledged / failed', `${publishAcked.size} / ${publishFailed}`],
+    ['publishes: acknowledged / failed', `${publishAcked.size} / ${f.publishFailed}`],
     ['delivered distinct / lost', `${delivered.size} / ${lost}`],
-    ['redeliveries (bound: unacknowledged at the drops)', `${redeliveries} (${boundSum})`],
-    ['consumer-acknowledged delivered again', String(ackedCameBack)],
-    ['acknowledge() errors', String(ackFailures)],
-    ['elapsed', ((Date.now() - started) / 1000).toFixed(1) + ' s'],
+    ['redeliveries (bound: unacknowledged at the drops)', `${f.redeliveries} (${f.boundSum})`],
+    ['consumer-acknowledged delivered again', String(f.ackedCameBack)],
+    ['acknowledge() errors', String(f.ackFailures)],
+    elapsed(started),
   ];
 }
 
@@ -347,7 +338,7 @@ async function churn() {
     ['clients made, connected, subscribed (topic + queue), dropped', String(SIZE.clients)],
     ['peak threads', String(peakThreads)],
     ...rows,
-    ['elapsed', ((Date.now() - started) / 1000).toFixed(1) + ' s'],
+    elapsed(started),
   ];
 }
 

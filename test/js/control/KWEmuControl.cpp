@@ -8,99 +8,78 @@
 
 #include <string>
 #include <type_traits>
+#include <utility>
 
 #include <nan.h>
 
 namespace {
 
-void* library() {
+void* symbol(std::string const& name) {
     static void* handle = dlopen("libsolclient.so", RTLD_NOW | RTLD_NOLOAD);
-    return handle;
+    return handle == nullptr ? nullptr : dlsym(handle, ("solEmu_" + name).c_str());
 }
 
-template <typename Fn>
-Fn lookup(std::string const& name) {
-    void* lib = library();
-    if (lib == nullptr) {
-        Nan::ThrowError("kwemu_control: libsolclient.so is not loaded; require kwnode first");
-        return nullptr;
-    }
-    auto fn = reinterpret_cast<Fn>(dlsym(lib, ("solEmu_" + name).c_str()));
+// One JavaScript argument, passed on as text or as a number.
+struct Arg {
+    explicit Arg(v8::Local<v8::Value> value)
+        : text(*Nan::Utf8String(value)), number(Nan::To<int32_t>(value).FromMaybe(0)) {}
+    operator char const*() const { return text.c_str(); }
+    operator int() const { return number; }
+    std::string text;
+    int number;
+};
+
+// solEmu_<name>(args...) with name taken from the function's data: its result
+// as a number, or undefined for a void one.
+template <typename Result, typename... Args, size_t... I>
+void call(Nan::NAN_METHOD_ARGS_TYPE info, std::index_sequence<I...>) {
+    std::string const name = Arg(info.Data()).text;
+    auto fn = reinterpret_cast<Result (*)(Args...)>(symbol(name));
     if (fn == nullptr) {
-        Nan::ThrowError(("kwemu_control: the loaded library has no solEmu_" + name).c_str());
+        Nan::ThrowError(("kwemu_control: no solEmu_" + name +
+                         " in a loaded libsolclient.so (require kwnode first)")
+                            .c_str());
+        return;
     }
-    return fn;
+    Arg const args[] = {Arg(info[I])...};
+    if constexpr (std::is_void<Result>::value) {
+        fn(args[I]...);
+    } else {
+        info.GetReturnValue().Set(Nan::New(static_cast<double>(fn(args[I]...))));
+    }
 }
 
-std::string text(v8::Local<v8::Value> value) {
-    return *Nan::Utf8String(value);
-}
-
-int number(v8::Local<v8::Value> value) {
-    return Nan::To<int32_t>(value).FromMaybe(0);
+template <typename Result, typename... Args>
+NAN_METHOD(Call) {
+    call<Result, Args...>(info, std::index_sequence_for<Args...>());
 }
 
 // count(name): solEmu_<name>() of a counter such as liveMessages or
 // liveSessions; undefined when the loaded library has no such counter.
 NAN_METHOD(Count) {
-    void* lib = library();
-    auto fn = lib == nullptr
-                  ? nullptr
-                  : reinterpret_cast<long (*)()>(dlsym(lib, ("solEmu_" + text(info[0])).c_str()));
-    if (fn != nullptr) {
+    if (auto fn = reinterpret_cast<long (*)()>(symbol(Arg(info[0]).text))) {
         info.GetReturnValue().Set(Nan::New(static_cast<double>(fn())));
     }
 }
 
-NAN_METHOD(FailNext) {
-    if (auto fn = lookup<int (*)(char const*, int, int, int, char const*)>("failNext")) {
-        info.GetReturnValue().Set(fn(text(info[0]).c_str(), number(info[1]), number(info[2]),
-                                     number(info[3]), text(info[4]).c_str()));
-    }
-}
-
-NAN_METHOD(SetBrokerUp) {
-    if (auto fn = lookup<void (*)(char const*, int)>("setBrokerUp")) {
-        fn(text(info[0]).c_str(), number(info[1]));
-    }
-}
-
-// solEmu_<name>(arg): its result as a number, or undefined for a void one.
-template <typename Result, typename Arg>
-void callWith(Nan::NAN_METHOD_ARGS_TYPE info, char const* name, Arg arg) {
-    if (auto fn = lookup<Result (*)(Arg)>(name)) {
-        if constexpr (std::is_void<Result>::value) {
-            fn(arg);
-        } else {
-            info.GetReturnValue().Set(Nan::New(static_cast<double>(fn(arg))));
-        }
-    }
-}
-
-NAN_METHOD(SetAckMode) {
-    callWith<void>(info, "setAckMode", number(info[0]));
-}
-NAN_METHOD(AddQueue) {
-    callWith<int>(info, "addQueue", text(info[0]).c_str());
-}
-NAN_METHOD(RemoveQueue) {
-    callWith<int>(info, "removeQueue", text(info[0]).c_str());
-}
-NAN_METHOD(QueueDepth) {
-    callWith<long>(info, "queueDepth", text(info[0]).c_str());
-}
-
 NAN_MODULE_INIT(InitControl) {
+    using Text = char const*;
     struct Method {
         char const* name;
         Nan::FunctionCallback fn;
     };
-    Method const methods[] = {
-        {"count", Count},           {"failNext", FailNext}, {"setBrokerUp", SetBrokerUp},
-        {"setAckMode", SetAckMode}, {"addQueue", AddQueue}, {"removeQueue", RemoveQueue},
-        {"queueDepth", QueueDepth}};
+    Method const methods[] = {{"count", Count},
+                              {"failNext", Call<int, Text, int, int, int, Text>},
+                              {"setBrokerUp", Call<void, Text, int>},
+                              {"setAckMode", Call<void, int>},
+                              {"addQueue", Call<int, Text>},
+                              {"removeQueue", Call<int, Text>},
+                              {"queueDepth", Call<long, Text>}};
     for (Method const& method : methods) {
-        Nan::SetMethod(target, method.name, method.fn);
+        v8::Local<v8::String> name = Nan::New(method.name).ToLocalChecked();
+        Nan::Set(
+            target, name,
+            Nan::GetFunction(Nan::New<v8::FunctionTemplate>(method.fn, name)).ToLocalChecked());
     }
 }
 

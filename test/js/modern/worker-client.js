@@ -1,8 +1,8 @@
 'use strict';
 // A Worker holding its own client on the stand-in broker: subscribes to the
 // topics it is given, reports to its parent the events and messages it
-// receives (or, with quiet, only the first message and the count), and
-// publishes what the parent asks it to.
+// receives (or, with quiet, only the first message), and publishes what the
+// parent asks it to.
 const { parentPort, workerData } = require('worker_threads');
 const { KWNodeClient } = require(workerData.root);
 
@@ -12,9 +12,8 @@ const client = new KWNodeClient(workerData.id, 'SOLACE', { host: 'localhost', po
 client.connect();
 
 function onMessage(m) {
-  received += 1;
   if (!workerData.quiet) parentPort.postMessage({ topic: m.topic(), payload: m.payload().toString() });
-  else if (received === 1) parentPort.postMessage({ first: m.topic() });
+  else if (++received === 1) parentPort.postMessage({ first: m.topic() });
 }
 
 const timer = setInterval(() => {
@@ -24,7 +23,4 @@ const timer = setInterval(() => {
     .then((outcomes) => parentPort.postMessage({ ready: outcomes }));
 }, 5);
 
-parentPort.on('message', (msg) => {
-  (msg.publish || []).forEach(([topic, payload]) => client.publish(topic, payload));
-  if (msg.count) parentPort.postMessage({ count: received });
-});
+parentPort.on('message', (msg) => msg.publish.forEach(([topic, payload]) => client.publish(topic, payload)));

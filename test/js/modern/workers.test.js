@@ -4,17 +4,9 @@
 // without disturbing the others or the exit of the process.
 const assert = require('assert');
 const path = require('path');
-const childProcess = require('child_process');
+const { Worker } = require('worker_threads');
 const harness = require('../harness');
 const { test } = harness;
-
-let Worker;
-try {
-  ({ Worker } = require('worker_threads'));
-} catch (e) {
-  console.log('0 passed, 0 failed (no worker_threads on Node ' + process.version + ')');
-  process.exit(0);
-}
 
 const VPN = 'workers';
 
@@ -99,7 +91,6 @@ test('the process exits cleanly while Workers hold clients and messages flow', (
       a.terminate();
       setTimeout(() => { console.log('exiting'); process.exit(0); }, 20);
     });`;
-  const run = childProcess.spawnSync(process.execPath, ['-e', script], { env: process.env, timeout: 60000 });
-  assert.deepStrictEqual([run.status, run.signal, run.stdout.toString().trim(), run.stderr.toString()],
-    [0, null, 'exiting', '']);
+  const run = harness.spawn(['-e', script]);
+  assert.deepStrictEqual([run.status, run.signal, run.out, run.err], [0, null, 'exiting', '']);
 });

@@ -67,19 +67,6 @@ NAN_METHOD(PushFromThreads) {
         worker.join();
 }
 
-// pushDuringBatch(fn): one item that queues a second while it runs;
-// fn(0, 0, batch) then fn(0, 1, batch').
-NAN_METHOD(PushDuringBatch) {
-    if (!functionAt(info, 0))
-        return;
-    KWCallbackProcessor* processor = KWCallbackProcessor::getInstance();
-    auto item =
-        std::make_shared<KWProbeItem>(processor->shareFunction(info[0].As<v8::Function>()), 0, 0);
-    item->pushNext = true;
-    processor->pushBackItem(item);
-    processor->triggerCallback();
-}
-
 // reportTwice(fn): one send's completion reported twice.
 NAN_METHOD(ReportTwice) {
     reportFromThread(info, 0, false, [](KWEventHandler& handler, Done const& done) {
@@ -137,7 +124,6 @@ NAN_MODULE_INIT(InitProbe) {
     KWNodeEvent::Init(target);
     KWNodeMessage::Init(target);
     Nan::SetMethod(target, "pushFromThreads", PushFromThreads);
-    Nan::SetMethod(target, "pushDuringBatch", PushDuringBatch);
     Nan::SetMethod(target, "reportTwice", ReportTwice);
     Nan::SetMethod(target, "completeWith", CompleteWith);
     Nan::SetMethod(target, "runtimeError", RuntimeError);

@@ -11,10 +11,6 @@ KWProbeItem::~KWProbeItem() = default;
 void KWProbeItem::executeCallback() {
     Nan::HandleScope scope;
     KWCallbackProcessor* processor = KWCallbackProcessor::getInstance();
-    if (pushNext) {
-        processor->pushBackItem(std::make_shared<KWProbeItem>(callback, threadIndex, seq + 1));
-        processor->triggerCallback();
-    }
     v8::Local<v8::Value> argv[] = {Nan::New(threadIndex), Nan::New(seq),
                                    Nan::New(static_cast<double>(processor->batchCount()))};
     processor->call(callback->GetFunction(), 3, argv);

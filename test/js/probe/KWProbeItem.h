@@ -9,14 +9,12 @@
 
 // The smallest useful callback item: calls fn(threadIndex, seq, batch) on the
 // JavaScript thread, batch being the number of the kw_item_callback run that
-// executed it. With pushNext set it queues a follow-up item while running.
+// executed it.
 class KWProbeItem : public KWCallbackItem {
   public:
     KWProbeItem(std::shared_ptr<Nan::Callback> callback, uint32_t threadIndex, uint32_t seq);
     ~KWProbeItem() override;
     void executeCallback() override;
-
-    bool pushNext = false;
 
   private:
     std::shared_ptr<Nan::Callback> callback;
