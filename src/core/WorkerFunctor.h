@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/DroppedFailures.h"
+#include "core/ThreadSlice.h"
 
 namespace KW {
 
@@ -29,6 +30,7 @@ class WorkerFunctor {
         if (context->threadName[0] != '\0') {
             pthread_setname_np(pthread_self(), context->threadName);
         }
+        ThreadSlice::requestShort();
         std::unique_lock<std::mutex> lock(context->queueMutex);
         while (awaitTask(lock)) {
             if constexpr (batch) {
