@@ -73,6 +73,10 @@ class WorkerContext {
     // What the pool's threads are called in ps, top, perf and debuggers (at
     // most 15 characters); empty leaves the name they inherit.
     char const* threadName = "";
+    // The pool's threads ask for a short scheduler slice (see ThreadSlice):
+    // for a pool on a latency path, whose woken thread should not queue
+    // behind a busy one.
+    bool shortSlice = false;
     // The queue length as last seen under queueMutex: what a spinning thread
     // watches without taking the lock.
     std::atomic<std::size_t> queuedHint{0};

@@ -30,7 +30,9 @@ class WorkerFunctor {
         if (context->threadName[0] != '\0') {
             pthread_setname_np(pthread_self(), context->threadName);
         }
-        ThreadSlice::requestShort();
+        if (context->shortSlice) {
+            ThreadSlice::requestShort();
+        }
         std::unique_lock<std::mutex> lock(context->queueMutex);
         while (awaitTask(lock)) {
             if constexpr (batch) {

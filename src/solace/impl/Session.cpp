@@ -57,6 +57,8 @@ Session::Session(std::string const& destination,
     forwardWorker.threadName = "kw-forward";
     subscribeWorker.threadName = "kw-subscribe";
     receiveWorker.batchSize = 50;
+    // Each delivery waits on this pool's wake-up; the others' work is not waited on.
+    receiveWorker.shortSlice = true;
     receiveWorker.maxQueueSize = 512;
     receiveWorker.jobThresholds = {0, 200};
     publishWorker.maxQueueSize = 256;
