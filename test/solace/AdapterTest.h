@@ -50,6 +50,20 @@ struct Event {
     shared_ptr<Reference> reference{};
 };
 
+// Polls, bounded, for what nothing notifies (queue depths, live library
+// messages, a client still held on the context thread).
+template <typename Done>
+bool eventually(Done done, std::chrono::milliseconds timeout = 5s) {
+    auto const deadline = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
 // Items recorded under a mutex; tests wait for what they expect, bounded.
 template <typename T>
 class Record {

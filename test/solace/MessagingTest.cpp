@@ -39,7 +39,7 @@ TEST_F(Sending, AtMostOnceGoesToTheTopicAndForwardSendsThePayloadOn) {
     EXPECT_EQ(outcomeOf(tag).kind, SENT);
     ASSERT_TRUE(handler->waitFor(2, "relay me"));
     EXPECT_EQ(handler->all()[2]->getTopic(), "news/relayed");
-    EXPECT_TRUE(events->waitUntil([](auto const&) { return solEmu_queueDepth("work") == 0; }));
+    EXPECT_TRUE(eventually([] { return solEmu_queueDepth("work") == 0; }));
     // Nothing to forward, or nothing to publish: an empty message.
     client->forward(nullptr, "news/empty", AMO, Reference::NONE, false);
     client->publish(nullptr, "news/empty", AMO, Reference::NONE, false);
@@ -267,7 +267,7 @@ TEST_F(Subscriptions, QueueMessagesAreAcknowledgedOneByOne) {
     EXPECT_TRUE(message->isAckRequired());
     EXPECT_EQ(solEmu_queueDepth("work"), 1);
     message->acknowledge();
-    EXPECT_TRUE(events->waitUntil([](auto const&) { return solEmu_queueDepth("work") == 0; }));
+    EXPECT_TRUE(eventually([] { return solEmu_queueDepth("work") == 0; }));
     message->acknowledge();  // twice does no harm
     // A started flow is not announced; its state shows it.
     EXPECT_EQ(answers(), 0u);
@@ -298,12 +298,6 @@ TEST_F(Subscriptions, PayloadsOfEverySizeArriveWholeAndOwnTheirBytes) {
     auto otherHandler = makeHandler();
     subscribe(other, otherHandler, "sized");
     constexpr unsigned long LIMIT = Impl::ReceiveTask::COPIED_MAX;
-    auto settles = [](auto done) {  // nothing notifies these counts: poll, bounded
-        for (int i = 0; i < 500 && !done(); ++i) {
-            std::this_thread::sleep_for(10ms);
-        }
-        return done();
-    };
     for (unsigned long size : {1ul, LIMIT, LIMIT + 1, 65536ul}) {
         SCOPED_TRACE(size);
         std::string const payload(size, static_cast<char>('a' + size % 26));
@@ -318,13 +312,13 @@ TEST_F(Subscriptions, PayloadsOfEverySizeArriveWholeAndOwnTheirBytes) {
         EXPECT_TRUE(text(otherHandler->all()[0]) == payload);  // not printed: up to 64 KiB
         EXPECT_NE(mine->data(), theirs->data());
         // The three payloads received, and nothing else, keep library messages.
-        EXPECT_TRUE(settles(
+        EXPECT_TRUE(eventually(
             [&] { return solEmu_liveMessages() == 3 * held && solEmu_queueDepth("work") == 0; }));
         mine.reset();
         theirs.reset();
         handler->clear();
         otherHandler->clear();
-        EXPECT_TRUE(settles([] { return solEmu_liveMessages() == 0; }));
+        EXPECT_TRUE(eventually([] { return solEmu_liveMessages() == 0; }));
     }
 }
 

@@ -102,17 +102,14 @@ TEST(ClientLibraryRegistration, RegistersUnderSolaceAndEndsNothingThatLives) {
     EXPECT_EQ(std::static_pointer_cast<Client>(session->createClient()), client);
     client.reset();
     // The connection's state event may still hold the client for a moment.
-    auto const deadline = std::chrono::steady_clock::now() + 5s;
-    bool ended = false;
-    while (!ended && std::chrono::steady_clock::now() < deadline) {
+    EXPECT_TRUE(eventually([&] {
         try {
             session->getClient();
-            std::this_thread::sleep_for(1ms);
+            return false;
         } catch (ClientTerminatedException const&) {
-            ended = true;
+            return true;
         }
-    }
-    EXPECT_TRUE(ended) << "the session still has its client";
+    })) << "the session still has its client";
     session->terminate();
     ClientLibrary::shutdown();
     EXPECT_THROW(registry->createClient("dev", type, data, events), KW::Exception);
