@@ -107,6 +107,13 @@ exports.collector = function () {
   return got;
 };
 
+// Made apart from the client: an event function that can reach its client
+// (here through a shared closure) keeps it from ever being collected, since
+// the client's session holds the function until the client goes.
+function recorder(events) {
+  return function (ev) { events.push([ev.eventCode(), ev.eventSubCode(), ev.what()]); };
+}
+
 // Resolves with { client, events } once a client on the stand-in broker (at
 // port, 55555 by default) is in state 3 and its event saying so has arrived
 // (the state is read at once, the event comes through the loop); events holds
@@ -114,7 +121,7 @@ exports.collector = function () {
 exports.connected = function (id, vpn, port) {
   var events = [];
   var client = new (exports.kwnode().KWNodeClient)(id, 'SOLACE', { host: 'localhost', port: port || 55555, vpn: vpn },
-    function (ev) { events.push([ev.eventCode(), ev.eventSubCode(), ev.what()]); });
+    recorder(events));
   client.connect();
   function reported() { return events.some(function (e) { return e[0] === 1 && e[1] === 3; }); }
   return exports.waitFor(function () { return client.getConnectionState() === 3 && reported(); }, id + ' connected', 30000)

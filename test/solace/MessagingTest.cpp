@@ -122,14 +122,22 @@ TEST_F(Sending, AFullPublishQueueRefusesAndTeardownAnswersWhatWaited) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, 90ms);
     EXPECT_TRUE(events->of(UNSENT).empty());
 
-    Impl::Session* session = &sessionOf(idle);
+    solEmu_setAckMode(2);  // withheld
+    auto held = std::make_shared<Tag>(-1);
+    ASSERT_TRUE(client->publish(packet("held"), "work", GUARANTEED, held, false));
+    // Releasing a disconnected client ends its session and answers what it held.
+    client->disconnect(0);
     idle.reset();
-    session->terminate();
+    client.reset();
+    clients.clear();
+    ASSERT_TRUE(events->waitFor(UNSENT, 257));
     auto const errors = events->of(UNSENT);
-    ASSERT_EQ(errors.size(), 256u);
-    for (std::size_t i = 0; i < errors.size(); ++i) {
+    ASSERT_EQ(errors.size(), 257u);
+    for (std::size_t i = 0; i < 256; ++i) {
         EXPECT_EQ(errors[i].reference, tags[i]);
     }
+    EXPECT_EQ(errors[256].reference, held);
+    EXPECT_EQ(errors[256].text, "session terminated before the message was sent");
 }
 
 TEST_F(Subscriptions, DuplicatesUnknownNamesAndRemovalByHandler) {

@@ -8,7 +8,6 @@
 #include "AdapterTest.h"
 #include "core/ClientLibraryRegistry.h"
 #include "solace/ClientLibrary.h"
-#include "solace/ClientTerminatedException.h"
 #include "solace/LibraryException.h"
 #include "solace/RuntimeException.h"
 
@@ -100,17 +99,10 @@ TEST(ClientLibraryRegistration, RegistersUnderSolaceAndEndsNothingThatLives) {
     expectRefused([&] { session->terminate(); },
                   "session terminate failure, corresponding client not expired");
     EXPECT_EQ(std::static_pointer_cast<Client>(session->createClient()), client);
+    client->disconnect(0);
     client.reset();
-    // The connection's state event may still hold the client for a moment.
-    EXPECT_TRUE(eventually([&] {
-        try {
-            session->getClient();
-            return false;
-        } catch (ClientTerminatedException const&) {
-            return true;
-        }
-    })) << "the session still has its client";
-    session->terminate();
+    // Releasing the disconnected client ends its session.
+    EXPECT_TRUE(eventually([] { return solEmu_liveSessions() == 0; }));
     ClientLibrary::shutdown();
     EXPECT_THROW(registry->createClient("dev", type, data, events), KW::Exception);
 }
@@ -239,6 +231,23 @@ TEST_F(Session, WorkQueuedWhileDownWaitsAndStateChangesAreToldOnceEach) {
     EXPECT_EQ(states,
               (std::vector<int>{CONNECTED, Connection::DISCONNECTED, CONNECTED,
                                 Connection::CONNECTING, CONNECTED, Connection::DISCONNECTED}));
+}
+
+// Dropping a connected client does not disconnect it: its handlers go on
+// receiving until its session is terminated.
+TEST_F(Session, ADroppedConnectedClientKeepsReceivingUntilTerminated) {
+    auto publisher = connectedClient();
+    auto handler = makeHandler();
+    auto dropped = connectedClient();
+    subscribe(dropped, handler, "kept");
+    Impl::Session* session = &sessionOf(dropped);
+    clients.pop_back();
+    dropped.reset();
+    std::this_thread::sleep_for(200ms);  // time for a wrongly queued end to run
+    flush(publisher, handler, "kept");
+    EXPECT_EQ(solEmu_liveSessions(), 2);
+    session->terminate();
+    EXPECT_EQ(solEmu_liveSessions(), 1);
 }
 
 }  // namespace KW::Solace::Test

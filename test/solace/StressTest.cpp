@@ -220,7 +220,7 @@ TEST_F(Stress, NothingHangsUnderARealisticBroker) {
     }
     peers.clear();
     receivers.clear();
-    TearDown();  // every session terminated, the library shut down
+    TearDown();  // every session ended, the library shut down
     EXPECT_LE(threadCount(), threadsBefore + 1) << "threads left running";  // + the timer thread
     solEmu_setRoundTrip(0);
 }

@@ -8,9 +8,11 @@ namespace KW {
 namespace Solace {
 namespace Impl {
 
-Client::Client(Session& session) : session(&session) {}
+Client::Client(Session& session) : session(session.shared_from_this()) {}
 
-Client::~Client() = default;
+Client::~Client() {
+    session->clientReleased();
+}
 
 int Client::getConnectionState() {
     return session->getConnectionState();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "core/Client.h"
 
 namespace KW {
@@ -14,6 +16,7 @@ class Session;
 class Client : public KW::Client {
   public:
     explicit Client(Session& session);
+    // Ends the session: nothing can reach it once its client has gone.
     ~Client() override;
 
     int getConnectionState() override;
@@ -39,7 +42,7 @@ class Client : public KW::Client {
     Session& getSession() const { return *session; }
 
   private:
-    Session* session;
+    std::shared_ptr<Session> session;
 };
 
 }  // namespace Impl

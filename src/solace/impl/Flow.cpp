@@ -100,7 +100,12 @@ bool Flow::stop(std::shared_ptr<KW::Reference>& reference) {
         solClient_errorInfo* info = recordFailure();
         session.notifyHandlerOfQueueUnsubscribe(name, qos, reference, info);
     }
-    if (handle.close() != SOLCLIENT_OK) {
+    solClient_returnCode_t closed;
+    {
+        std::lock_guard<std::mutex> lock(handleMutex);
+        closed = handle.close();
+    }
+    if (closed != SOLCLIENT_OK) {
         recordFailure();
         session.notifyHandlerOfQueueUnsubscribe(name, qos, reference, nullptr);
         return false;
@@ -109,7 +114,16 @@ bool Flow::stop(std::shared_ptr<KW::Reference>& reference) {
 }
 
 void Flow::destroyHandle() {
+    std::lock_guard<std::mutex> lock(handleMutex);
     handle.reset();
+}
+
+void Flow::acknowledge(unsigned long long messageID) {
+    std::lock_guard<std::mutex> lock(handleMutex);
+    solClient_opaqueFlow_pt const current = handle.get();
+    if (current != nullptr && session.getAPI().flowSendAck(current, messageID) != SOLCLIENT_OK) {
+        KW::DroppedFailures::record("solClient_flow_sendAck", "acknowledgement refused");
+    }
 }
 
 void Flow::handleEvent(solClient_flow_eventCallbackInfo* info) {

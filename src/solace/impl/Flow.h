@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "core/MessageHandler.h"
@@ -36,6 +37,10 @@ class Flow : public std::enable_shared_from_this<Flow> {
     // Destroys the library flow, if any, without telling anybody; used when
     // the whole session goes.
     void destroyHandle();
+    // Acknowledges one received message. A flow already stopped has nothing
+    // left to acknowledge on; a refused acknowledgement is not reported (the
+    // broker redelivers the message).
+    void acknowledge(unsigned long long messageID);
 
     int getState() const { return state; }
     int getLastSubCode() const { return lastSubCode; }
@@ -55,12 +60,18 @@ class Flow : public std::enable_shared_from_this<Flow> {
     // Records a failed library call: state FAILED and its sub-code.
     solClient_errorInfo* recordFailure();
 
+    // The owner. A flow outliving the session's end is held only by its
+    // messages, which hold the session object too.
     Session& session;
     std::string name;
     KW::QOS::Enum qos;
     std::shared_ptr<KW::MessageHandler> handler;
     // Set on the subscribe worker, read by acknowledging threads.
     FlowHandle handle;
+    // Held while acknowledging and while destroying the library flow, so that
+    // an acknowledgement (on the script's thread) never reaches a destroyed
+    // flow (stopped on the subscribe worker, or ended with its session).
+    std::mutex handleMutex;
     std::atomic<int> state;
     std::atomic<int> lastSubCode;
 };

@@ -13,7 +13,7 @@ std::atomic<unsigned long long> MessageTask::_nextID{0};
 
 MessageTask::MessageTask(Session& session, KW::QOS::Enum qos, char const* topic,
                          unsigned long long messageID, std::shared_ptr<KW::Reference> reference)
-    : session(session),
+    : session(session.shared_from_this()),
       reference(std::move(reference)),
       qos(qos),
       topic(topic ? topic : ""),
@@ -27,7 +27,7 @@ unsigned long long MessageTask::nextID() {
 }
 
 std::shared_ptr<KW::Client> MessageTask::getClient() const {
-    return session.getClient();
+    return session->getClient();
 }
 
 std::shared_ptr<KW::Reference> MessageTask::returnReference(bool take) {
@@ -39,7 +39,7 @@ std::shared_ptr<KW::Reference> MessageTask::returnReference(bool take) {
 
 solClient_opaqueMsg_pt MessageTask::provideMessageHandle() {
     if (!messageHandle) {
-        SolaceAPI const& api = session.getAPI();
+        SolaceAPI const& api = session->getAPI();
         solClient_opaqueMsg_pt allocated = nullptr;
         if (api.msgAlloc(&allocated) != SOLCLIENT_OK) {
             throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);

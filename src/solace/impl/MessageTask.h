@@ -17,7 +17,9 @@ namespace Impl {
 class Session;
 
 // One message going out (publish, forward) or coming in (receive). It is at
-// the same time the KW::Message that handlers and the event handler see.
+// the same time the KW::Message that handlers and the event handler see. It
+// holds its session: a script may keep a received message after the session
+// has ended.
 class MessageTask : public KW::Message {
   public:
     MessageTask(Session& session, KW::QOS::Enum qos, char const* topic,
@@ -43,7 +45,7 @@ class MessageTask : public KW::Message {
     // destructor frees one that no path released.
     void releaseMessageHandle();
 
-    Session& getSession() const { return session; }
+    Session& getSession() const { return *session; }
     // Bytes to attach that the task does not own, valid while a send on the caller's thread
     // runs; null when the payload packet is attached instead.
     virtual void const* borrowedBytes(unsigned long& size) const {
@@ -55,7 +57,7 @@ class MessageTask : public KW::Message {
     // The next process-wide outgoing id; the first is 1.
     static unsigned long long nextID();
 
-    Session& session;
+    std::shared_ptr<Session> session;
     std::shared_ptr<KW::Reference> reference;
     KW::QOS::Enum qos;
     std::string topic;

@@ -1,9 +1,6 @@
 #include "solace/impl/QueueReceiveTask.h"
 
-#include "core/DroppedFailures.h"
-#include "solace/SolaceAPI.h"
 #include "solace/impl/Flow.h"
-#include "solace/impl/Session.h"
 
 namespace KW {
 namespace Solace {
@@ -17,12 +14,7 @@ QueueReceiveTask::QueueReceiveTask(void* msg, std::shared_ptr<KW::DataPacket> pa
 QueueReceiveTask::~QueueReceiveTask() = default;
 
 void QueueReceiveTask::acknowledge() {
-    solClient_opaqueFlow_pt handle = flow->getHandle();
-    // A flow already stopped has nothing left to acknowledge on. A refused
-    // acknowledgement is not reported: the broker redelivers the message.
-    if (handle != nullptr && session.getAPI().flowSendAck(handle, messageID) != SOLCLIENT_OK) {
-        KW::DroppedFailures::record("solClient_flow_sendAck", "acknowledgement refused");
-    }
+    flow->acknowledge(messageID);
 }
 
 }  // namespace Impl

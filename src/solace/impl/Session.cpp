@@ -139,56 +139,83 @@ void Session::stopSendingWorkers(unsigned long timeoutMs) {
     forwardWorker.releaseProcessor(timeoutMs);
 }
 
+namespace {
+
+// Drops what waits in a stopped worker's queue (outside its lock).
+template <typename Worker>
+void dropQueued(Worker& worker) {
+    decltype(worker.queue) dropped;
+    std::lock_guard<std::mutex> lock(worker.queueMutex);
+    dropped.swap(worker.queue);
+    worker.queuedHint.store(0, std::memory_order_release);
+}
+
+}  // namespace
+
 Session::~Session() {
-    auto stopWorkers = [this] {
-        subscribeWorker.setProcessor(nullptr, 0);
-        forwardWorker.setProcessor(nullptr, 0);
-        publishWorker.setProcessor(nullptr, 0);
-        receiveWorker.setProcessor(nullptr, 0);
-    };
-    // Not joined until disconnected: the disconnect wakes workers blocked in library calls.
-    subscribeWorker.releaseProcessor(0);
-    forwardWorker.releaseProcessor(0);
-    publishWorker.releaseProcessor(0);
-    receiveWorker.releaseProcessor(0);
-    int const state = connection.getState();
-    if ((state == Connection::CONNECTED || state == Connection::CONNECTING) &&
-        api.sessionDisconnect(handle.get()) != SOLCLIENT_OK) {
-        KW::DroppedFailures::record("solClient_session_disconnect", "while destroying the session");
-    }
-    subscribeWorker.awaitDetachedJobs();
-    forwardWorker.awaitDetachedJobs();
-    publishWorker.awaitDetachedJobs();
-    receiveWorker.awaitDetachedJobs();
-    stopWorkers();
-    {
-        std::lock_guard<std::mutex> lock(subscriptionsMutex);
-        subscriptions.clear();
-        // The library would go on calling a live flow's callbacks until its
-        // flow is destroyed, so do that before the Flow object goes.
-        for (auto& entry : flows) {
-            entry.second->destroyHandle();
+    // Ended already, unless it never made it into its context.
+    end();
+}
+
+void Session::end() {
+    std::call_once(endOnce, [this] {
+        ended.store(true);
+        auto stopWorkers = [this] {
+            subscribeWorker.setProcessor(nullptr, 0);
+            forwardWorker.setProcessor(nullptr, 0);
+            publishWorker.setProcessor(nullptr, 0);
+            receiveWorker.setProcessor(nullptr, 0);
+        };
+        // Not joined until disconnected: the disconnect wakes workers blocked in library calls.
+        subscribeWorker.releaseProcessor(0);
+        forwardWorker.releaseProcessor(0);
+        publishWorker.releaseProcessor(0);
+        receiveWorker.releaseProcessor(0);
+        int const state = connection.getState();
+        if ((state == Connection::CONNECTED || state == Connection::CONNECTING) &&
+            api.sessionDisconnect(handle.get()) != SOLCLIENT_OK) {
+            KW::DroppedFailures::record("solClient_session_disconnect",
+                                        "while destroying the session");
         }
-        flows.clear();
-    }
-    {
-        // A queue subscribe or unsubscribe still queued holds a flow that is in
-        // no map; its library flow dies with the session, so free it before.
-        std::lock_guard<std::mutex> lock(subscribeWorker.queueMutex);
-        auto queued = subscribeWorker.queue;
-        for (; !queued.empty(); queued.pop()) {
-            if (auto* task = dynamic_cast<QueueSubscribeTask*>(queued.front().get())) {
-                if (Flow* flow = task->getFlow()) {
-                    flow->destroyHandle();
+        subscribeWorker.awaitDetachedJobs();
+        forwardWorker.awaitDetachedJobs();
+        publishWorker.awaitDetachedJobs();
+        receiveWorker.awaitDetachedJobs();
+        stopWorkers();
+        {
+            std::lock_guard<std::mutex> lock(subscriptionsMutex);
+            subscriptions.clear();
+            // The library would go on calling a live flow's callbacks until its
+            // flow is destroyed, so do that before the Flow object goes.
+            for (auto& entry : flows) {
+                entry.second->destroyHandle();
+            }
+            flows.clear();
+        }
+        {
+            // A queue subscribe or unsubscribe still queued holds a flow that is in
+            // no map; its library flow dies with the session, so free it before.
+            std::lock_guard<std::mutex> lock(subscribeWorker.queueMutex);
+            auto queued = subscribeWorker.queue;
+            for (; !queued.empty(); queued.pop()) {
+                if (auto* task = dynamic_cast<QueueSubscribeTask*>(queued.front().get())) {
+                    if (Flow* flow = task->getFlow()) {
+                        flow->destroyHandle();
+                    }
                 }
             }
         }
-    }
-    handle.reset();
-    stopWorkers();
-    // No answer can come any more: every send still open ends here, so that
-    // no request is left unanswered and no library message is left behind.
-    failUnsent("session terminated before the message was sent");
+        handle.reset();
+        stopWorkers();
+        // No answer can come any more: every send still open ends here, so that
+        // no request is left unanswered and no library message is left behind.
+        failUnsent("session terminated before the message was sent");
+        // Messages keep this object beyond its end: what still waits (and holds
+        // it, or a script's function) goes now, as does the script's event function.
+        dropQueued(receiveWorker);
+        dropQueued(subscribeWorker);
+        eventHandler.reset();
+    });
 }
 
 void Session::failUnsent(char const* text) {
@@ -265,6 +292,22 @@ void Session::terminate() {
         throw RuntimeException("session terminate failure, corresponding client not expired");
     }
     context.deleteSession(this);
+}
+
+void Session::clientReleased() {
+    // A session whose context went first has nothing left to end. Dropping a
+    // client does not disconnect it: a connected or connecting session goes on
+    // delivering to its handlers, and only terminate ends it then.
+    int const state = connection.getState();
+    if (ended.load() || state == Connection::CONNECTED || state == Connection::CONNECTING) {
+        return;
+    }
+    try {
+        context.endSession(shared_from_this());
+    } catch (...) {
+        // Nothing may leave a destructor; the session then stays as it is.
+        KW::DroppedFailures::recordCurrent("Session::clientReleased");
+    }
 }
 
 void Session::sessionEventCallback(void* /*opaqueSession*/,

@@ -42,7 +42,12 @@ class Subscription;
 // receiving, publishing, forwarding and (un)subscribing off the calling
 // threads. Publish, forward and subscribe work only flows while the session
 // is up; what is queued before waits.
-class Session {
+//
+// Shared: its context owns it until it ends, and every message task holds it,
+// so that a message a script keeps after its client has gone still finds the
+// (ended) session rather than freed memory. The release of its client ends it
+// unless it is connected or connecting.
+class Session : public std::enable_shared_from_this<Session> {
   public:
     using ReceiveWorker = KW::Worker<std::shared_ptr<ReceiveTask>, Session, true>;
     using PublishWorker = KW::Worker<std::shared_ptr<PublishTask>, Session, false>;
@@ -67,8 +72,16 @@ class Session {
     std::shared_ptr<Client> createClient();
     // Throws ClientTerminatedException once the client has been released.
     std::shared_ptr<Client> getClient() const;
-    // Destroys the session; refused while its client lives.
+    // Ends and drops the session now, on the calling thread; refused while its client lives.
     void terminate();
+    // Called by the client's destructor, on whatever thread let go of it last
+    // (the library's context thread included): hands the end of a session
+    // that is not connected or connecting to the context.
+    void clientReleased();
+    // Disconnects and destroys the vendor session, stops the workers, fails
+    // every unanswered send and lets go of the event handler. Runs once; never
+    // on the library's context thread nor on one of this session's workers.
+    void end();
 
     static void sessionEventCallback(void* opaqueSession, solClient_session_eventCallbackInfo* info,
                                      void* user);
@@ -172,6 +185,9 @@ class Session {
     PublishWorker publishWorker;
     ForwardWorker forwardWorker;
     SubscribeWorker subscribeWorker;
+
+    std::once_flag endOnce;
+    std::atomic<bool> ended{false};
 };
 
 }  // namespace Impl
