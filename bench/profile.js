@@ -13,8 +13,8 @@ const os = require('os');
 const path = require('path');
 const { spawnSync } = require('child_process');
 const env = require('./lib/env');
-const { RESULT_TAG } = require('./worker');
-const { QUEUE } = require('./lib/workloads');
+const { resultOf } = require('./worker');
+const { workerEnv } = require('./run');
 
 // Areas, tried in order against "dso symbol"; the first match wins.
 const AREAS = [
@@ -72,14 +72,8 @@ function parsePerfReport(text) {
 }
 
 // Lines of `perf report --stdio --no-children --sort comm`: "    12.34%  kw-receive".
-function parseThreads(text) {
-  const rows = [];
-  for (const line of text.split('\n')) {
-    const m = /^\s+([\d.]+)%\s+(\S.*\S|\S)\s*$/.exec(line);
-    if (m) rows.push({ percent: Number(m[1]), thread: m[2] });
-  }
-  return rows;
-}
+const parseThreads = (text) => text.split('\n').map((line) => /^\s+([\d.]+)%\s+(\S.*\S|\S)\s*$/.exec(line)).filter(Boolean)
+  .map((m) => ({ percent: Number(m[1]), thread: m[2] }));
 
 function areaOf(row) {
   const key = `${row.kernel ? '[kernel]' : row.dso} ${row.symbol}`;
@@ -98,28 +92,23 @@ function main() {
   const emulatorDir = env.findEmulatorDir({ ldLibraryPath: process.env.LD_LIBRARY_PATH });
   const data = path.join(fs.mkdtempSync(path.join(os.tmpdir(), 'kwprof-')), 'perf.data');
   const job = jobOf(o);
-  const childEnv = { ...process.env, SOLCLIENT_EMULATOR_QUEUES: QUEUE };
-  if (emulatorDir) childEnv.LD_LIBRARY_PATH = env.prependLibraryPath(emulatorDir, process.env.LD_LIBRARY_PATH);
   const rec = spawnSync(
     'perf',
     ['record', '-F', '1999', '-g', '-o', data, '--', process.execPath, '--perf-basic-prof', path.join(__dirname, 'worker.js'), JSON.stringify(job)],
     // V8's code-event log (isolate-*.log) lands in the working directory:
     // keep it in the temporary one.
-    { env: childEnv, cwd: path.dirname(data), encoding: 'utf8', maxBuffer: 64 * 1024 * 1024 },
+    { env: workerEnv(emulatorDir), cwd: path.dirname(data), encoding: 'utf8', maxBuffer: 64 * 1024 * 1024 },
   );
-  const line = (rec.stdout || '').split('\n').find((l) => l.startsWith(RESULT_TAG));
-  if (rec.status !== 0 || !line) {
+  const [result] = resultOf(rec.stdout) || [];
+  if (rec.status !== 0 || !result) {
     process.stderr.write(`perf record failed: ${rec.error || rec.stderr}\n`);
     return 1;
   }
-  const result = JSON.parse(line.slice(RESULT_TAG.length))[0];
   // The warm-up pass delivers a tenth more; both passes are in the profile.
   const messages = o.count + Math.max(100, Math.floor(o.count / 10));
-  const rep = spawnSync('perf', ['report', '-i', data, '--stdio', '--no-children', '--sort', 'dso,sym', '--percent-limit', '0.05'], {
-    encoding: 'utf8',
-    maxBuffer: 256 * 1024 * 1024,
-  });
-  const { rows, eventCount } = parsePerfReport(rep.stdout || '');
+  const perfReport = (sort, limit) => spawnSync('perf', ['report', '-i', data, '--stdio', '--no-children', '--sort', sort,
+    '--percent-limit', limit], { encoding: 'utf8', maxBuffer: 256 * 1024 * 1024 }).stdout || '';
+  const { rows, eventCount } = parsePerfReport(perfReport('dso,sym', '0.05'));
   // cpu-clock counts nanoseconds.
   const nsPerMsg = (pct) => (eventCount ? ((eventCount * pct) / 100 / messages).toFixed(0) : '?');
   const out = [];
@@ -137,12 +126,8 @@ function main() {
     out.push(`| \`${sym.replace(/\|/g, '\\|')}\` | ${r.kernel ? 'kernel' : r.dso} | ${r.percent.toFixed(2)}% | ${nsPerMsg(r.percent)} |`);
   }
   // Threads by name: the spin, sleep and wake-up costs show up per thread.
-  const byThread = spawnSync('perf', ['report', '-i', data, '--stdio', '--no-children', '--sort', 'comm', '--percent-limit', '0.5'], {
-    encoding: 'utf8',
-    maxBuffer: 64 * 1024 * 1024,
-  });
   out.push('', '| Thread | share | ns/msg |', '|---|---|---|');
-  for (const t of parseThreads(byThread.stdout || '')) out.push(`| ${t.thread} | ${t.percent.toFixed(1)}% | ${nsPerMsg(t.percent)} |`);
+  for (const t of parseThreads(perfReport('comm', '0.5'))) out.push(`| ${t.thread} | ${t.percent.toFixed(1)}% | ${nsPerMsg(t.percent)} |`);
   process.stdout.write(`${out.join('\n')}\n`);
   fs.rmSync(path.dirname(data), { recursive: true, force: true });
   return 0;

@@ -12,15 +12,14 @@ const env = require('./lib/env');
 const plan = require('./lib/plan');
 const report = require('./lib/report');
 const { QUEUE } = require('./lib/workloads');
-const { RESULT_TAG } = require('./worker');
+const { resultOf } = require('./worker');
 
 const WORKER = path.join(__dirname, 'worker.js');
 const log = (line) => process.stderr.write(`[bench] ${line}\n`);
 
+// Every job but the round-trip one gets the instant broker.
 function workerEnv(emulatorDir, params = {}) {
-  const e = { ...process.env, SOLCLIENT_EMULATOR_QUEUES: QUEUE };
-  // Every job but the round-trip one gets the instant broker.
-  e.SOLCLIENT_EMULATOR_ROUND_TRIP_US = String(params.roundTripUs || 0);
+  const e = { ...process.env, SOLCLIENT_EMULATOR_QUEUES: QUEUE, SOLCLIENT_EMULATOR_ROUND_TRIP_US: String(params.roundTripUs || 0) };
   if (emulatorDir) e.LD_LIBRARY_PATH = env.prependLibraryPath(emulatorDir, process.env.LD_LIBRARY_PATH);
   return e;
 }
@@ -35,8 +34,8 @@ function runWorker(job, emulatorDir, timeoutMs) {
     timeout: timeoutMs,
     maxBuffer: 16 * 1024 * 1024,
   });
-  const line = (r.stdout || '').split('\n').find((l) => l.startsWith(RESULT_TAG));
-  if (r.status === 0 && line) return { ok: true, results: JSON.parse(line.slice(RESULT_TAG.length)) };
+  const results = resultOf(r.stdout);
+  if (r.status === 0 && results) return { ok: true, results };
   const why = r.error ? r.error.message : r.signal ? `killed by ${r.signal}` : `exit status ${r.status}`;
   const tail = (r.stderr || '').trim().split('\n').slice(-6).join('\n');
   return { ok: false, error: `${why}${tail ? `\n${tail}` : ''}` };
@@ -71,19 +70,11 @@ function main() {
     return 1;
   }
   const found = inv.results;
-  const available = {
-    kwnode: !!emulatorDir && found.kwnode.ok,
-    probe: found.probe.ok,
-    baseline: true,
-    zeromq: found.zeromq.ok,
-  };
-  if (opts.systems.includes('kwnode') && !found.kwnode.ok) notes.push(`kwnode not loadable: ${found.kwnode.error}`);
-  if (opts.systems.includes('kwnode') && !found.probe.ok) {
-    notes.push(`bridge probe not loadable (${found.probe.error}); the bridge floor of kwnode is skipped`);
-  }
-  if (opts.systems.includes('zeromq') && !found.zeromq.ok) {
-    notes.push(`zeromq not loadable (${found.zeromq.error}); that peer is skipped`);
-  }
+  const available = { kwnode: !!emulatorDir && found.kwnode.ok, probe: found.probe.ok, baseline: true, zeromq: found.zeromq.ok };
+  const kwnodeAsked = opts.systems.includes('kwnode');
+  if (kwnodeAsked && !found.kwnode.ok) notes.push(`kwnode not loadable: ${found.kwnode.error}`);
+  if (kwnodeAsked && !found.probe.ok) notes.push(`bridge probe not loadable (${found.probe.error}); the bridge floor of kwnode is skipped`);
+  if (opts.systems.includes('zeromq') && !found.zeromq.ok) notes.push(`zeromq not loadable (${found.zeromq.error}); that peer is skipped`);
   for (const n of notes) log(n);
 
   const jobs = plan.buildJobs(opts, available);
@@ -105,18 +96,12 @@ function main() {
   const summaries = report.aggregate(runs);
   const systems = report.SYSTEMS.filter((s) => opts.systems.includes(s));
   const table = report.markdownTable(summaries, systems);
-  const finished = new Date();
   const doc = {
     mode: opts.mode,
     started: started.toISOString(),
-    seconds: (finished - started) / 1000,
+    seconds: (new Date() - started) / 1000,
     machine: { node: process.version, cpus: os.cpus().length, cpuModel: (os.cpus()[0] || {}).model || null },
-    systems: {
-      kwnode: available.kwnode,
-      bridgeProbe: available.probe,
-      baseline: true,
-      zeromq: found.zeromq.ok ? found.zeromq.version : false,
-    },
+    systems: { kwnode: available.kwnode, bridgeProbe: available.probe, baseline: true, zeromq: found.zeromq.ok ? found.zeromq.version : false },
     emulatorDir,
     params: plan.PROFILES[opts.mode],
     notes,
@@ -124,8 +109,7 @@ function main() {
     summaries: summaries.map(({ values, ...s }) => ({ ...s, runs: values })),
     table,
   };
-  const outDir = opts.out || path.join(__dirname, 'results');
-  const written = report.writeResults(outDir, doc, started);
+  const written = report.writeResults(opts.out || path.join(__dirname, 'results'), doc, started);
 
   process.stdout.write(`\n## kwnode benchmarks (${opts.mode}, ${doc.machine.node}, ${doc.machine.cpus} cores)\n\n`);
   process.stdout.write('Each cell: median (min–max) over the runs. "÷ kwnode" is the peer\'s median divided by kwnode\'s.\n\n');
@@ -134,8 +118,7 @@ function main() {
   for (const f of failures) process.stdout.write(`- FAILED: ${f.workload} ${f.system} run ${f.rep + 1}: ${f.error.split('\n')[0]}\n`);
   process.stdout.write(`\nwritten: ${written.stamped}\n         ${written.latest}\n(${doc.seconds.toFixed(1)} s)\n`);
 
-  const kwnodeMissing = opts.systems.includes('kwnode') && !available.kwnode;
-  return failures.length || kwnodeMissing ? 1 : 0;
+  return failures.length || (kwnodeAsked && !available.kwnode) ? 1 : 0;
 }
 
 if (require.main === module) process.exitCode = main();

@@ -10,6 +10,12 @@ const env = require('./lib/env');
 
 const RESULT_TAG = 'RESULT ';
 
+// The results a worker printed, or null when it printed none.
+function resultOf(stdout) {
+  const line = (stdout || '').split('\n').find((l) => l.startsWith(RESULT_TAG));
+  return line ? JSON.parse(line.slice(RESULT_TAG.length)) : null;
+}
+
 async function main(job) {
   if (job.workload === 'inventory') return inventory();
   const fn = workloads[job.workload];
@@ -22,25 +28,16 @@ function inventory() {
   const found = {};
   const attempt = (name, load) => {
     try {
-      const m = load();
-      found[name] = { ok: true, version: (m && m.version) || null };
+      found[name] = { ok: true, version: load() || null };
     } catch (err) {
       found[name] = { ok: false, error: String(err.message).split('\n')[0] };
     }
   };
-  attempt('kwnode', () => {
-    const m = env.loadKwnode();
-    if (typeof m.KWNodeClient !== 'function') throw new Error('no KWNodeClient export');
-    return {};
-  });
-  attempt('probe', () => {
-    const m = env.loadProbe();
-    if (typeof m.pushFromThreads !== 'function') throw new Error('no pushFromThreads export');
-    return {};
-  });
+  attempt('kwnode', () => void env.loadKwnode());
+  attempt('probe', () => void env.loadProbe());
   attempt('zeromq', () => {
     const z = env.loadZeromq();
-    return { version: `${require(env.zeromqDir() + '/package.json').version} (libzmq ${z.version})` };
+    return `${require(env.zeromqDir() + '/package.json').version} (libzmq ${z.version})`;
   });
   return found;
 }
@@ -54,9 +51,7 @@ if (require.main === module) {
     process.exit(2);
   }
   main(job).then(
-    (results) => {
-      process.stdout.write(`${RESULT_TAG}${JSON.stringify(results)}\n`, () => process.exit(0));
-    },
+    (results) => process.stdout.write(`${RESULT_TAG}${JSON.stringify(results)}\n`, () => process.exit(0)),
     (err) => {
       process.stderr.write(`worker ${job.workload}/${job.system}: ${(err && err.stack) || err}\n`);
       process.exit(1);
@@ -64,4 +59,4 @@ if (require.main === module) {
   );
 }
 
-module.exports = { RESULT_TAG };
+module.exports = { resultOf };

@@ -9,29 +9,24 @@ const USAGE = `usage: node bench/run.js [--short] [--reps N] [--systems kwnode,b
                          [--memory-count N]`;
 
 const ALL_SYSTEMS = ['kwnode', 'baseline', 'zeromq'];
-const ALL_WORKLOADS = ['direct', 'guaranteed', 'latency', 'bridge', 'memory', 'roundtrip'];
-
-// Which systems each workload has a variant for.
+// Which systems each workload has a variant for, in the order workloads run.
 const WORKLOAD_SYSTEMS = {
   direct: ALL_SYSTEMS,
-  latency: ALL_SYSTEMS,
   guaranteed: ['kwnode'],
+  latency: ALL_SYSTEMS,
   bridge: ['kwnode', 'baseline'],
   memory: ALL_SYSTEMS,
   roundtrip: ['kwnode'],
 };
+const ALL_WORKLOADS = Object.keys(WORKLOAD_SYSTEMS);
 
 const PROFILES = {
   full: {
     reps: 5,
     // Growth is judged over ten million messages, so fewer repetitions.
     memoryReps: 2,
-    direct: {
-      sizes: [64, 1024, 65536],
-      counts: { 64: 200000, 1024: 100000, 65536: 10000 },
-      window: 256,
-      flood: { size: 64, count: 50000, window: 4096 },
-    },
+    direct: { sizes: [64, 1024, 65536], counts: { 64: 200000, 1024: 100000, 65536: 10000 }, window: 256,
+      flood: { size: 64, count: 50000, window: 4096 } },
     latency: { rates: [10000, 100000], durationMs: 1000 },
     guaranteed: { size: 1024, count: 20000, window: 200 },
     bridge: { items: 1000000, threads: [1, 2] },
@@ -41,12 +36,8 @@ const PROFILES = {
   short: {
     reps: 3,
     memoryReps: 1,
-    direct: {
-      sizes: [64, 1024, 65536],
-      counts: { 64: 20000, 1024: 10000, 65536: 1000 },
-      window: 256,
-      flood: { size: 64, count: 10000, window: 4096 },
-    },
+    direct: { sizes: [64, 1024, 65536], counts: { 64: 20000, 1024: 10000, 65536: 1000 }, window: 256,
+      flood: { size: 64, count: 10000, window: 4096 } },
     latency: { rates: [10000, 100000], durationMs: 200 },
     guaranteed: { size: 1024, count: 2000, window: 200 },
     bridge: { items: 100000, threads: [1, 2] },
@@ -56,27 +47,20 @@ const PROFILES = {
 };
 
 function parseList(value, allowed, flag) {
-  const items = String(value || '')
-    .split(',')
-    .map((s) => s.trim())
-    .filter(Boolean);
-  const bad = items.filter((i) => !allowed.includes(i));
-  if (items.length === 0 || bad.length) throw new Error(`${flag}: expected some of ${allowed.join(',')}`);
+  const items = String(value || '').split(',').map((s) => s.trim()).filter(Boolean);
+  if (items.length === 0 || items.some((i) => !allowed.includes(i))) throw new Error(`${flag}: expected some of ${allowed.join(',')}`);
   return items;
 }
 
+function positive(value, flag) {
+  const n = Number(value);
+  if (!Number.isInteger(n) || n < 1) throw new Error(`${flag}: expected a positive integer`);
+  return n;
+}
+
 function parseArgs(argv, cwd = process.cwd()) {
-  const opts = {
-    mode: 'full',
-    reps: null,
-    systems: ALL_SYSTEMS.slice(),
-    workloads: ALL_WORKLOADS.slice(),
-    out: null,
-    emulatorDir: null,
-    install: true,
-    memoryCount: null,
-    help: false,
-  };
+  const opts = { mode: 'full', reps: null, systems: ALL_SYSTEMS.slice(), workloads: ALL_WORKLOADS.slice(), out: null,
+    emulatorDir: null, install: true, memoryCount: null, help: false };
   for (let i = 0; i < argv.length; i++) {
     const a = argv[i];
     const value = () => {
@@ -84,18 +68,13 @@ function parseArgs(argv, cwd = process.cwd()) {
       return argv[++i];
     };
     if (a === '--short') opts.mode = 'short';
-    else if (a === '--reps') {
-      opts.reps = Number(value());
-      if (!Number.isInteger(opts.reps) || opts.reps < 1) throw new Error('--reps: expected a positive integer');
-    } else if (a === '--systems') opts.systems = parseList(value(), ALL_SYSTEMS, a);
+    else if (a === '--reps') opts.reps = positive(value(), a);
+    else if (a === '--systems') opts.systems = parseList(value(), ALL_SYSTEMS, a);
     else if (a === '--workloads') opts.workloads = parseList(value(), ALL_WORKLOADS, a);
     else if (a === '--out') opts.out = path.resolve(cwd, value());
     else if (a === '--emulator-dir') opts.emulatorDir = path.resolve(cwd, value());
     else if (a === '--no-install') opts.install = false;
-    else if (a === '--memory-count') {
-      opts.memoryCount = Number(value());
-      if (!Number.isInteger(opts.memoryCount) || opts.memoryCount < 1) throw new Error('--memory-count: expected a positive integer');
-    }
+    else if (a === '--memory-count') opts.memoryCount = positive(value(), a);
     else if (a === '--help' || a === '-h') opts.help = true;
     else throw new Error(`unknown argument ${a}\n${USAGE}`);
   }
@@ -115,8 +94,7 @@ function buildJobs(opts, available) {
     const usable = (s) => (workload === 'bridge' && s === 'kwnode' ? available.probe : available[s]);
     const systems = WORKLOAD_SYSTEMS[workload].filter((s) => opts.systems.includes(s) && usable(s));
     // The memory workload's size can be raised (e.g. 10M messages) without the full run's other counts.
-    const params =
-      workload === 'memory' && opts.memoryCount ? Object.assign({}, profile.memory, { count: opts.memoryCount }) : profile[workload];
+    const params = workload === 'memory' && opts.memoryCount ? { ...profile.memory, count: opts.memoryCount } : profile[workload];
     for (let rep = 0; rep < n; rep++) {
       for (const system of systems) jobs.push({ workload, system, rep, params });
     }
@@ -124,4 +102,4 @@ function buildJobs(opts, available) {
   return jobs;
 }
 
-module.exports = { parseArgs, buildJobs, PROFILES, ALL_SYSTEMS, ALL_WORKLOADS, WORKLOAD_SYSTEMS, USAGE };
+module.exports = { parseArgs, buildJobs, PROFILES, USAGE };

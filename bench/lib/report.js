@@ -9,33 +9,16 @@ const { summarize, ratio } = require('./stats');
 const SYSTEMS = ['kwnode', 'baseline', 'zeromq'];
 const SYSTEM_TITLES = { kwnode: 'kwnode', baseline: 'EventEmitter', zeromq: 'zeromq' };
 
-const WORKLOAD_TITLES = {
-  direct: 'Direct messages',
-  guaranteed: 'Guaranteed (queue)',
-  latency: 'Latency (64 B)',
-  bridge: 'Bridge floor',
-  memory: 'Memory (child process)',
-  roundtrip: 'Broker round trip',
-};
+const WORKLOAD_TITLES = { direct: 'Direct messages', guaranteed: 'Guaranteed (queue)', latency: 'Latency (64 B)',
+  bridge: 'Bridge floor', memory: 'Memory (child process)', roundtrip: 'Broker round trip' };
 
-// Row label and whether the ratio column means anything for the metric.
+// Row label of each metric; counts and growths get no ratio column.
 const METRICS = {
-  msgsPerSec: { label: 'msg/s', ratio: true },
-  mbPerSec: { label: 'MB/s', ratio: true },
-  dropped: { label: 'dropped', ratio: false },
-  cpuUsPerMsg: { label: 'CPU µs/msg', ratio: true },
-  ackedPerSec: { label: 'acked sends/s', ratio: true },
-  consumedPerSec: { label: 'acknowledged msg/s', ratio: true },
-  p50us: { label: 'p50 µs', ratio: true },
-  p99us: { label: 'p99 µs', ratio: true },
-  p999us: { label: 'p99.9 µs', ratio: true },
-  achievedSendPerSec: { label: 'sent msg/s', ratio: true },
-  itemsPerSec: { label: 'items/s', ratio: true },
-  peakRssMB: { label: 'peak RSS MB', ratio: true },
-  rssGrowthMB: { label: 'RSS growth MB', ratio: false },
-  heapGrowthMB: { label: 'heap growth MB', ratio: false },
-  delivered: { label: 'delivered', ratio: false },
+  msgsPerSec: 'msg/s', mbPerSec: 'MB/s', dropped: 'dropped', cpuUsPerMsg: 'CPU µs/msg', ackedPerSec: 'acked sends/s',
+  consumedPerSec: 'acknowledged msg/s', p50us: 'p50 µs', p99us: 'p99 µs', p999us: 'p99.9 µs', achievedSendPerSec: 'sent msg/s',
+  itemsPerSec: 'items/s', peakRssMB: 'peak RSS MB', rssGrowthMB: 'RSS growth MB', heapGrowthMB: 'heap growth MB', delivered: 'delivered',
 };
+const NO_RATIO = new Set(['dropped', 'rssGrowthMB', 'heapGrowthMB', 'delivered']);
 
 // runs: [{ workload, system, variant, metrics: {name: number} }] -> one entry
 // per (workload, variant, metric, system) with median/min/max over the runs,
@@ -86,37 +69,30 @@ function markdownTable(summaries, systems = SYSTEMS) {
     rows.get(key).cells[s.system] = s;
   }
   const peers = systems.filter((s) => s !== 'kwnode');
-  const header = ['Workload', 'Case', 'Metric', SYSTEM_TITLES.kwnode || 'kwnode'];
-  for (const p of peers) header.push(SYSTEM_TITLES[p] || p, `${SYSTEM_TITLES[p] || p} ÷ kwnode`);
+  const header = ['Workload', 'Case', 'Metric', 'kwnode'];
+  for (const p of peers) header.push(SYSTEM_TITLES[p], `${SYSTEM_TITLES[p]} ÷ kwnode`);
   const lines = [`| ${header.join(' | ')} |`, `|${header.map(() => '---').join('|')}|`];
   for (const row of rows.values()) {
-    const meta = METRICS[row.metric] || { label: row.metric, ratio: true };
     const k = row.cells.kwnode;
-    const cols = [WORKLOAD_TITLES[row.workload] || row.workload, row.variant, meta.label, formatCell(k)];
-    for (const p of peers) {
-      const c = row.cells[p];
-      cols.push(formatCell(c));
-      cols.push(meta.ratio && c && k ? formatRatio(ratio(c.median, k.median)) : '–');
+    const cols = [WORKLOAD_TITLES[row.workload], row.variant, METRICS[row.metric], formatCell(k)];
+    for (const c of peers.map((p) => row.cells[p])) {
+      cols.push(formatCell(c), !NO_RATIO.has(row.metric) && c && k ? formatRatio(ratio(c.median, k.median)) : '–');
     }
     lines.push(`| ${cols.join(' | ')} |`);
   }
   return lines.join('\n');
 }
 
-function timestampName(date) {
-  return date.toISOString().replace(/[:.]/g, '-');
-}
-
 // Writes <dir>/<timestamp>.json and <dir>/latest.json with the same content;
 // returns both paths.
-function writeResults(dir, doc, date = new Date()) {
+function writeResults(dir, doc, date) {
   fs.mkdirSync(dir, { recursive: true });
   const text = `${JSON.stringify(doc, null, 2)}\n`;
-  const stamped = path.join(dir, `${timestampName(date)}.json`);
+  const stamped = path.join(dir, `${date.toISOString().replace(/[:.]/g, '-')}.json`);
   const latest = path.join(dir, 'latest.json');
   fs.writeFileSync(stamped, text);
   fs.writeFileSync(latest, text);
   return { stamped, latest };
 }
 
-module.exports = { aggregate, markdownTable, writeResults, formatNumber, formatCell, formatRatio, SYSTEMS, METRICS };
+module.exports = { aggregate, markdownTable, writeResults, formatNumber, formatCell, formatRatio, SYSTEMS };

@@ -21,16 +21,11 @@ function percentileSorted(sorted, p) {
   return sorted[Math.min(sorted.length, rank) - 1];
 }
 
-// p50/p99/p99.9 and the maximum of the first `count` samples of a typed array
-// (the latency workload records into a preallocated Float64Array).
+// p50/p99/p99.9 of the first `count` samples of a typed array (the latency
+// workload records into a preallocated Float64Array).
 function latencyPercentiles(samples, count) {
   const sorted = Float64Array.from(samples.subarray(0, count)).sort();
-  return {
-    p50: percentileSorted(sorted, 50),
-    p99: percentileSorted(sorted, 99),
-    p999: percentileSorted(sorted, 99.9),
-    max: count ? sorted[count - 1] : NaN,
-  };
+  return { p50: percentileSorted(sorted, 50), p99: percentileSorted(sorted, 99), p999: percentileSorted(sorted, 99.9) };
 }
 
 // a/b as a plain number, or null when either side is missing or b is zero.

@@ -10,6 +10,8 @@ const { yieldMacrotask } = require('./driver');
 
 const DIRECT_TOPIC = 'bench/direct/t';
 const DIRECT_SUBSCRIPTION = 'bench/direct/>';
+const CONNECTION = { host: 'localhost', port: 55555, vpn: 'default', user: 'bench', password: 'bench' };
+const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
 function withTimeout(promise, ms, what) {
   let timer;
@@ -22,66 +24,38 @@ function withTimeout(promise, ms, what) {
 // Publishes small probes until one is delivered, then lets stragglers drain.
 async function handshake(transport, timeoutMs = 5000) {
   let seen = 0;
-  transport.onMessage = () => {
-    seen++;
-  };
+  transport.onMessage = () => seen++;
   const probe = Buffer.alloc(8);
   const deadline = Date.now() + timeoutMs;
   while (seen === 0) {
     if (Date.now() > deadline) throw new Error(`${transport.name}: no message came back during set-up`);
     const p = transport.publish(probe);
     if (p) await p;
-    await new Promise((resolve) => setTimeout(resolve, 5));
+    await sleep(5);
   }
-  await new Promise((resolve) => setTimeout(resolve, 50));
+  await sleep(50);
   transport.onMessage = () => {};
 }
 
-// ---- kwnode ---------------------------------------------------------------------
-
-const CONNECTION = { host: 'localhost', port: 55555, vpn: 'default', user: 'bench', password: 'bench' };
-
-// Connects a client and resolves once the state event "connected" arrives.
-function connectKwnode(KWNodeClient, id, onRuntimeError) {
-  return new Promise((resolve, reject) => {
-    let settled = false;
+// A kwnode client, resolved once its state event says connected (within 10 s).
+function connectKwnode(KWNodeClient, id) {
+  return withTimeout(new Promise((resolve, reject) => {
     const client = new KWNodeClient(id, 'SOLACE', CONNECTION, (ev) => {
-      if (ev.eventCode() === 1) {
-        const state = ev.eventSubCode();
-        if (state === 3 && !settled) {
-          settled = true;
-          resolve(client);
-        } else if (state === 4 && !settled) {
-          settled = true;
-          reject(new Error(`${id}: connection failed`));
-        }
-      } else if (ev.eventCode() === 2 && onRuntimeError) {
-        onRuntimeError(ev.what(), ev.eventSubCode());
-      }
+      if (ev.eventCode() !== 1) return;
+      if (ev.eventSubCode() === 3) resolve(client);
+      else if (ev.eventSubCode() === 4) reject(new Error(`${id}: connection failed`));
     });
     client.connect();
-  });
-}
-
-// Node-style completion callback as a promise.
-function completion(start) {
-  return new Promise((resolve, reject) => {
-    start((err) => (err ? reject(err) : resolve()));
-  });
+  }), 10000, `${id} connect`);
 }
 
 async function openKwnode(mod) {
-  const runtimeErrors = [];
-  const onError = (text, code) => runtimeErrors.push(`${code}: ${text}`);
-  const pub = await withTimeout(connectKwnode(mod.KWNodeClient, 'bench-pub', onError), 10000, 'kwnode connect');
-  const sub = await withTimeout(connectKwnode(mod.KWNodeClient, 'bench-sub', onError), 10000, 'kwnode connect');
+  const pub = await connectKwnode(mod.KWNodeClient, 'bench-pub');
+  const sub = await connectKwnode(mod.KWNodeClient, 'bench-sub');
   const transport = {
     name: 'kwnode',
     onMessage: () => {},
-    publish: (buf) => {
-      pub.publish(DIRECT_TOPIC, buf);
-    },
-    runtimeErrors,
+    publish: (buf) => pub.publish(DIRECT_TOPIC, buf),
     close() {
       sub.unsubscribe(DIRECT_SUBSCRIPTION);
       pub.disconnect();
@@ -90,16 +64,12 @@ async function openKwnode(mod) {
   };
   // The payload accessor is part of the delivery cost: every handler that
   // wants the bytes calls it.
-  await withTimeout(
-    completion((done) => sub.subscribe(DIRECT_SUBSCRIPTION, (msg) => transport.onMessage(msg.payload()), done)),
-    10000,
-    'kwnode subscribe',
-  );
+  const subscribed = new Promise((resolve, reject) =>
+    sub.subscribe(DIRECT_SUBSCRIPTION, (msg) => transport.onMessage(msg.payload()), (err) => (err ? reject(err) : resolve())));
+  await withTimeout(subscribed, 10000, 'kwnode subscribe');
   await handshake(transport);
   return transport;
 }
-
-// ---- EventEmitter baseline --------------------------------------------------------
 
 // Delivery into JavaScript with no native code and no thread hop: a Buffer
 // copy handed synchronously to the listener. Nothing that crosses from a
@@ -112,16 +82,12 @@ async function openBaseline() {
     publish: (buf) => {
       ee.emit('message', Buffer.from(buf));
     },
-    close() {
-      ee.removeAllListeners();
-    },
+    close: () => ee.removeAllListeners(),
   };
   ee.on('message', (buf) => transport.onMessage(buf));
   await handshake(transport);
   return transport;
 }
-
-// ---- zeromq ---------------------------------------------------------------------
 
 let inprocCounter = 0;
 
@@ -157,13 +123,4 @@ async function openZeromq(zmq) {
   return transport;
 }
 
-module.exports = {
-  openKwnode,
-  openBaseline,
-  openZeromq,
-  connectKwnode,
-  completion,
-  withTimeout,
-  handshake,
-  CONNECTION,
-};
+module.exports = { openKwnode, openBaseline, openZeromq, connectKwnode };

@@ -5,7 +5,7 @@
 const { EventEmitter } = require('events');
 const env = require('./env');
 const transports = require('./transports');
-const { runThroughput, runLatency, makeProgressWaiter, now, nsToS, cpuMicros } = require('./driver');
+const { runThroughput, runLatency, makeProgressWaiter, yieldMacrotask, now, nsToS, cpuMicros } = require('./driver');
 
 const QUEUE = 'kwbench_q';
 
@@ -21,29 +21,33 @@ async function openSystem(system) {
   throw new Error(`unknown system ${system}`);
 }
 
+// A warm-up pass (a tenth of the messages, at least 100; a fifth of the time,
+// at least 50 ms), then the measured pass.
+const tenth = (n) => Math.max(100, Math.floor(n / 10));
+async function warmThroughput(t, payload, count, window) {
+  await runThroughput(t, { payload, count: tenth(count), window });
+  return runThroughput(t, { payload, count, window });
+}
+async function warmLatency(t, rate, durationMs) {
+  await runLatency(t, { rate, durationMs: Math.max(50, durationMs / 5), size: 64 });
+  return runLatency(t, { rate, durationMs, size: 64 });
+}
+const throughputMetrics = (r) => ({ msgsPerSec: r.msgsPerSec, mbPerSec: r.mbPerSec, cpuUsPerMsg: r.cpuUsPerMsg, dropped: r.dropped });
+
 // 1. Direct messages: delivered throughput per payload size.
 async function direct(system, params) {
   const t = await openSystem(system);
   const out = [];
   for (const size of params.sizes) {
-    const payload = Buffer.alloc(size, 0x61);
-    const count = params.counts[String(size)];
-    await runThroughput(t, { payload, count: Math.max(100, Math.floor(count / 10)), window: params.window });
-    const r = await runThroughput(t, { payload, count, window: params.window });
-    out.push({
-      variant: sizeLabel(size),
-      metrics: { msgsPerSec: r.msgsPerSec, mbPerSec: r.mbPerSec, cpuUsPerMsg: r.cpuUsPerMsg, dropped: r.dropped },
-    });
+    const r = await warmThroughput(t, Buffer.alloc(size, 0x61), params.counts[String(size)], params.window);
+    out.push({ variant: sizeLabel(size), metrics: throughputMetrics(r) });
   }
   // The same small messages with a window far above the adapter's receive
   // queue bound: what a publisher that does not pace itself gets.
   if (params.flood) {
     const f = params.flood;
     const r = await runThroughput(t, { payload: Buffer.alloc(f.size, 0x61), count: f.count, window: f.window });
-    out.push({
-      variant: `${sizeLabel(f.size)}, ${f.window} in flight`,
-      metrics: { msgsPerSec: r.msgsPerSec, mbPerSec: r.mbPerSec, cpuUsPerMsg: r.cpuUsPerMsg, dropped: r.dropped },
-    });
+    out.push({ variant: `${sizeLabel(f.size)}, ${f.window} in flight`, metrics: throughputMetrics(r) });
   }
   t.close();
   return out;
@@ -54,17 +58,10 @@ async function latency(system, params) {
   const t = await openSystem(system);
   const out = [];
   for (const rate of params.rates) {
-    await runLatency(t, { rate, durationMs: Math.max(50, params.durationMs / 5), size: 64 });
-    const r = await runLatency(t, { rate, durationMs: params.durationMs, size: 64 });
+    const r = await warmLatency(t, rate, params.durationMs);
     out.push({
       variant: `${rate / 1000}k/s`,
-      metrics: {
-        p50us: r.p50us,
-        p99us: r.p99us,
-        p999us: r.p999us,
-        achievedSendPerSec: r.achievedSendPerSec,
-        dropped: r.dropped,
-      },
+      metrics: { p50us: r.p50us, p99us: r.p99us, p999us: r.p999us, achievedSendPerSec: r.achievedSendPerSec, dropped: r.dropped },
     });
   }
   t.close();
@@ -74,32 +71,28 @@ async function latency(system, params) {
 // Guaranteed publishes with a completion each, at most `window` unanswered.
 async function publishGuaranteed(client, count, window, payload) {
   const waiter = makeProgressWaiter();
+  let sent = 0;
   let answered = 0;
   let failed = 0;
   let firstError = null;
   const done = (err) => {
     answered++;
-    if (err) {
-      failed++;
-      if (!firstError) firstError = err.message;
-    }
+    if (err && failed++ === 0) firstError = err.message;
     waiter.tick();
   };
-  let sent = 0;
+  const waitWhile = async (busy) => {
+    while (busy()) if (!(await waiter.wait(5000))) throw new Error(`guaranteed publish stalled at ${answered}/${sent}`);
+  };
   const cpuStart = cpuMicros();
   const start = now();
   while (sent < count) {
-    while (sent - answered >= window) {
-      if (!(await waiter.wait(5000))) throw new Error(`guaranteed publish stalled at ${answered}/${sent}`);
-    }
+    await waitWhile(() => sent - answered >= window);
     const n = Math.min(count - sent, window - (sent - answered));
     for (let i = 0; i < n; i++) client.publish(QUEUE, 2, payload, done);
     sent += n;
-    await new Promise((resolve) => setImmediate(resolve));
+    await yieldMacrotask();
   }
-  while (answered < sent) {
-    if (!(await waiter.wait(5000))) throw new Error(`guaranteed publish stalled at ${answered}/${sent}`);
-  }
+  await waitWhile(() => answered < sent);
   const seconds = nsToS(now() - start);
   const cpu = cpuMicros() - cpuStart;
   if (failed) throw new Error(`${failed} guaranteed publishes failed, first: ${firstError}`);
@@ -116,20 +109,15 @@ async function consumeQueue(client, count) {
   let failure = null;
   const start = now();
   let last = start;
-  client.subscribe(
-    QUEUE,
-    2,
-    (msg) => {
-      msg.acknowledge();
-      got++;
-      last = now();
-      waiter.tick();
-    },
-    (err) => {
-      if (err) failure = err;
-      waiter.tick();
-    },
-  );
+  client.subscribe(QUEUE, 2, (msg) => {
+    msg.acknowledge();
+    got++;
+    last = now();
+    waiter.tick();
+  }, (err) => {
+    failure = err || failure;
+    waiter.tick();
+  });
   while (got < count && !failure) {
     if (!(await waiter.wait(5000))) throw new Error(`queue consumer stalled at ${got}/${count}`);
   }
@@ -148,12 +136,11 @@ async function guaranteed(system, params) {
   if (system !== 'kwnode') throw new Error('the guaranteed workload exists for kwnode only');
   const mod = env.loadKwnode();
   const consume = params.consume !== false;
-  const pub = await transports.withTimeout(transports.connectKwnode(mod.KWNodeClient, 'bench-gpub'), 10000, 'connect');
-  const con = consume ? await transports.withTimeout(transports.connectKwnode(mod.KWNodeClient, 'bench-gsub'), 10000, 'connect') : null;
+  const pub = await transports.connectKwnode(mod.KWNodeClient, 'bench-gpub');
+  const con = consume ? await transports.connectKwnode(mod.KWNodeClient, 'bench-gsub') : null;
   const payload = Buffer.alloc(params.size, 0x62);
-  const warm = Math.max(100, Math.floor(params.count / 10));
-  await publishGuaranteed(pub, warm, params.window, payload);
-  if (con) await consumeQueue(con, warm);
+  await publishGuaranteed(pub, tenth(params.count), params.window, payload);
+  if (con) await consumeQueue(con, tenth(params.count));
   const p = await publishGuaranteed(pub, params.count, params.window, payload);
   const out = [{ variant: `publish ${sizeLabel(params.size)}`, metrics: { ackedPerSec: p.perSec, cpuUsPerMsg: p.cpuUsPerMsg } }];
   if (con) {
@@ -173,16 +160,12 @@ async function roundtrip(system, params) {
   if (system !== 'kwnode') throw new Error('the round-trip workload exists for kwnode only');
   const label = `${params.roundTripUs} µs broker`;
   const t = await openSystem(system);
-  const payload = Buffer.alloc(64, 0x61);
-  await runThroughput(t, { payload, count: Math.max(100, Math.floor(params.count / 10)), window: params.window });
-  const d = await runThroughput(t, { payload, count: params.count, window: params.window });
-  await runLatency(t, { rate: 10000, durationMs: Math.max(50, params.durationMs / 5), size: 64 });
-  const l = await runLatency(t, { rate: 10000, durationMs: params.durationMs, size: 64 });
+  const d = await warmThroughput(t, Buffer.alloc(64, 0x61), params.count, params.window);
+  const l = await warmLatency(t, 10000, params.durationMs);
   t.close();
-  const mod = env.loadKwnode();
-  const pub = await transports.withTimeout(transports.connectKwnode(mod.KWNodeClient, 'bench-rpub'), 10000, 'connect');
+  const pub = await transports.connectKwnode(env.loadKwnode().KWNodeClient, 'bench-rpub');
   const g = Buffer.alloc(1024, 0x62);
-  await publishGuaranteed(pub, Math.max(100, Math.floor(params.guaranteedCount / 10)), params.guaranteedWindow, g);
+  await publishGuaranteed(pub, tenth(params.guaranteedCount), params.guaranteedWindow, g);
   const p = await publishGuaranteed(pub, params.guaranteedCount, params.guaranteedWindow, g);
   pub.disconnect();
   return [
@@ -193,7 +176,8 @@ async function roundtrip(system, params) {
 }
 
 // 4. The bridge's floor: the smallest items from native threads into
-// JavaScript. The baseline is the same number of synchronous listener calls.
+// JavaScript. The baseline (the only peer planned) is the same number of
+// synchronous listener calls.
 async function bridge(system, params) {
   const out = [];
   for (const threads of params.threads) {
@@ -203,24 +187,21 @@ async function bridge(system, params) {
     if (system === 'kwnode') {
       const probe = env.loadProbe();
       push = (fn) => probe.pushFromThreads(threads, perThread, fn);
-    } else if (system === 'baseline') {
+    } else {
       const ee = new EventEmitter();
       push = (fn) => {
         ee.removeAllListeners('item');
         ee.on('item', fn);
         for (let t = 0; t < threads; t++) for (let s = 0; s < perThread; s++) ee.emit('item', t, s);
       };
-    } else {
-      throw new Error(`the bridge workload has no ${system} variant`);
     }
-    const runOnce = (n) =>
-      new Promise((resolve) => {
-        let calls = 0;
-        const start = now();
-        push(() => {
-          if (++calls === n) resolve(n / nsToS(now() - start));
-        });
+    const runOnce = (n) => new Promise((resolve) => {
+      let calls = 0;
+      const start = now();
+      push(() => {
+        if (++calls === n) resolve(n / nsToS(now() - start));
       });
+    });
     await runOnce(total);
     out.push({ variant: `${threads} thread${threads > 1 ? 's' : ''}`, metrics: { itemsPerSec: await runOnce(total) } });
   }
@@ -237,9 +218,7 @@ async function memory(system, params) {
   gc();
   const before = process.memoryUsage();
   let peak = before.rss;
-  const sampler = setInterval(() => {
-    peak = Math.max(peak, process.memoryUsage.rss());
-  }, 20);
+  const sampler = setInterval(() => (peak = Math.max(peak, process.memoryUsage.rss())), 20);
   const r = await runThroughput(t, { payload, count: params.count, window: params.window });
   clearInterval(sampler);
   gc();
@@ -249,18 +228,11 @@ async function memory(system, params) {
   peak = Math.max(peak, after.rss, process.resourceUsage().maxRSS * 1024);
   t.close();
   const mb = (b) => b / (1024 * 1024);
-  return [
-    {
-      variant: `${params.count / 1e6 >= 1 ? params.count / 1e6 + 'M' : params.count / 1e3 + 'k'} x 64 B`,
-      metrics: {
-        peakRssMB: mb(peak),
-        rssGrowthMB: mb(after.rss - before.rss),
-        heapGrowthMB: mb(after.heapUsed - before.heapUsed),
-        delivered: r.received,
-        dropped: r.dropped,
-      },
-    },
-  ];
+  return [{
+    variant: `${params.count / 1e6 >= 1 ? params.count / 1e6 + 'M' : params.count / 1e3 + 'k'} x 64 B`,
+    metrics: { peakRssMB: mb(peak), rssGrowthMB: mb(after.rss - before.rss), heapGrowthMB: mb(after.heapUsed - before.heapUsed),
+      delivered: r.received, dropped: r.dropped },
+  }];
 }
 
-module.exports = { direct, latency, guaranteed, bridge, memory, roundtrip, sizeLabel, QUEUE };
+module.exports = { direct, latency, guaranteed, bridge, memory, roundtrip, QUEUE };

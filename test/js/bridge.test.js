@@ -5,7 +5,8 @@ var harness = require('./harness');
 var test = harness.test;
 var probe = harness.probe();
 
-test('items pushed from several threads before the loop runs arrive in one batch, each thread in its own order', function (done) {
+test('items pushed from several threads before the loop runs arrive in one batch, each thread in its own order; ' +
+  'an item pushed during a batch waits for the next', function (done) {
   var PER_THREAD = 2500;
   var next = [0, 0, 0, 0];
   var batches = [];
@@ -17,18 +18,12 @@ test('items pushed from several threads before the loop runs arrive in one batch
     if (batches.indexOf(batch) < 0) batches.push(batch);
     if (++total < next.length * PER_THREAD) return;
     assert.deepStrictEqual([outOfOrder, next, batches.length], [null, [PER_THREAD, PER_THREAD, PER_THREAD, PER_THREAD], 1]);
-    done();
-  });
-  assert.strictEqual(probe.pendingCount(), next.length * PER_THREAD);
-});
-
-test('work pushed during a batch waits for the next', function (done) {
-  probe.pushFromThreads(1, 1, function (thread, seq, running) {
-    probe.pushFromThreads(1, 1, function (t, s, batch) {
-      assert.ok(batch > running, 'the item pushed while batch ' + running + ' ran came in batch ' + batch);
+    probe.pushFromThreads(1, 1, function (t, s, later) {
+      assert.ok(later > batch, 'the item pushed while batch ' + batch + ' ran came in batch ' + later);
       done();
     });
   });
+  assert.strictEqual(probe.pendingCount(), next.length * PER_THREAD);
 });
 
 test('reports from a library thread: completions (twice runs twice, errors carry errno, empty text is success) and runtime errors', function () {

@@ -63,41 +63,32 @@ function fuzz() {
 
   var huge = new Array(1 << 20).join('x');
   var surrogates = new Array(1 << 16).join('\ud800');
-  var getterData = {};
-  ['host', 'port', 'vpn'].forEach(function (key) {
-    Object.defineProperty(getterData, key, { enumerable: true, get: hostile });
-  });
+  var throwing = { enumerable: true, get: hostile };
+  var getterData = Object.defineProperties({}, { host: throwing, port: throwing, vpn: throwing });
   var trapAll = {};
   ['get', 'set', 'has', 'ownKeys', 'getOwnPropertyDescriptor', 'getPrototypeOf', 'defineProperty', 'apply', 'construct']
     .forEach(function (trap) { trapAll[trap] = hostile; });
   var proxies = [
-    function () { return new Proxy({}, trapAll); },
-    function () { return new Proxy(function () {}, trapAll); },   // a callable that throws when called
-    function () { return new Proxy({ host: 'localhost', port: PORT, vpn: 'fuzz' }, {}); },
-    function () { return new Proxy({}, { ownKeys: function () { return ['host', 'host', 'x']; } }); }
+    () => new Proxy({}, trapAll),
+    () => new Proxy(function () {}, trapAll),   // a callable that throws when called
+    () => new Proxy({ host: 'localhost', port: PORT, vpn: 'fuzz' }, {}),
+    () => new Proxy({}, { ownKeys: () => ['host', 'host', 'x'] })
   ];
 
   // Argument makers, each a fresh value per draw.
   var VALUES = [
-    function () { return undefined; }, function () { return null; }, function () { return true; },
-    function () { return pick([0, -1, 1, 2, 3, 4294967296, -0, NaN, Infinity, 1e300, 2.5]); },
-    function () { return pick(TOPICS); }, function () { return pick(TOPICS); }, function () { return pick(TOPICS); },
-    function () { return pick(['', 'x', '12', 'caf\u00e9\u0000\ud83d\ude00', 'SOLACE', '5']); },
-    function () { return below(100) === 0 ? huge : surrogates.slice(0, below(64)); },
-    function () { return Symbol('fuzz'); },
-    function () { return pick([Buffer.alloc(0), Buffer.from('payload'), new Uint8Array(3), new ArrayBuffer(8), new DataView(new ArrayBuffer(4))]); },
-    function () { return below(50) === 0 ? Buffer.alloc(1 << 20) : Buffer.alloc(below(600), 1); },
-    function () { return pick([{}, [], [1, 2], Object.create(null), Object.freeze({ a: 1 }), new Date(0), /re/, new Map(), { topic: function () { return 't'; } }]); },
-    function () { return { toString: hostile, valueOf: hostile }; },
-    function () { return { host: 'localhost', port: PORT, vpn: pick(['fuzz', '', 'other']), user: pick(['u', 'mallory']) }; },
-    function () { return getterData; },
-    function () { return { host: { toString: hostile } }; },
-    function () { return pick(proxies)(); },
-    function () { return onMessage; }, function () { return onEvent; }, function () { return reentrant; },
-    function () { return hostile; },
-    function () { return pick(received) || null; }, function () { return pick(events) || null; },
-    function () { return pick(clients) || null; },
-    function () { return new kw.KWNodeMessage(); }, function () { return kw.KWNodeEvent(); }
+    () => undefined, () => null, () => true, () => pick([0, -1, 1, 2, 3, 4294967296, -0, NaN, Infinity, 1e300, 2.5]),
+    () => pick(TOPICS), () => pick(TOPICS), () => pick(TOPICS), () => pick(['', 'x', '12', 'caf\u00e9\u0000\ud83d\ude00', 'SOLACE', '5']),
+    () => (below(100) === 0 ? huge : surrogates.slice(0, below(64))), () => Symbol('fuzz'),
+    () => pick([Buffer.alloc(0), Buffer.from('payload'), new Uint8Array(3), new ArrayBuffer(8), new DataView(new ArrayBuffer(4))]),
+    () => (below(50) === 0 ? Buffer.alloc(1 << 20) : Buffer.alloc(below(600), 1)),
+    () => pick([{}, [], [1, 2], Object.create(null), Object.freeze({ a: 1 }), new Date(0), /re/, new Map(), { topic: () => 't' }]),
+    () => ({ toString: hostile, valueOf: hostile }),
+    () => ({ host: 'localhost', port: PORT, vpn: pick(['fuzz', '', 'other']), user: pick(['u', 'mallory']) }),
+    () => getterData, () => ({ host: { toString: hostile } }), () => pick(proxies)(),
+    () => onMessage, () => onEvent, () => reentrant, () => hostile,
+    () => pick(received) || null, () => pick(events) || null, () => pick(clients) || null,
+    () => new kw.KWNodeMessage(), () => kw.KWNodeEvent()
   ];
   function value() { return pick(VALUES)(); }
   function args() {
@@ -145,12 +136,12 @@ function fuzz() {
       // Mostly well-formed traffic, so that messages and events exist to abuse.
       var client = pick(clients);
       call = pick([
-        function () { client.publish('fuzz/a', below(2) + 1, 'm', onEvent); },
-        function () { client.subscribe(pick(['fuzz/>', 'fuzz/a']), onMessage, onEvent); },
-        function () { client.subscribe('kw.q1', 2, onMessage, onEvent); },
-        function () { client.publish('kw.q1', 2, 'q', onEvent); },
-        function () { client.forward('fuzz/a', pick(received), onEvent); },
-        function () { client.connect(); }, function () { client.disconnect(); }
+        () => client.publish('fuzz/a', below(2) + 1, 'm', onEvent),
+        () => client.subscribe(pick(['fuzz/>', 'fuzz/a']), onMessage, onEvent),
+        () => client.subscribe('kw.q1', 2, onMessage, onEvent),
+        () => client.publish('kw.q1', 2, 'q', onEvent),
+        () => client.forward('fuzz/a', pick(received), onEvent),
+        () => client.connect(), () => client.disconnect()
       ]);
     } else {
       var method = pick(methods);

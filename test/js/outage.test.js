@@ -13,7 +13,7 @@ var PER_TICK = 10; // direct and guaranteed each, every 10 ms: 1,000 of each per
 harness.test('publishing through a ' + OUTAGE_MS / 1000 + ' s broker outage: every publish answered once', function () {
   var c;
   var publishes = [];
-  var figures = { longestEventLoopStallMs: 0, longestPublishCallMs: 0, unansweredWhenTheBrokerReturned: -1 };
+  var figures = { longestEventLoopStallMs: 0, unansweredWhenTheBrokerReturned: -1 };
   var last = Date.now();
   var ticker = setInterval(function () {
     figures.longestEventLoopStallMs = Math.max(figures.longestEventLoopStallMs, Date.now() - last);
@@ -22,24 +22,16 @@ harness.test('publishing through a ' + OUTAGE_MS / 1000 + ' s broker outage: eve
   function publish(topic, qos) {
     var entry = { qos: qos, answers: [] };
     publishes.push(entry);
-    var started = Date.now();
     c.client.publish(topic, qos, 'p' + publishes.length, function (err) { entry.answers.push(err ? err.message : null); });
-    figures.longestPublishCallMs = Math.max(figures.longestPublishCallMs, Date.now() - started);
   }
   function unanswered() { return publishes.filter(function (p) { return p.answers.length === 0; }).length; }
   function reconnecting(e) { return e[0] === 1 && e[1] === 2; }
 
   return harness.connected('outage', 'outage').then(function (connected) {
     c = connected;
-    var started = Date.now();
-    var dropped = false;
+    setTimeout(function () { c.client.publish('#emulator/drop', 1, String(OUTAGE_MS), function () {}); }, 500);
     return new Promise(function (resolve) {
       var publisher = setInterval(function () {
-        var elapsed = Date.now() - started;
-        if (elapsed > 500 && !dropped) {
-          dropped = true;
-          c.client.publish('#emulator/drop', 1, String(OUTAGE_MS), function () {});
-        }
         for (var i = 0; i < PER_TICK; i++) {
           publish('outage/direct', 1);
           publish('kw.outage', 2);
@@ -47,11 +39,11 @@ harness.test('publishing through a ' + OUTAGE_MS / 1000 + ' s broker outage: eve
         if (figures.unansweredWhenTheBrokerReturned < 0 && c.client.getConnectionState() === 3 && c.events.some(reconnecting)) {
           figures.unansweredWhenTheBrokerReturned = unanswered();
         }
-        if (elapsed > RUN_MS) {
-          clearInterval(publisher);
-          resolve();
-        }
       }, 10);
+      setTimeout(function () {
+        clearInterval(publisher);
+        resolve();
+      }, RUN_MS);
     });
   }).then(function () {
     return harness.waitFor(function () { return unanswered() === 0; }, 'every publish answered', 60000);
