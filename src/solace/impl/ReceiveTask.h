@@ -16,10 +16,11 @@ namespace Impl {
 // message, which the payload then owns (see readPayload).
 class ReceiveTask : public MessageTask {
   public:
-    // Payloads up to this size are copied: the add-on copies them again into
-    // the script's Buffer anyway, and a copy costs less than keeping a
-    // library message for as long as the script keeps the payload.
-    static constexpr unsigned long COPIED_MAX = 4096;
+    // Payloads up to this size are copied: their packet, room included,
+    // stays within the allocator's per-thread cache. A larger copy would take
+    // an arena lock here and again on the JavaScript thread that frees it, so
+    // a larger payload stays in the library's message.
+    static constexpr unsigned long COPIED_MAX = 256;
 
     ReceiveTask(Session& session, KW::QOS::Enum qos, char const* topic, void* msg,
                 std::shared_ptr<KW::DataPacket> payload,
