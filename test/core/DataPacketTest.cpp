@@ -18,19 +18,22 @@ class DataPacketInspector {
     struct Chunk {
         unsigned long capacity, offset, length;
     };
-    struct Layout {
-        std::vector<Chunk> chunks;
-        std::vector<std::uint8_t> bytes;  // what each chunk says it holds, in order
-        bool tailIsLast;
-    };
 
-    static Layout layout(DataPacket& packet) {
-        Layout out{{}, {}, packet.tail == nullptr};
-        for (auto* c = packet.head.get(); c != nullptr; c = c->next.get()) {
-            out.chunks.push_back({c->capacity, c->offset, c->length});
-            auto* begin = c->buffer.get() + c->offset;
-            out.bytes.insert(out.bytes.end(), begin, begin + c->length);
-            out.tailIsLast = c == packet.tail;
+    // With `bytes`, also what each chunk says it holds, in order; with
+    // `tailIsLast`, whether the tail is the last chunk.
+    static std::vector<Chunk> chunks(DataPacket& packet, std::vector<std::uint8_t>* bytes = nullptr,
+                                     bool* tailIsLast = nullptr) {
+        std::vector<Chunk> out;
+        DataPacketChunk const* last = nullptr;
+        for (auto* c = packet.head.get(); c != nullptr; last = c, c = c->next.get()) {
+            out.push_back({c->capacity, c->offset, c->length});
+            if (bytes != nullptr) {
+                bytes->insert(bytes->end(), &c->buffer[c->offset],
+                              &c->buffer[c->offset] + c->length);
+            }
+        }
+        if (tailIsLast != nullptr) {
+            *tailIsLast = last == packet.tail;
         }
         return out;
     }
@@ -41,22 +44,11 @@ class DataPacketInspector {
 namespace {
 
 using KW::DataPacket;
-auto layout(DataPacket& packet) {
-    return KW::DataPacketInspector::layout(packet);
-}
+using Chunk = KW::DataPacketInspector::Chunk;
 using Bytes = std::vector<std::uint8_t>;
 
-Bytes pattern(std::size_t n, std::uint8_t seed) {
-    Bytes out(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        out[i] = static_cast<std::uint8_t>(seed + i * 7);
-    }
-    return out;
-}
-
-Bytes cat(Bytes a, Bytes const& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
+std::vector<Chunk> chunks(DataPacket& packet, Bytes* bytes = nullptr, bool* tailIsLast = nullptr) {
+    return KW::DataPacketInspector::chunks(packet, bytes, tailIsLast);
 }
 
 Bytes contents(DataPacket& packet) {
@@ -64,49 +56,31 @@ Bytes contents(DataPacket& packet) {
     return p == nullptr ? Bytes() : Bytes(p, p + packet.size());
 }
 
-// 256 bytes fill an empty packet's room on either side; the 257th gets a
-// chunk of its own, sized for it with room around it.
-TEST(DataPacketLayout, RoomOf256BytesOnEitherSide) {
-    Bytes const bytes = pattern(257, 1);
-    for (bool front : {false, true}) {
-        SCOPED_TRACE(front ? "prepend" : "append");
-        DataPacket packet;
-        if (front) {
-            packet.prepend(&bytes[1], 256);
-        } else {
-            packet.append(bytes.data(), 256);
-        }
-        EXPECT_EQ(layout(packet).chunks.size(), 1u);
-        if (front) {
-            packet.prepend(bytes.data(), 1);
-        } else {
-            packet.append(&bytes[256], 1);
-        }
-        auto const shape = layout(packet);
-        ASSERT_EQ(shape.chunks.size(), 2u);
-        auto const added = front ? shape.chunks.front() : shape.chunks.back();
-        EXPECT_EQ(added.capacity, 513u);
-        EXPECT_EQ(added.offset, 256u);
-        EXPECT_TRUE(shape.tailIsLast);
-        EXPECT_EQ(shape.bytes, bytes);
-        EXPECT_EQ(contents(packet), bytes);
-        ASSERT_EQ(layout(packet).chunks.size(), 1u) << "data() flattens into one chunk";
-        EXPECT_EQ(layout(packet).chunks[0].capacity, 257u + 512u);
-    }
+// A chunk the packet allocated for n bytes: `room` bytes free on either side.
+bool fresh(Chunk const& c, std::size_t n, unsigned long room = 256) {
+    return c.capacity == n + 2 * room && c.offset == room && c.length == n;
+}
+
+// Whether n more bytes at the front or the back need a chunk of their own.
+bool links(std::vector<Chunk> const& list, std::size_t n, bool front) {
+    return front ? list.front().offset < n
+                 : list.back().offset + list.back().length + n > list.back().capacity;
+}
+
+unsigned long fromEnv(char const* name, unsigned long fallback) {
+    char const* text = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): read before any thread
+    return text != nullptr && *text != '\0' ? std::stoul(text) : fallback;
 }
 
 // Differential fuzz against a plain byte vector: seeded random sequences of
 // every operation, at least a million in all. KW_FUZZ_SEED replays a run,
 // KW_FUZZ_OPS changes its length. Stolen-from sources are freed at once, many
 // of them made by create() or wrap(), so chunks left pointing into them show.
-// Prepend-stealing is modelled where it links chunks; its copying path moves
-// the head's offset back but leaves its length alone on purpose (the size
-// counts the copied bytes): that is checked, then the packet is replaced.
-unsigned long fromEnv(char const* name, unsigned long fallback) {
-    char const* text = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): read before any thread
-    return text != nullptr && *text != '\0' ? std::stoul(text) : fallback;
-}
-
+// Every chunk the packet allocates (new, added, flattened) has 256 bytes of
+// room on either side. Prepend-stealing is modelled where it links chunks;
+// its copying path moves the head's offset back but leaves its length alone
+// on purpose (the size counts the copied bytes): that is checked, then the
+// packet is replaced.
 TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
     unsigned long const seed = fromEnv("KW_FUZZ_SEED", std::random_device()());
     unsigned long const operations = fromEnv("KW_FUZZ_OPS", 1000000);
@@ -116,16 +90,19 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
     auto below = [&](unsigned long n) { return static_cast<unsigned long>(rng() % n); };
     // Lengths cluster around the 256-byte rooms, where the paths divide.
     auto randomBytes = [&] {
-        unsigned long const limits[] = {8, 700, 3000};
-        unsigned long const pick = below(4);
-        unsigned long const n = pick == 3 ? 250 + below(12) : below(limits[pick]);
-        return pattern(n, static_cast<std::uint8_t>(rng()));
+        unsigned long const limits[] = {8, 700, 3000}, pick = below(4);
+        Bytes out(pick == 3 ? 250 + below(12) : below(limits[pick]));
+        std::generate(out.begin(), out.end(),
+                      [b = static_cast<std::uint8_t>(rng())]() mutable { return b += 7; });
+        return out;
     };
+    bool madeFresh = true;
     // A packet of one to three chunks, made in any of the ways there are, and its model.
-    auto fresh = [&](Bytes& model) {
+    auto make = [&](Bytes& model) {
         model = randomBytes();
         std::shared_ptr<DataPacket> packet;
         bool const inPlace = below(2) == 0;
+        unsigned long room = 256;
         switch (below(4)) {
             case 0:  // create()'s first chunk lives in the packet's own allocation
                 packet = inPlace ? DataPacket::create(model.data(), model.size())
@@ -134,6 +111,7 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
             case 1: {
                 auto owner = std::make_shared<Bytes>(model);
                 packet = DataPacket::wrap(owner->data(), owner->size(), owner);
+                room = model.empty() ? 256 : 0;
                 break;
             }
             case 2:
@@ -145,82 +123,80 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
                                  : std::make_shared<DataPacket>(model.size());
                 std::copy(model.begin(), model.end(), static_cast<std::uint8_t*>(packet->data()));
         }
+        madeFresh = madeFresh && fresh(chunks(*packet).at(0), model.size(), room);
         for (unsigned long parts = below(3); parts > 0; --parts) {
             Bytes more = randomBytes();
             packet->append(more.data(), more.size());
-            model = cat(model, more);
+            model.insert(model.end(), more.begin(), more.end());
         }
         return packet;
     };
 
     Bytes model;
-    std::shared_ptr<DataPacket> packet = fresh(model);
+    std::shared_ptr<DataPacket> packet = make(model);
     for (unsigned long op = 0; op < operations; ++op) {
         unsigned long const kind = below(10);
         SCOPED_TRACE("operation " + std::to_string(op) + " kind " + std::to_string(kind));
+        auto const before = chunks(*packet);
+        bool const front = kind == 1 || kind == 3;
         switch (kind) {
             case 0:
             case 1: {
                 Bytes bytes = randomBytes();
-                if (kind == 0) {
-                    packet->append(bytes.data(), bytes.size());
-                    model = cat(model, bytes);
-                } else {
-                    packet->prepend(bytes.data(), bytes.size());
-                    model = cat(bytes, model);
-                }
+                ((*packet).*(front ? &DataPacket::prepend : &DataPacket::append))(bytes.data(),
+                                                                                  bytes.size());
+                model.insert(front ? model.begin() : model.end(), bytes.begin(), bytes.end());
+                auto const after = chunks(*packet);
+                bool const linked = links(before, bytes.size(), front);
+                ASSERT_EQ(after.size(), before.size() + (linked ? 1 : 0));
+                ASSERT_TRUE(!linked || fresh(front ? after.front() : after.back(), bytes.size()));
                 break;
             }
             case 2: {
-                unsigned long const n = below(model.size() + 300);
-                packet->skip(n);
+                std::size_t const n = below(model.size() + 300);
+                packet->skip(n);  // past the end at times: the excess is ignored
                 model.erase(model.begin(),
-                            model.begin() + static_cast<std::ptrdiff_t>(
-                                                std::min<std::size_t>(n, model.size())));
+                            model.begin() + static_cast<std::ptrdiff_t>(std::min(n, model.size())));
                 break;
             }
             case 3:
             case 4: {
-                Bytes otherModel;
-                auto other = fresh(otherModel);
-                bool const prepend = kind == 4;
-                auto const shape = layout(*packet);
-                auto const head = shape.chunks.front(), tail = shape.chunks.back();
-                bool const links =
-                    prepend ? head.offset < otherModel.size()
-                            : tail.offset + tail.length + otherModel.size() > tail.capacity;
-                if (prepend) {
-                    packet->stealAndPrependData(other.get());
-                } else {
-                    packet->stealAndAppendData(other.get());
-                }
-                if (links) {
+                Bytes stolen;
+                auto other = make(stolen);
+                bool const linked = links(before, stolen.size(), front);
+                ((*packet).*(front ? &DataPacket::stealAndPrependData
+                                   : &DataPacket::stealAndAppendData))(other.get());
+                if (linked) {
                     ASSERT_EQ(other->size(), 0u);
                     ASSERT_EQ(other->data(), nullptr);
-                    other->append(otherModel.data(), otherModel.size());  // ignored
+                    other->append(stolen.data(), stolen.size());  // ignored
                     ASSERT_EQ(other->size(), 0u);
                 } else {
-                    ASSERT_EQ(contents(*other), otherModel) << "a copying steal keeps the source";
+                    ASSERT_EQ(contents(*other), stolen) << "a copying steal keeps the source";
                 }
-                if (prepend && !links) {
-                    ASSERT_EQ(packet->size(), model.size() + otherModel.size());
-                    auto const after = layout(*packet).chunks.front();
-                    ASSERT_EQ(after.offset, head.offset - otherModel.size());
-                    ASSERT_EQ(after.length, head.length);
+                if (front && !linked) {
+                    ASSERT_EQ(packet->size(), model.size() + stolen.size());
+                    Bytes shown;
+                    auto const after = chunks(*packet, &shown);
+                    ASSERT_EQ(after[0].offset, before[0].offset - stolen.size());
+                    ASSERT_EQ(after[0].length, before[0].length);
                     // The head shows the copied bytes first, as many as its length allows.
-                    auto const shown = static_cast<std::ptrdiff_t>(
-                        std::min<std::size_t>(head.length, otherModel.size()));
-                    ASSERT_TRUE(std::equal(otherModel.begin(), otherModel.begin() + shown,
-                                           layout(*packet).bytes.begin()));
-                    packet = fresh(model);
+                    auto const n = std::min<std::size_t>(before[0].length, stolen.size());
+                    ASSERT_TRUE(std::equal(stolen.begin(), stolen.begin() + n, shown.begin()));
+                    packet = make(model);
                     break;
                 }
-                model = prepend ? cat(otherModel, model) : cat(model, otherModel);
+                model.insert(front ? model.begin() : model.end(), stolen.begin(), stolen.end());
                 break;
             }
             case 5:
-                packet->consolidate();
-                ASSERT_EQ(layout(*packet).chunks.size(), 1u);
+                if (below(2) == 0) {
+                    packet->consolidate();
+                }
+                // Even emptied by skip, a packet keeps a chunk to write into.
+                ASSERT_NE(packet->data(), nullptr);
+                ASSERT_EQ(chunks(*packet).size(), 1u);
+                ASSERT_TRUE(before.size() == 1 || fresh(chunks(*packet)[0], model.size()));
                 break;
             case 6:
                 // Writes through data() land in the packet.
@@ -231,23 +207,21 @@ TEST(DataPacketModel, AMillionRandomOperationsMatchAVector) {
                     static_cast<std::uint8_t*>(packet->data())[at] = model[at];
                 }
                 break;
-            case 7:
-                if (below(20) == 0 || model.size() > std::size_t{64} * 1024) {
-                    packet = fresh(model);
-                }
-                break;
             default:
-                // Even emptied by skip, a packet keeps a chunk to write into.
-                ASSERT_NE(packet->data(), nullptr);
+                if (below(60) == 0 || model.size() > std::size_t{64} * 1024) {
+                    packet = make(model);
+                }
         }
         ASSERT_EQ(packet->size(), model.size());
         if (op % 8 == 0) {
-            auto shape = layout(*packet);
-            ASSERT_TRUE(shape.tailIsLast);
-            for (auto const& chunk : shape.chunks) {
+            Bytes bytes;
+            bool tailIsLast = false;
+            for (auto const& chunk : chunks(*packet, &bytes, &tailIsLast)) {
                 ASSERT_LE(chunk.offset + chunk.length, chunk.capacity);
             }
-            ASSERT_EQ(shape.bytes, model);
+            ASSERT_TRUE(tailIsLast);
+            ASSERT_EQ(bytes, model);
+            ASSERT_TRUE(madeFresh) << "a new packet's chunk lacks its room";
         }
     }
 }

@@ -6,21 +6,30 @@
 namespace {
 
 using Blocking = EmulatorTest;
-// A call's return code and the sub-code its thread saw.
-using Outcome = std::pair<solClient_returnCode_t, int>;
 using Call = std::function<solClient_returnCode_t()>;
+constexpr int DONE = -1;  // what failure() gives for a call that did not fail
 
-Outcome outcome(Call const& call) {
-    const solClient_returnCode_t rc = call();
-    return {rc, rc == SOLCLIENT_OK ? 0 : static_cast<int>(solClient_getLastErrorInfo()->subCode)};
+// Each call started on a thread of its own; each gives the sub-code it failed with.
+std::vector<std::future<int>> onOtherThreads(std::vector<Call> const& calls) {
+    std::vector<std::future<int>> started;
+    for (auto const& call : calls) {
+        started.push_back(std::async(std::launch::async, [call] { return failure(call()); }));
+    }
+    return started;
 }
 
-std::future<Outcome> onAnotherThread(Call call) {
-    return std::async(std::launch::async, [call] { return outcome(call); });
+bool blocked(std::vector<std::future<int>>& calls) {
+    return std::all_of(calls.begin(), calls.end(), [](auto& call) {
+        return call.wait_for(std::chrono::milliseconds(150)) == std::future_status::timeout;
+    });
 }
 
-bool blocked(std::future<Outcome>& call) {
-    return call.wait_for(std::chrono::milliseconds(150)) == std::future_status::timeout;
+std::vector<int> outcomes(std::vector<std::future<int>>& calls) {
+    std::vector<int> all;
+    for (auto& call : calls) {
+        all.push_back(call.get());
+    }
+    return all;
 }
 
 // Confirm-waiting (un)subscribes, blocking binds and a blocking send into a
@@ -54,11 +63,11 @@ TEST_F(Blocking, CallsWaitForTheContextThreadUpToTheirTimeOuts) {
     for (size_t i = 0; i < calls.size(); ++i) {
         SCOPED_TRACE(i);
         solEmu_holdDeliveries(1);
-        auto waiting = onAnotherThread(calls[i].first);
+        auto waiting = onOtherThreads({calls[i].first});
         EXPECT_TRUE(blocked(waiting));
-        EXPECT_EQ(Outcome(SOLCLIENT_FAIL, SOLCLIENT_SUBCODE_TIMEOUT), outcome(calls[i].second));
+        EXPECT_EQ(SOLCLIENT_SUBCODE_TIMEOUT, failure(calls[i].second()));
         solEmu_holdDeliveries(0);
-        EXPECT_EQ(SOLCLIENT_OK, waiting.get().first);
+        EXPECT_EQ(DONE, waiting[0].get());
     }
     ASSERT_NE(nullptr, flow);
     EXPECT_EQ(SOLCLIENT_OK, solClient_flow_destroy(&flow));
@@ -71,22 +80,21 @@ TEST_F(Blocking, CallsThatWouldBlockFailOnTheContextThread) {
     auto session = harness.connected(hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"}});
     int tag = 0;
     solClient_opaqueFlow_pt flow = nullptr;
-    std::vector<Outcome> inCallback;
+    std::vector<int> inCallback;
     auto fired = std::make_shared<std::atomic<bool>>(false);  // outlives this test's locals
     harness.inEvent = [&, fired](bool isFlow, int event) {
         if (isFlow || event != SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT || fired->exchange(true)) {
             return;
         }
-        inCallback.push_back(outcome([&] { return harness.subscribe(session, "a", &tag); }));
-        inCallback.push_back(outcome([&] { return harness.createFlow(session, "q", flow); }));
-        inCallback.push_back(outcome([&] { return harness.sendGuaranteed(session, "q", "1", 0); }));
-        inCallback.push_back(outcome([&] { return harness.sendGuaranteed(session, "q", "2", 0); }));
+        inCallback = {failure(harness.subscribe(session, "a", &tag)),
+                      failure(harness.createFlow(session, "q", flow)),
+                      failure(harness.sendGuaranteed(session, "q", "1", nullptr)),
+                      failure(harness.sendGuaranteed(session, "q", "2", nullptr))};
     };
     ASSERT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(session, "q", "0", nullptr));
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT));
-    const Outcome wouldBlock{SOLCLIENT_FAIL, SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT};
-    EXPECT_EQ(std::vector<Outcome>({wouldBlock, wouldBlock, {SOLCLIENT_OK, 0}, wouldBlock}),
-              inCallback);
+    int const wouldBlock = SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT;
+    EXPECT_EQ(std::vector<int>({wouldBlock, wouldBlock, DONE, wouldBlock}), inCallback);
     EXPECT_EQ(nullptr, flow);
 
     auto nonBlocking = harness.connected(
@@ -102,8 +110,8 @@ TEST_F(Blocking, CallsThatWouldBlockFailOnTheContextThread) {
 // A broker drop fails the confirmations in flight (the connection is lost);
 // sends and subscriptions made while the session reconnects (BLOCK_WHILE_
 // CONNECTING at its default) return once it is up again. The broker ending
-// the session outright raises DOWN_ERROR and fails every blocked call; a new
-// connect then works.
+// the session outright, or the reserved topic from a publisher, raises
+// DOWN_ERROR and fails every blocked call; a new connect then works.
 TEST_F(Blocking, BlockedCallsThroughAReconnectAndTheSessionGoingDown) {
     ASSERT_EQ(0, solEmu_addQueue("q"));
     auto session = harness.connected(hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"}});
@@ -111,47 +119,34 @@ TEST_F(Blocking, BlockedCallsThroughAReconnectAndTheSessionGoingDown) {
     solClient_opaqueFlow_pt flow = nullptr;
     ASSERT_EQ(SOLCLIENT_OK, harness.createFlow(session, "q", flow));
     solEmu_holdDeliveries(1);
-    auto confirming = onAnotherThread([&] { return harness.subscribe(session, "a", &tag); });
-    ASSERT_TRUE(blocked(confirming));
+    auto waiting = onOtherThreads({[&] { return harness.subscribe(session, "a", &tag); }});
+    ASSERT_TRUE(blocked(waiting));
     solEmu_setBrokerUp(hostPort.c_str(), 0);
-    EXPECT_EQ(Outcome(SOLCLIENT_FAIL, SOLCLIENT_SUBCODE_COMMUNICATION_ERROR), confirming.get());
+    EXPECT_EQ(std::vector<int>{SOLCLIENT_SUBCODE_COMMUNICATION_ERROR}, outcomes(waiting));
     solEmu_holdDeliveries(0);
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_RECONNECTING_NOTICE));
-    std::vector<std::future<Outcome>> waiting;
-    waiting.push_back(onAnotherThread([&] { return harness.publish(session, "t", "direct"); }));
-    waiting.push_back(
-        onAnotherThread([&] { return harness.sendGuaranteed(session, "q", "kept", nullptr); }));
-    waiting.push_back(onAnotherThread([&] { return harness.subscribe(session, "t", &tag); }));
-    waiting.push_back(onAnotherThread([&] { return harness.subscribe(session, "u", &tag, 0); }));
-    for (auto& call : waiting) {
-        EXPECT_TRUE(blocked(call));
-    }
+    waiting = onOtherThreads({[&] { return harness.publish(session, "t", "direct"); },
+                              [&] { return harness.sendGuaranteed(session, "q", "kept", 0); },
+                              [&] { return harness.subscribe(session, "t", &tag); },
+                              [&] { return harness.subscribe(session, "u", &tag, 0); }});
+    EXPECT_TRUE(blocked(waiting));
     solEmu_setBrokerUp(hostPort.c_str(), 1);
-    for (auto& call : waiting) {
-        EXPECT_EQ(Outcome(SOLCLIENT_OK, 0), call.get());
-    }
+    EXPECT_EQ(std::vector<int>(4, DONE), outcomes(waiting));
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT));
     EXPECT_EQ(1u, harness.countEvents(false, SOLCLIENT_SESSION_EVENT_RECONNECTED_NOTICE));
     EXPECT_EQ(1, solEmu_queueDepth("q"));  // "kept", held by the flow
 
     solEmu_holdDeliveries(1);
     ASSERT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(session, "q", "fills", nullptr));
-    waiting.clear();
-    waiting.push_back(
-        onAnotherThread([&] { return harness.sendGuaranteed(session, "q", "waits", nullptr); }));
-    waiting.push_back(onAnotherThread([&] { return harness.subscribe(session, "b", &tag); }));
-    for (auto& call : waiting) {
-        ASSERT_TRUE(blocked(call));
-    }
+    waiting = onOtherThreads({[&] { return harness.sendGuaranteed(session, "q", "waits", 0); },
+                              [&] { return harness.subscribe(session, "b", &tag); }});
+    ASSERT_TRUE(blocked(waiting));
     solEmu_endSessions(hostPort.c_str());
-    for (auto& call : waiting) {
-        EXPECT_EQ(Outcome(SOLCLIENT_FAIL, SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED), call.get());
-    }
+    EXPECT_EQ(std::vector<int>(2, SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED), outcomes(waiting));
     solEmu_holdDeliveries(0);
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_DOWN_ERROR));
     ASSERT_TRUE(harness.waitForEvent(true, SOLCLIENT_FLOW_EVENT_SESSION_DOWN));
 
-    // The reserved topic does the same from a publisher.
     EXPECT_EQ(SOLCLIENT_IN_PROGRESS, solClient_session_connect(session));
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_UP_NOTICE, 2));
     EXPECT_EQ(SOLCLIENT_OK, harness.publish(session, "#emulator/down", ""));

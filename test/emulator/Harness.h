@@ -1,7 +1,7 @@
 #pragma once
 
-// A small vendor-API program used by the stand-in's tests: it records every
-// callback (with the thread it ran on) and lets a test wait for them.
+// A small vendor-API program for the stand-in's tests: it records every
+// callback, with the thread it ran on, and waits for them.
 
 #include <gtest/gtest.h>
 
@@ -30,27 +30,25 @@ struct SeenEvent {
 };
 
 struct SeenMessage {
-    void* user = nullptr;  // the dispatch tag, the flow, or null for the session callback
-    std::string destination;
-    int destinationType = -1;
-    std::string payload;
-    bool hasId = false;
-    solClient_msgId_t id = 0;
-    int redelivered = 0;
+    void* user;  // the dispatch tag, the flow, or null for the session callback
+    std::string destination, payload;
+    int destinationType, redelivered;
+    bool hasId;
+    solClient_msgId_t id;
     std::thread::id thread;
 };
+
+// The sub-code of a failed call; -1 when it did not fail.
+inline int failure(solClient_returnCode_t rc) {
+    return rc == SOLCLIENT_FAIL ? static_cast<int>(solClient_getLastErrorInfo()->subCode) : -1;
+}
 
 // One exists at a time: the callbacks find it through `active`, so that a
 // subscription's user pointer is the test's own tag.
 class Harness {
   public:
-    static constexpr std::chrono::milliseconds WAIT{5000};
-
     // Runs on the context thread at the start of every event callback.
     std::function<void(bool flow, int event)> inEvent;
-    // Set before the messages concerned are sent: the receive callbacks keep
-    // them (TAKE_MSG) and the harness frees them at the end.
-    bool takeMessages = false;
 
     Harness() {
         active = this;
@@ -58,31 +56,27 @@ class Harness {
         solClient_context_createFuncInfo_t info{};
         EXPECT_EQ(SOLCLIENT_OK,
                   solClient_context_create(SOLCLIENT_CONTEXT_PROPS_DEFAULT_WITH_CREATE_THREAD,
-                                           &contextHandle, &info, sizeof(info)));
+                                           &context, &info, sizeof(info)));
     }
-
     // Destroying the context destroys its sessions (the leak check counts them).
     ~Harness() {
-        solClient_context_destroy(&contextHandle);
-        for (auto msg : taken) {
-            solClient_msg_free(&msg);
-        }
+        solClient_context_destroy(&context);
         active = nullptr;
     }
 
-    // A session for a plain TCP connection, connected without blocking,
-    // retrying for ever, with topic dispatch, re-applied subscriptions and
-    // duplicate errors; `extra` overrides. Null on failure.
+    // Plain TCP, connecting without blocking and retrying for ever, with topic
+    // dispatch, re-applied subscriptions and duplicate errors; `extra`
+    // overrides. Null on failure.
     solClient_opaqueSession_pt createSession(std::string const& hostPort, Props const& extra = {}) {
-        Props const base = {{"SESSION_HOST", "tcp:" + hostPort},
-                            {"SESSION_CONNECT_BLOCKING", "0"},
-                            {"SESSION_CONNECT_RETRIES", "-1"},
-                            {"SESSION_RECONNECT_RETRIES", "-1"},
-                            {"SESSION_RECONNECT_RETRY_WAIT_MS", "20"},
-                            {"SESSION_TOPIC_DISPATCH", "1"},
-                            {"SESSION_REAPPLY_SUBSCRIPTIONS", "1"},
-                            {"SESSION_IGNORE_DUP_SUBSCRIPTION_ERROR", "0"}};
-        auto array = pointers(base, extra);
+        Props props = {{"SESSION_HOST", "tcp:" + hostPort},
+                       {"SESSION_CONNECT_BLOCKING", "0"},
+                       {"SESSION_CONNECT_RETRIES", "-1"},
+                       {"SESSION_RECONNECT_RETRIES", "-1"},
+                       {"SESSION_RECONNECT_RETRY_WAIT_MS", "20"},
+                       {"SESSION_TOPIC_DISPATCH", "1"},
+                       {"SESSION_REAPPLY_SUBSCRIPTIONS", "1"},
+                       {"SESSION_IGNORE_DUP_SUBSCRIPTION_ERROR", "0"}};
+        props.insert(props.end(), extra.begin(), extra.end());
         solClient_session_createFuncInfo_t funcs{};
         funcs.eventInfo.callback_p = [](auto, auto info, void*) {
             active->recordEvent(false, info->sessionEvent, info->responseCode, info->info_p,
@@ -92,44 +86,43 @@ class Harness {
             return active->record(nullptr, msg);
         };
         solClient_opaqueSession_pt session = nullptr;
-        solClient_session_create(array.data(), contextHandle, &session, &funcs, sizeof(funcs));
+        solClient_session_create(pointers(props).data(), context, &session, &funcs, sizeof(funcs));
         return session;
     }
 
-    // Create and connect, waiting for UP_NOTICE.
+    // Created and connected, once UP_NOTICE has come.
     solClient_opaqueSession_pt connected(std::string const& hostPort, Props const& extra = {}) {
         solClient_opaqueSession_pt session = createSession(hostPort, extra);
-        if (session == nullptr) {
-            ADD_FAILURE() << "session_create failed: " << solClient_getLastErrorInfo()->errorStr;
-            return nullptr;
-        }
         const size_t before = countEvents(false, SOLCLIENT_SESSION_EVENT_UP_NOTICE);
         EXPECT_EQ(SOLCLIENT_IN_PROGRESS, solClient_session_connect(session));
         EXPECT_TRUE(waitForEvent(false, SOLCLIENT_SESSION_EVENT_UP_NOTICE, before + 1));
         return session;
     }
 
+    // The same callback and tag each time: unsubscribe matches them.
     static solClient_returnCode_t subscribe(solClient_opaqueSession_pt session,
                                             std::string const& topic, void* tag,
-                                            solClient_subscribeFlags_t flags = 0x12) {
-        auto dispatch = dispatchFor(tag);
-        return solClient_session_topicSubscribeWithDispatch(session, flags, topic.c_str(),
-                                                            &dispatch, tag);
+                                            solClient_subscribeFlags_t flags = 0x12,
+                                            bool add = true) {
+        solClient_session_rxMsgDispatchFuncInfo_t dispatch{
+            SOLCLIENT_DISPATCH_TYPE_CALLBACK,
+            [](solClient_opaqueSession_pt, solClient_opaqueMsg_pt msg, void* user) {
+                return active->record(user, msg);
+            },
+            tag, nullptr};
+        return (add ? solClient_session_topicSubscribeWithDispatch
+                    : solClient_session_topicUnsubscribeWithDispatch)(session, flags, topic.c_str(),
+                                                                      &dispatch, tag);
     }
-
     static solClient_returnCode_t unsubscribe(solClient_opaqueSession_pt session,
-                                              std::string const& topic, void* tag,
-                                              solClient_subscribeFlags_t flags = 0x12) {
-        auto dispatch = dispatchFor(tag);
-        return solClient_session_topicUnsubscribeWithDispatch(session, flags, topic.c_str(),
-                                                              &dispatch, nullptr);
+                                              std::string const& topic, void* tag) {
+        return subscribe(session, topic, tag, 0x12, false);
     }
 
     static solClient_returnCode_t publish(solClient_opaqueSession_pt session,
                                           std::string const& topic, std::string const& payload) {
         return send(session, {SOLCLIENT_TOPIC_DESTINATION, topic.c_str()}, payload, nullptr);
     }
-
     static solClient_returnCode_t sendGuaranteed(solClient_opaqueSession_pt session,
                                                  std::string const& queue,
                                                  std::string const& payload, void* tag) {
@@ -139,9 +132,9 @@ class Harness {
     // A started, blocking-bound, client-ack queue flow; `extra` overrides.
     solClient_returnCode_t createFlow(solClient_opaqueSession_pt session, std::string const& queue,
                                       solClient_opaqueFlow_pt& flow, Props const& extra = {}) {
-        Props const base = {
+        Props props = {
             {"FLOW_BIND_ENTITY_ID", "2"}, {"FLOW_BIND_NAME", queue}, {"FLOW_ACKMODE", "2"}};
-        auto array = pointers(base, extra);
+        props.insert(props.end(), extra.begin(), extra.end());
         solClient_flow_createFuncInfo_t funcs{};
         funcs.eventInfo.callback_p = [](auto, auto info, void*) {
             active->recordEvent(true, info->flowEvent, info->responseCode, info->info_p, nullptr);
@@ -149,26 +142,26 @@ class Harness {
         funcs.rxMsgInfo.callback_p = [](auto flow, auto msg, void*) {
             return active->record(flow, msg);
         };
-        return solClient_session_createFlow(array.data(), session, &flow, &funcs, sizeof(funcs));
+        return solClient_session_createFlow(pointers(props).data(), session, &flow, &funcs,
+                                            sizeof(funcs));
     }
 
     bool waitForEvent(bool flow, int event, size_t count = 1) {
         return eventually([&] { return countEvents(flow, event) >= count; });
     }
-
-    // Wait for `count` messages, of the dispatch tag or flow `from` if not null.
-    bool waitForMessages(size_t count, void* from = nullptr) {
-        return eventually([&] {
-            auto const seen = messages();
-            return std::count_if(seen.begin(), seen.end(), [&](SeenMessage const& m) {
-                       return from == nullptr || m.user == from;
-                   }) >= static_cast<long>(count);
+    // Messages of the dispatch tag or flow `from`, or all of them.
+    size_t received(void* from = nullptr) {
+        auto const seen = messages();
+        return std::count_if(seen.begin(), seen.end(), [&](SeenMessage const& m) {
+            return from == nullptr || m.user == from;
         });
     }
-
+    bool waitForMessages(size_t count, void* from = nullptr) {
+        return eventually([&] { return received(from) >= count; });
+    }
     // Polls: callbacks run on the context thread, counters in the library.
     static bool eventually(std::function<bool()> const& done) {
-        auto const deadline = std::chrono::steady_clock::now() + WAIT;
+        auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
         while (!done()) {
             if (std::chrono::steady_clock::now() >= deadline) {
                 return false;
@@ -178,75 +171,65 @@ class Harness {
         return true;
     }
 
+    // The last event of the kind; a blank one if none came.
+    SeenEvent last(bool flow, int event) {
+        auto const seen = events();
+        auto found = std::find_if(seen.rbegin(), seen.rend(), [&](SeenEvent const& e) {
+            return e.flow == flow && e.event == event;
+        });
+        return found != seen.rend() ? *found : SeenEvent{};
+    }
     size_t countEvents(bool flow, int event) {
-        std::lock_guard<std::mutex> lock(mutex);
-        return std::count_if(seenEvents.begin(), seenEvents.end(), [&](SeenEvent const& seen) {
-            return seen.flow == flow && seen.event == event;
+        auto const seen = events();
+        return std::count_if(seen.begin(), seen.end(), [&](SeenEvent const& e) {
+            return e.flow == flow && e.event == event;
         });
     }
-    std::vector<SeenMessage> messages() { return snapshot(seenMessages); }
-    std::vector<SeenEvent> events() { return snapshot(seenEvents); }
-    std::vector<solClient_opaqueMsg_pt> takenMessages() { return snapshot(taken); }
-    solClient_opaqueContext_pt context() const { return contextHandle; }
+    std::vector<SeenMessage> messages() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return seenMessages;
+    }
+    std::vector<SeenEvent> events() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return seenEvents;
+    }
+
+    solClient_opaqueContext_pt context = nullptr;
 
   private:
     static inline Harness* active = nullptr;
 
-    // The null-terminated name/value array the library takes, pointing into
-    // `base` and then `extra`.
-    static std::vector<char const*> pointers(Props const& base, Props const& extra) {
+    // The null-terminated name/value array the library takes.
+    static std::vector<char const*> pointers(Props const& props) {
         std::vector<char const*> array;
-        for (Props const* props : {&base, &extra}) {
-            for (auto const& [name, value] : *props) {
-                array.insert(array.end(), {name.c_str(), value.c_str()});
-            }
+        for (auto const& [name, value] : props) {
+            array.insert(array.end(), {name.c_str(), value.c_str()});
         }
         array.push_back(nullptr);
         return array;
-    }
-
-    // The same content for the same tag: unsubscribe matches by content.
-    static solClient_session_rxMsgDispatchFuncInfo_t dispatchFor(void* tag) {
-        return {SOLCLIENT_DISPATCH_TYPE_CALLBACK,
-                [](solClient_opaqueSession_pt, solClient_opaqueMsg_pt msg, void* user) {
-                    return active->record(user, msg);
-                },
-                tag, nullptr};
     }
 
     // Direct to a topic, or guaranteed with the correlation tag to a queue.
     static solClient_returnCode_t send(solClient_opaqueSession_pt session,
                                        solClient_destination_t dest, std::string const& payload,
                                        void* tag) {
-        bool const guaranteed = dest.destType == SOLCLIENT_QUEUE_DESTINATION;
         solClient_opaqueMsg_pt msg = nullptr;
         solClient_msg_alloc(&msg);
-        solClient_msg_setDeliveryMode(
-            msg, guaranteed ? SOLCLIENT_DELIVERY_MODE_PERSISTENT : SOLCLIENT_DELIVERY_MODE_DIRECT);
+        solClient_msg_setDeliveryMode(msg, dest.destType == SOLCLIENT_QUEUE_DESTINATION
+                                               ? SOLCLIENT_DELIVERY_MODE_PERSISTENT
+                                               : SOLCLIENT_DELIVERY_MODE_DIRECT);
         solClient_msg_setBinaryAttachmentPtr(msg, const_cast<char*>(payload.data()),
                                              static_cast<solClient_uint32_t>(payload.size()));
         solClient_msg_setDestination(msg, &dest, sizeof(dest));
-        if (guaranteed) {
-            solClient_msg_setCorrelationTagPtr(msg, tag, 0);
-        } else {
-            solClient_msg_setTopicPtr(msg, dest.dest);
-        }
+        solClient_msg_setCorrelationTagPtr(msg, tag, 0);
         const solClient_returnCode_t rc = solClient_session_sendMsg(session, msg);
         solClient_msg_free(&msg);  // the library copied what it needs
         return rc;
     }
 
-    template <class T>
-    std::vector<T> snapshot(std::vector<T> const& recorded) {
-        std::lock_guard<std::mutex> lock(mutex);
-        return recorded;
-    }
-
     solClient_rxMsgCallback_returnCode_t record(void* user, solClient_opaqueMsg_pt msg) {
-        SeenMessage seen;
-        seen.user = user;
-        seen.redelivered = solEmu_msgIsRedelivered(msg);
-        seen.thread = std::this_thread::get_id();
+        SeenMessage seen{
+            user, "", "", -1, solEmu_msgIsRedelivered(msg), false, 0, std::this_thread::get_id()};
         solClient_destination_t dest{};
         if (solClient_msg_getDestination(msg, &dest, sizeof(dest)) == SOLCLIENT_OK) {
             seen.destination = dest.dest;
@@ -260,10 +243,7 @@ class Harness {
         seen.hasId = solClient_msg_getMsgId(msg, &seen.id) == SOLCLIENT_OK;
         std::lock_guard<std::mutex> lock(mutex);
         seenMessages.push_back(seen);
-        if (takeMessages) {
-            taken.push_back(msg);
-        }
-        return takeMessages ? SOLCLIENT_CALLBACK_TAKE_MSG : SOLCLIENT_CALLBACK_OK;
+        return SOLCLIENT_CALLBACK_OK;
     }
 
     void recordEvent(bool flow, int event, unsigned responseCode, char const* info,
@@ -276,24 +256,27 @@ class Harness {
                               std::this_thread::get_id()});
     }
 
-    solClient_opaqueContext_pt contextHandle = nullptr;
     std::mutex mutex;
     std::vector<SeenEvent> seenEvents;
     std::vector<SeenMessage> seenMessages;
-    std::vector<solClient_opaqueMsg_pt> taken;
 };
 
-// Each test gets its own broker address, fresh faults and queues, and a
-// harness with one context.
+// Each test gets its own broker address, fresh faults and queues and a
+// harness with one context; once that is gone, nothing may be left alive.
 class EmulatorTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        solEmu_reset();
-        solEmu_setRoundTrip(0);
-        auto const* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        hostPort = std::string(info->test_suite_name()) + "." + info->name() + ":55555";
-    }
-
-    std::string hostPort;
+    struct Fresh {
+        Fresh() {
+            solEmu_reset();
+            solEmu_setRoundTrip(0);
+        }
+        ~Fresh() {
+            solEmu_reset();  // drops what queues still spool
+            EXPECT_EQ(0, solEmu_liveMessages());
+            EXPECT_EQ(0, solEmu_liveSessions());
+        }
+    } fresh;
+    std::string const hostPort =
+        std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + ":55555";
     Harness harness;
 };

@@ -6,6 +6,7 @@
 namespace {
 
 using Properties = EmulatorTest;
+using FaultHooks = EmulatorTest;
 
 // A refused list is still recorded (the accepted one is compared whole by
 // the adapter's session tests).
@@ -43,8 +44,7 @@ TEST_F(Properties, MalformedSessionAndFlowPropertiesAreRefusedNamingTheProperty)
     solClient_session_createFuncInfo_t funcs{};
     solClient_opaqueSession_pt other = nullptr;
     char const* props[] = {"SESSION_HOST", "tcp:h:1", nullptr};
-    EXPECT_EQ(SOLCLIENT_FAIL,
-              solClient_session_create(props, harness.context(), &other, &funcs, 40));
+    EXPECT_EQ(SOLCLIENT_FAIL, solClient_session_create(props, harness.context, &other, &funcs, 40));
     EXPECT_EQ(nullptr, other);
 
     ASSERT_EQ(0, solEmu_addQueue("q"));
@@ -75,15 +75,13 @@ TEST_F(Properties, LoginVpnAndTrustStoreFailuresComeAsConnectFailed) {
         {tls, SOLCLIENT_SUBCODE_COMMUNICATION_ERROR}};
     size_t failures = 0;
     for (auto [props, subCode] : cases) {
-        auto session = harness.createSession(hostPort, props);
-        ASSERT_NE(nullptr, session);
-        EXPECT_EQ(SOLCLIENT_IN_PROGRESS, solClient_session_connect(session));
+        EXPECT_EQ(SOLCLIENT_IN_PROGRESS,
+                  solClient_session_connect(harness.createSession(hostPort, props)));
         ASSERT_TRUE(
             harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_CONNECT_FAILED_ERROR, ++failures));
         props.push_back({"SESSION_CONNECT_BLOCKING", "1"});
-        EXPECT_EQ(SOLCLIENT_FAIL,
-                  solClient_session_connect(harness.createSession(hostPort, props)));
-        EXPECT_EQ(subCode, solClient_getLastErrorInfo()->subCode);
+        EXPECT_EQ(subCode,
+                  failure(solClient_session_connect(harness.createSession(hostPort, props))));
         ++failures;  // it raises the event as well
     }
     Props trusted = tls;
@@ -97,6 +95,44 @@ TEST_F(Properties, LoginVpnAndTrustStoreFailuresComeAsConnectFailed) {
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_UP_NOTICE));
     harness.connected(hostPort);  // its UP_NOTICE comes after anything for the disconnect
     EXPECT_EQ(failures + 2, harness.events().size());  // the UP_NOTICEs only
+}
+
+// Counted failures and their disarming; refusals of one topic or of every one,
+// with REQUEST_CONFIRM as an event; calls after cleanup fail until initialize.
+TEST_F(FaultHooks, FailNextRefusedSubscriptionsAndCleanup) {
+    auto session = harness.connected(hostPort);
+    EXPECT_EQ(-1, solEmu_failNext("solClient_no_such_function", 1, -1, 6, "x"));
+    ASSERT_EQ(0, solEmu_failNext("solClient_session_sendMsg", 2, SOLCLIENT_NOT_READY, 14,
+                                 "injected failure"));
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(SOLCLIENT_NOT_READY, harness.publish(session, "t", "p"));
+        EXPECT_EQ(14, solClient_getLastErrorInfo()->subCode);
+        EXPECT_STREQ("injected failure", solClient_getLastErrorInfo()->errorStr);
+    }
+    ASSERT_EQ(0, solEmu_failNext("solClient_msg_alloc", 5, -1, 7, "no memory"));
+    ASSERT_EQ(0, solEmu_failNext("solClient_msg_alloc", 0, 0, 0, nullptr));
+    EXPECT_EQ(SOLCLIENT_OK, harness.publish(session, "t", "p"));  // allocates a message
+
+    int tag = 0;
+    solEmu_refuseSubscriptions("secret/>", SOLCLIENT_SUBCODE_SUBSCRIPTION_ACL_DENIED);
+    EXPECT_EQ(SOLCLIENT_OK, harness.subscribe(session, "public", &tag));
+    EXPECT_EQ(SOLCLIENT_IN_PROGRESS, harness.subscribe(session, "secret/>", &tag,
+                                                       SOLCLIENT_SUBSCRIBE_FLAGS_REQUEST_CONFIRM));
+    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_SUBSCRIPTION_ERROR));
+    EXPECT_EQ(&tag, harness.last(false, SOLCLIENT_SESSION_EVENT_SUBSCRIPTION_ERROR).correlation);
+    solEmu_refuseSubscriptions(nullptr, SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT);
+    EXPECT_EQ(SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT,
+              failure(harness.unsubscribe(session, "public", &tag)));
+    solEmu_refuseSubscriptions(nullptr, 0);
+    EXPECT_EQ(SOLCLIENT_OK, harness.unsubscribe(session, "public", &tag));
+
+    ASSERT_EQ(SOLCLIENT_OK, solClient_cleanup());  // also destroys the harness's context
+    solClient_opaqueMsg_pt msg = nullptr;
+    EXPECT_EQ(SOLCLIENT_SUBCODE_INIT_NOT_CALLED, failure(solClient_msg_alloc(&msg)));
+    ASSERT_EQ(0, solEmu_failNext("solClient_initialize", 1, -1, 6, "init refused"));
+    EXPECT_EQ(SOLCLIENT_FAIL, solClient_initialize(SOLCLIENT_LOG_NOTICE, nullptr));
+    EXPECT_EQ(SOLCLIENT_OK, solClient_initialize(SOLCLIENT_LOG_NOTICE, nullptr));
+    EXPECT_EQ(0, solEmu_liveSessions());
 }
 
 }  // namespace
