@@ -12,6 +12,7 @@ constexpr int DONE = -1;  // what failure() gives for a call that did not fail
 // Each call started on a thread of its own; each gives the sub-code it failed with.
 std::vector<std::future<int>> onOtherThreads(std::vector<Call> const& calls) {
     std::vector<std::future<int>> started;
+    started.reserve(calls.size());
     for (auto const& call : calls) {
         started.push_back(std::async(std::launch::async, [call] { return failure(call()); }));
     }
@@ -26,6 +27,7 @@ bool blocked(std::vector<std::future<int>>& calls) {
 
 std::vector<int> outcomes(std::vector<std::future<int>>& calls) {
     std::vector<int> all;
+    all.reserve(calls.size());
     for (auto& call : calls) {
         all.push_back(call.get());
     }
