@@ -141,13 +141,15 @@ void Session::stopSendingWorkers(unsigned long timeoutMs) {
 
 namespace {
 
-// Drops what waits in a stopped worker's queue (outside its lock).
+// Takes what waits in a stopped worker's queue; the caller lets go of it
+// outside the queue's lock.
 template <typename Worker>
-void dropQueued(Worker& worker) {
-    decltype(worker.queue) dropped;
+auto takeQueued(Worker& worker) {
+    decltype(worker.queue) taken;
     std::lock_guard<std::mutex> lock(worker.queueMutex);
-    dropped.swap(worker.queue);
+    taken.swap(worker.queue);
     worker.queuedHint.store(0, std::memory_order_release);
+    return taken;
 }
 
 }  // namespace
@@ -195,8 +197,8 @@ void Session::end() {
         {
             // A queue subscribe or unsubscribe still queued holds a flow that is in
             // no map; its library flow dies with the session, so free it before.
-            std::lock_guard<std::mutex> lock(subscribeWorker.queueMutex);
-            auto queued = subscribeWorker.queue;
+            // The tasks go too: they hold this session, or a script's function.
+            auto queued = takeQueued(subscribeWorker);
             for (; !queued.empty(); queued.pop()) {
                 if (auto* task = dynamic_cast<QueueSubscribeTask*>(queued.front().get())) {
                     if (Flow* flow = task->getFlow()) {
@@ -211,9 +213,8 @@ void Session::end() {
         // no request is left unanswered and no library message is left behind.
         failUnsent("session terminated before the message was sent");
         // Messages keep this object beyond its end: what still waits (and holds
-        // it, or a script's function) goes now, as does the script's event function.
-        dropQueued(receiveWorker);
-        dropQueued(subscribeWorker);
+        // it) goes now, as does the script's event function.
+        takeQueued(receiveWorker);
         eventHandler.reset();
     });
 }
@@ -230,18 +231,14 @@ void Session::failUnsent(char const* text) {
         notifyHandlerOfSendError(entry.second, text);
     }
     // Sends that never left their queue; the workers are stopped by now.
-    std::vector<std::shared_ptr<MessageTask>> unsent;
-    auto drain = [&unsent](auto& worker) {
-        std::lock_guard<std::mutex> lock(worker.queueMutex);
-        for (; !worker.queue.empty(); worker.queue.pop()) {
-            unsent.push_back(worker.queue.front());
+    auto fail = [this, text](auto unsent) {
+        for (; !unsent.empty(); unsent.pop()) {
+            std::shared_ptr<MessageTask> task = unsent.front();
+            notifyHandlerOfSendError(task, text);
         }
     };
-    drain(publishWorker);
-    drain(forwardWorker);
-    for (auto& task : unsent) {
-        notifyHandlerOfSendError(task, text);
-    }
+    fail(takeQueued(publishWorker));
+    fail(takeQueued(forwardWorker));
 }
 
 bool Session::connect(unsigned long timeoutMs) {
