@@ -22,22 +22,27 @@ Context::~Context() {
     stop();
 }
 
-void Context::post(void const* owner, void const* subOwner, Work work) {
+uint64_t Context::post(void const* owner, void const* subOwner, Work work, bool* wakeLater) {
     bool wake;
+    uint64_t sequence;
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (stopping) {
-            return;
+            return 0;
         }
         auto const due =
             std::chrono::steady_clock::now() + std::chrono::microseconds(_roundTripUs.load());
-        items.push_back(Item{owner, subOwner, std::move(work), due});
+        sequence = ++posts;
+        items.push_back(Item{owner, subOwner, std::move(work), due, sequence});
         wake = sleeping;
     }
     // A thread that is running finds the work when it looks again: no wake-up call.
-    if (wake) {
+    if (wake && wakeLater != nullptr) {
+        *wakeLater = true;
+    } else if (wake) {
         ready.notify_one();
     }
+    return sequence;
 }
 
 void Context::purge(void const* owner) {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -23,7 +24,25 @@ class Context {
     Context(Context const&) = delete;
     Context& operator=(Context const&) = delete;
 
-    void post(void const* owner, void const* subOwner, Work work);
+    // Returns the post's sequence number (0 if the context is stopping). With
+    // `wakeLater`, a sleeping thread is not woken: *wakeLater is set and the
+    // caller calls wakeUp() once it has let go of its own locks.
+    uint64_t post(void const* owner, void const* subOwner, Work work, bool* wakeLater = nullptr);
+    void wakeUp() { ready.notify_one(); }
+    // Runs `join` under the queue's lock if post `sequence` is still the last
+    // one queued and not yet running, so that what `join` adds to that post's
+    // work runs in its place in the order; false (nothing run) otherwise. Only
+    // with no round trip: a later post would otherwise run before it is due.
+    template <typename Join>
+    bool joinLast(uint64_t sequence, Join&& join) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (stopping || items.empty() || items.back().sequence != sequence ||
+            _roundTripUs.load() != 0) {
+            return false;
+        }
+        join();
+        return true;
+    }
     // Discard queued work whose owner or sub-owner is `owner`; unless called on
     // this context's thread, also wait until none of it is running.
     void purge(void const* owner);
@@ -48,6 +67,7 @@ class Context {
         void const* subOwner;
         Work work;
         std::chrono::steady_clock::time_point due;
+        uint64_t sequence;
     };
     void run();
 
@@ -63,6 +83,7 @@ class Context {
     void const* runningOwner = nullptr;
     void const* runningSubOwner = nullptr;
     bool stopping = false;
+    uint64_t posts = 0;
     std::thread thread;
     std::thread::id threadId;
 };

@@ -404,7 +404,13 @@ solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& 
             return SOLCLIENT_OK;
         }
         if (!properties.sendBlocking) {
-            canSendOwed = true;
+            // Owed before looking again: a slot that the context thread frees meanwhile (without
+            // the lock) either sees the flag or is seen here.
+            bool const owedBefore = canSendOwed.exchange(true);
+            if (unackedLocked() < window) {
+                canSendOwed = owedBefore;
+                return SOLCLIENT_OK;
+            }
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_OK, "publish window full",
                                    SOLCLIENT_WOULD_BLOCK);
         }
@@ -549,16 +555,22 @@ solClient_returnCode_t Session::send(Message const& message) {
         pending.splice(pending.end(), spareSends, spareSends.begin());
         pending.back() = PendingSend{std::move(copy), false};
     }
+    bool wake = false;
     if (state.load() == State::UP) {
-        transmitLocked(std::prev(pending.end()));
+        transmitLocked(std::prev(pending.end()), &wake);
     }  // else buffered (BLOCK_WHILE_CONNECTING "0"); transmitted when the session is up
+    lock.unlock();
+    // Woken after the unlock, the context thread does not block on the session's mutex.
+    if (wake) {
+        eventContext->wakeUp();
+    }
     return SOLCLIENT_OK;
 }
 
-void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
+void Session::transmitLocked(std::list<PendingSend>::iterator entry, bool* wakeLater) {
     void* tag = entry->message->correlationTag();
     if (entry->spooled) {
-        postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag);
+        postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag, wakeLater);
         retireLocked(entry);
         return;
     }
@@ -567,7 +579,8 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
         entry->message->destinationType() == SOLCLIENT_QUEUE_TEMP_DESTINATION) {
         queue = vpn->queue(entry->message->destinationName());
         if (!queue) {
-            postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 503, "Unknown Queue", tag);
+            postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 503, "Unknown Queue", tag,
+                        wakeLater);
             retireLocked(entry);
             return;
         }
@@ -575,7 +588,7 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
     const FaultInjector::AckMode mode = FaultInjector::instance().ackMode();
     if (mode == FaultInjector::AckMode::REJECT) {
         postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 400, "Rejected by the emulator",
-                    tag);
+                    tag, wakeLater);
         retireLocked(entry);
         return;
     }
@@ -586,7 +599,7 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry) {
         entry->spooled = true;
         return;
     }
-    postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag);
+    postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag, wakeLater);
     retireLocked(entry);
 }
 
@@ -602,34 +615,51 @@ void Session::retireLocked(std::list<PendingSend>::iterator entry) {
     spareSends.splice(spareSends.end(), pending, entry);
 }
 
-void Session::postSettled(solClient_session_event_t event, unsigned responseCode, std::string info,
-                          void* correlation) {
-    // The window slot frees only when the context thread processes the answer,
-    // right before the answer's event: one post for both, which ran as two in a row.
+void Session::postSettled(solClient_session_event_t event, unsigned responseCode, char const* info,
+                          void* correlation, bool* wakeLater) {
     ++answersInFlight;
+    Settled const settled{event, responseCode, info, correlation};
+    if (openFrame &&
+        eventContext->joinLast(openFramePost, [&] { openFrame->push_back(settled); })) {
+        return;
+    }
+    // The window slots free only when the context thread processes the frame,
+    // right before its answers' events.
+    auto frame = std::make_shared<Frame>(1, settled);
+    openFrame = frame;
     std::weak_ptr<Session> weak = weak_from_this();
     auto callback = funcs.eventInfo.callback_p;
     void* user = funcs.eventInfo.user_p;
     void* handle = this;
-    eventContext->post(this, nullptr, [=, info = std::move(info)] {
-        if (auto self = weak.lock()) {
-            self->freeWindowSlot();
-        }
-        if (callback != nullptr) {
-            solClient_session_eventCallbackInfo_t record{event, responseCode, info.c_str(),
-                                                         correlation};
-            callback(handle, &record, user);
-        }
-    });
+    openFramePost = eventContext->post(
+        this, nullptr,
+        [=] {
+            // Popped from the queue, the frame takes no more answers.
+            if (auto self = weak.lock()) {
+                self->freeWindowSlots(frame->size());
+            }
+            if (callback == nullptr) {
+                return;
+            }
+            for (Settled const& answer : *frame) {
+                solClient_session_eventCallbackInfo_t record{answer.event, answer.responseCode,
+                                                             answer.info, answer.correlation};
+                callback(handle, &record, user);
+            }
+        },
+        wakeLater);
 }
 
-void Session::freeWindowSlot() {
+void Session::freeWindowSlots(size_t count) {
+    answersInFlight -= count;
+    // Nobody waits for room and no CAN_SEND is owed (the usual case): no lock. A waiter counts
+    // itself and an owed flag is set before they look at the window, so one side sees the other.
+    if (windowWaiters.load() == 0 && !canSendOwed.load()) {
+        return;
+    }
     bool wake = false;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (answersInFlight > 0) {
-            --answersInFlight;
-        }
         if (canSendOwed && state.load() == State::UP &&
             unackedLocked() < static_cast<size_t>(properties.pubWindowSize)) {
             canSendOwed = false;

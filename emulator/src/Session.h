@@ -94,6 +94,13 @@ class Session : public std::enable_shared_from_this<Session> {
         std::string text;
     };
     using TimePoint = std::chrono::steady_clock::time_point;
+    struct Settled {
+        solClient_session_event_t event;
+        unsigned responseCode;
+        char const* info;
+        void* correlation;
+    };
+    using Frame = std::vector<Settled>;
     struct PendingSend {
         std::shared_ptr<const Message> message;
         bool spooled;  // the broker has it; a retransmission is only acknowledged
@@ -129,11 +136,14 @@ class Session : public std::enable_shared_from_this<Session> {
                                              TimePoint deadline);
     size_t unackedLocked() const { return pending.size() + answersInFlight; }
     // The context thread has processed an answer: its window slot is free.
-    void freeWindowSlot();
-    void postSettled(solClient_session_event_t event, unsigned responseCode, std::string info,
-                     void* correlation);
+    void freeWindowSlots(size_t count);
+    // `info` is a literal. Answers posted back to back travel as one frame, as
+    // a broker acknowledges several sends at once.
+    void postSettled(solClient_session_event_t event, unsigned responseCode, char const* info,
+                     void* correlation, bool* wakeLater);
     void detachLocked(bool clearSubscriptions);
-    void transmitLocked(std::list<PendingSend>::iterator entry);
+    // With `wakeLater`, see Context::post.
+    void transmitLocked(std::list<PendingSend>::iterator entry, bool* wakeLater = nullptr);
     void postEvent(solClient_session_event_t event, unsigned responseCode, std::string info,
                    void* correlation = nullptr);
     std::string loginRefusal() const;
@@ -166,9 +176,14 @@ class Session : public std::enable_shared_from_this<Session> {
     // Nodes of settled sends, spliced back into `pending` by later sends: a send
     // answered at once takes no list allocation.
     std::list<PendingSend> spareSends;
-    size_t answersInFlight = 0;  // acknowledgements posted, not yet processed
-    int windowWaiters = 0;       // sends waiting for room in the publish window
-    bool canSendOwed = false;    // a WOULD_BLOCK was returned; CAN_SEND follows
+    // Acknowledgements posted, not yet processed; freed by the context thread without the lock.
+    std::atomic<size_t> answersInFlight{0};
+    // The last frame of answers posted, and its post; later answers join it
+    // while it is the context's last post.
+    std::shared_ptr<Frame> openFrame;
+    uint64_t openFramePost = 0;
+    std::atomic<int> windowWaiters{0};     // sends waiting for room in the publish window
+    std::atomic<bool> canSendOwed{false};  // a WOULD_BLOCK was returned; CAN_SEND follows
     std::vector<std::shared_ptr<Answer>> waiting;
 
     mutable std::shared_mutex subscriptionsMutex;

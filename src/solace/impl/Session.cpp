@@ -371,18 +371,24 @@ void Session::settlePending(solClient_session_eventCallbackInfo* info, char cons
     if (sent == nullptr) {
         return;
     }
-    std::lock_guard<std::mutex> lock(pendingMutex);
-    auto it = pending.find(sent->getMessageID());
-    if (it == pending.end()) {
-        return;
+    std::shared_ptr<MessageTask> task;
+    bool room = false;
+    {
+        std::lock_guard<std::mutex> lock(pendingMutex);
+        auto it = pending.find(sent->getMessageID());
+        if (it == pending.end()) {
+            return;
+        }
+        auto node = pending.extract(it);
+        task = std::move(node.mapped());
+        if (spareNodes.size() < SPARE_NODES) {
+            spareNodes.push_back(std::move(node));
+        }
+        pendingSize.store(pending.size(), std::memory_order_release);
+        room = windowWaiters > 0 && pending.size() <= PUBLISH_WINDOW / 2;
     }
-    auto node = pending.extract(it);
-    std::shared_ptr<MessageTask> task = std::move(node.mapped());
-    if (spareNodes.size() < SPARE_NODES) {
-        spareNodes.push_back(std::move(node));
-    }
-    pendingSize.store(pending.size(), std::memory_order_release);
-    if (windowWaiters > 0 && pending.size() <= PUBLISH_WINDOW / 2) {
+    // Woken after the unlock, the waiting send finds the mutex free.
+    if (room) {
         windowRoom.notify_all();
     }
     task->releaseMessageHandle();
