@@ -30,8 +30,11 @@ uint64_t Context::post(void const* owner, void const* subOwner, Work work, bool*
         if (stopping) {
             return 0;
         }
-        auto const due =
-            std::chrono::steady_clock::now() + std::chrono::microseconds(_roundTripUs.load());
+        // With no round trip everything is due at once: no clock read per post.
+        unsigned const roundTripUs = _roundTripUs.load();
+        auto const due = roundTripUs == 0 ? std::chrono::steady_clock::time_point{}
+                                          : std::chrono::steady_clock::now() +
+                                                std::chrono::microseconds(roundTripUs);
         sequence = ++posts;
         items.push_back(Item{owner, subOwner, std::move(work), due, sequence});
         wake = sleeping;

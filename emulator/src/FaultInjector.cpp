@@ -69,10 +69,7 @@ bool FaultInjector::failNext(std::string const& function, int count, int returnC
     return true;
 }
 
-std::optional<solClient_returnCode_t> FaultInjector::check(char const* function) {
-    if (armed.load(std::memory_order_acquire) == 0) {
-        return std::nullopt;
-    }
+std::optional<solClient_returnCode_t> FaultInjector::checkArmed(char const* function) {
     std::lock_guard<std::mutex> lock(mutex);
     auto it = failures.find(function);
     if (it == failures.end()) {

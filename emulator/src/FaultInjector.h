@@ -24,7 +24,12 @@ class FaultInjector {
                   std::string const& text);
     // Consumes one armed failure of `function`; fills the error record and
     // returns the code to give back. Cheap when nothing is armed.
-    std::optional<solClient_returnCode_t> check(char const* function);
+    std::optional<solClient_returnCode_t> check(char const* function) {
+        if (armed.load(std::memory_order_acquire) == 0) {
+            return std::nullopt;
+        }
+        return checkArmed(function);
+    }
 
     void refuseSubscriptions(std::string const* topic, int subCode);
     // The sub-code to refuse `topic` with, 0 if it is allowed.
@@ -41,6 +46,8 @@ class FaultInjector {
     static bool isVendorFunction(std::string const& name);
 
   private:
+    std::optional<solClient_returnCode_t> checkArmed(char const* function);
+
     struct Failure {
         int count;
         int returnCode;
