@@ -2,6 +2,7 @@
 
 #include "KWClient/KWCallbackItem.h"
 #include "KWClient/KWCallbackRelease.h"
+#include "KWClient/KWFunction.h"
 
 thread_local KWCallbackProcessor* KWCallbackProcessor::_instance = nullptr;
 
@@ -90,20 +91,14 @@ size_t KWCallbackProcessor::pendingCount() {
     return items.size();
 }
 
-std::shared_ptr<Nan::Callback> KWCallbackProcessor::shareFunction(
-    v8::Local<v8::Function> const& fn) {
-    auto callback = std::make_unique<Nan::Callback>();
-    if (!fn.IsEmpty()) {
-        callback->Reset(fn);
-    }
-    return std::shared_ptr<Nan::Callback>(callback.release(),
-                                          [processor = shared_from_this()](Nan::Callback* last) {
-                                              processor->disposeFunction(last);
-                                          });
+std::shared_ptr<KWFunction> KWCallbackProcessor::shareFunction(v8::Local<v8::Function> const& fn) {
+    return std::shared_ptr<KWFunction>(
+        new KWFunction(fn),
+        [processor = shared_from_this()](KWFunction* last) { processor->disposeFunction(last); });
 }
 
-void KWCallbackProcessor::disposeFunction(Nan::Callback* callback) {
-    std::unique_ptr<Nan::Callback> owned(callback);
+void KWCallbackProcessor::disposeFunction(KWFunction* callback) {
+    std::unique_ptr<KWFunction> owned(callback);
     if (onLoopThread() && !released) {
         return;
     }

@@ -11,6 +11,7 @@
 #include <uv.h>
 
 class KWCallbackItem;
+class KWFunction;
 
 // The queue between library threads and one JavaScript thread. Producers
 // push items and wake the loop; kw_item_callback runs everything pending, in
@@ -48,7 +49,7 @@ class KWCallbackProcessor : public std::enable_shared_from_this<KWCallbackProces
     // A shared persistent handle on fn whose last owner may be on any thread:
     // released elsewhere, the handle is handed to the loop thread and disposed
     // there, as V8 requires.
-    std::shared_ptr<Nan::Callback> shareFunction(v8::Local<v8::Function> const& fn);
+    std::shared_ptr<KWFunction> shareFunction(v8::Local<v8::Function> const& fn);
 
     // Calls fn(argv...) with the global object as receiver, through node's
     // callback scope: microtasks run afterwards and an exception thrown by fn
@@ -57,7 +58,7 @@ class KWCallbackProcessor : public std::enable_shared_from_this<KWCallbackProces
 
   private:
     KWCallbackProcessor();
-    void disposeFunction(Nan::Callback* callback);
+    void disposeFunction(KWFunction* callback);
     // Environment cleanup: drops what is pending while the isolate still
     // lives, refuses later pushes and closes the async handle.
     void close();

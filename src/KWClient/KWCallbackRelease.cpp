@@ -1,6 +1,6 @@
 #include "KWClient/KWCallbackRelease.h"
 
-KWCallbackRelease::KWCallbackRelease(std::unique_ptr<Nan::Callback> callback)
+KWCallbackRelease::KWCallbackRelease(std::unique_ptr<KWFunction> callback)
     : callback(std::move(callback)) {}
 
 KWCallbackRelease::~KWCallbackRelease() = default;

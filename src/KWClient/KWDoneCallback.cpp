@@ -1,21 +1,22 @@
 #include "KWClient/KWDoneCallback.h"
 
 #include "KWClient/KWCallbackProcessor.h"
+#include "KWClient/KWFunction.h"
 
 namespace {
 // The handle on the function most recently given to a completion, for as
 // long as some completion still holds it. JavaScript thread only.
-thread_local std::weak_ptr<Nan::Callback> lastFunction;
+thread_local std::weak_ptr<KWFunction> lastFunction;
 
 // Completions of requests made with the same function (one completion
 // function for many publishes is the common case) share one persistent
 // handle instead of creating and disposing one per request; calling it is
 // the same.
-std::shared_ptr<Nan::Callback> handleOn(v8::Local<v8::Function> const& fn) {
+std::shared_ptr<KWFunction> handleOn(v8::Local<v8::Function> const& fn) {
     if (fn.IsEmpty()) {
         return KWCallbackProcessor::getInstance()->shareFunction(fn);
     }
-    std::shared_ptr<Nan::Callback> last = lastFunction.lock();
+    std::shared_ptr<KWFunction> last = lastFunction.lock();
     if (last && !last->IsEmpty() && last->GetFunction() == fn) {
         return last;
     }

@@ -9,6 +9,8 @@
 
 #include "KWClient/KWCallbackItem.h"
 
+class KWFunction;
+
 // The outcome of one asynchronous request, delivered Node-style: null on
 // success, an Error with "errno" on failure. Success is decided by the text
 // alone, so a failure reported with an empty text reads as success.
@@ -24,7 +26,7 @@ class KWDoneCallback : public KWCallbackItem {
   private:
     // Shared through the processor so that the handle is disposed on the
     // JavaScript thread even when a library thread drops the last reference.
-    std::shared_ptr<Nan::Callback> function;
+    std::shared_ptr<KWFunction> function;
     // A library that reports one request twice may update the outcome while
     // the JavaScript thread reads it.
     std::mutex mutex;

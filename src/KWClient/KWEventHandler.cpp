@@ -1,6 +1,7 @@
 #include "KWClient/KWEventHandler.h"
 
 #include "KWClient/KWCallbackProcessor.h"
+#include "KWClient/KWClientFunctions.h"
 #include "KWClient/KWDoneCallback.h"
 #include "KWClient/KWEventInfo.h"
 #include "core/Client.h"
@@ -13,9 +14,11 @@ constexpr uint32_t CONNECTION_STATE_EVENT = 1;
 constexpr uint32_t RUNTIME_ERROR_EVENT = 2;
 }  // namespace
 
-KWEventHandler::KWEventHandler(v8::Local<v8::Function> const& fn)
-    : processor(KWCallbackProcessor::getInstance()->shared_from_this()) {
-    callback = processor->shareFunction(fn);
+KWEventHandler::KWEventHandler(v8::Local<v8::Function> const& fn,
+                               std::shared_ptr<KWClientFunctions> functions)
+    : functions(std::move(functions)),
+      processor(KWCallbackProcessor::getInstance()->shared_from_this()) {
+    callback = this->functions ? this->functions->share(fn) : processor->shareFunction(fn);
 }
 
 KWEventHandler::~KWEventHandler() = default;
@@ -47,7 +50,8 @@ void KWEventHandler::fail(std::shared_ptr<KW::Reference> const& reference, char 
     sendEvent(std::move(done));
 }
 
-void KWEventHandler::raise(uint32_t eventCode, uint32_t eventSubCode, char const* text) {
+std::shared_ptr<KWEventInfo> KWEventHandler::event(uint32_t eventCode, uint32_t eventSubCode,
+                                                   char const* text) {
     auto item = std::make_shared<KWEventInfo>();
     item->callback = callback;
     item->eventCode = eventCode;
@@ -55,13 +59,20 @@ void KWEventHandler::raise(uint32_t eventCode, uint32_t eventSubCode, char const
     if (text != nullptr) {
         item->what = text;
     }
-    sendEvent(std::move(item));
+    return item;
 }
 
 void KWEventHandler::connectionStateChanged(std::shared_ptr<KW::Client> client) {
+    // The epoch before the state: a state read after the script's latest
+    // connect or disconnect is never taken for an older one.
+    uint64_t const epoch = functions ? functions->epoch() : 0;
     // The state is read now, on the notifying thread, so a burst of changes
     // yields one event per change with its own state.
-    raise(CONNECTION_STATE_EVENT, static_cast<uint32_t>(client->getConnectionState()), nullptr);
+    auto item =
+        event(CONNECTION_STATE_EVENT, static_cast<uint32_t>(client->getConnectionState()), nullptr);
+    item->functions = functions;
+    item->epoch = epoch;
+    sendEvent(std::move(item));
 }
 
 void KWEventHandler::messageSendFinalize(std::shared_ptr<KW::Message>,
@@ -102,9 +113,9 @@ void KWEventHandler::subscriptionRemoveError(std::string const&, KW::QOS::Enum,
 }
 
 void KWEventHandler::runtimeErrorOccurred(char const* text, int code) {
-    raise(RUNTIME_ERROR_EVENT, static_cast<uint32_t>(code), text);
+    sendEvent(event(RUNTIME_ERROR_EVENT, static_cast<uint32_t>(code), text));
 }
 
 void KWEventHandler::runtimeErrorOccurred(char const* text) {
-    raise(RUNTIME_ERROR_EVENT, 0, text);
+    sendEvent(event(RUNTIME_ERROR_EVENT, 0, text));
 }

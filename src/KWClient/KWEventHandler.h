@@ -10,14 +10,19 @@
 
 class KWCallbackItem;
 class KWCallbackProcessor;
+class KWEventInfo;
+class KWClientFunctions;
+class KWFunction;
 
 // Turns a client's notifications into JavaScript calls: request outcomes go to
 // the request's own completion function (its KWDoneCallback reference),
 // connection and runtime events to the client's event function.
 class KWEventHandler : public KW::EventHandler {
   public:
-    // JavaScript thread only. An empty fn means events are dropped.
-    explicit KWEventHandler(v8::Local<v8::Function> const& fn);
+    // JavaScript thread only. An empty fn means events are dropped. With
+    // functions, fn is one of a client's and its state reports reach them.
+    explicit KWEventHandler(v8::Local<v8::Function> const& fn,
+                            std::shared_ptr<KWClientFunctions> functions = nullptr);
     ~KWEventHandler() override;
 
     void connectionStateChanged(std::shared_ptr<KW::Client> client) override;
@@ -45,8 +50,9 @@ class KWEventHandler : public KW::EventHandler {
   private:
     void complete(std::shared_ptr<KW::Reference> const& reference);
     void fail(std::shared_ptr<KW::Reference> const& reference, char const* text, int code);
-    void raise(uint32_t eventCode, uint32_t eventSubCode, char const* text);
+    std::shared_ptr<KWEventInfo> event(uint32_t eventCode, uint32_t eventSubCode, char const* text);
 
-    std::shared_ptr<Nan::Callback> callback;
+    std::shared_ptr<KWClientFunctions> functions;
+    std::shared_ptr<KWFunction> callback;
     std::shared_ptr<KWCallbackProcessor> processor;
 };

@@ -1,11 +1,12 @@
 #include "KWClient/KWMessageHandler.h"
 
 #include "KWClient/KWCallbackProcessor.h"
+#include "KWClient/KWClientFunctions.h"
 #include "KWClient/KWMessageInfo.h"
 
-KWMessageHandler::KWMessageHandler(v8::Local<v8::Function> const& fn)
+KWMessageHandler::KWMessageHandler(v8::Local<v8::Function> const& fn, KWClientFunctions* functions)
     : processor(KWCallbackProcessor::getInstance()->shared_from_this()) {
-    callback = processor->shareFunction(fn);
+    callback = functions != nullptr ? functions->share(fn) : processor->shareFunction(fn);
 }
 
 KWMessageHandler::~KWMessageHandler() = default;

@@ -1,6 +1,7 @@
 #include "KWClient/KWMessageInfo.h"
 
 #include "KWClient/KWCallbackProcessor.h"
+#include "KWClient/KWFunction.h"
 #include "KWClient/KWNodeMessage.h"
 
 KWMessageInfo::~KWMessageInfo() = default;

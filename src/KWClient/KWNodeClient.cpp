@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "KWClient/KWBoundary.h"
+#include "KWClient/KWClientFunctions.h"
 #include "KWClient/KWDoneCallback.h"
 #include "KWClient/KWEventHandler.h"
 #include "KWClient/KWMessageHandler.h"
@@ -128,15 +129,18 @@ void KWNodeClient::Init(v8::Local<v8::Object> exports) {
 KWNodeClient::KWNodeClient(std::string const& destinationId, std::string& destinationType,
                            std::map<std::string, std::string>& connectionData,
                            v8::Local<v8::Function> const& eventCallback)
-    : destinationId(destinationId),
+    : functions(std::make_shared<KWClientFunctions>()),
+      destinationId(destinationId),
       destinationType(destinationType),
       connectionData(connectionData) {
-    auto handler = std::make_shared<KWEventHandler>(eventCallback);
+    auto handler = std::make_shared<KWEventHandler>(eventCallback, functions);
     client = KW::ClientLibraryRegistry::getInstance()->createClient(destinationId, destinationType,
                                                                     connectionData, handler);
 }
 
-KWNodeClient::~KWNodeClient() = default;
+KWNodeClient::~KWNodeClient() {
+    functions->detach();
+}
 
 KW::QOS::Enum KWNodeClient::getQOS(unsigned int const& value) {
     return value == 2 ? KW::QOS::GUARANTEED : KW::QOS::AT_MOST_ONCE;
@@ -219,6 +223,7 @@ NAN_METHOD(KWNodeClient::New) {
         auto* client =
             new KWNodeClient(destinationId, destinationType, connectionData, eventCallback);
         client->Wrap(self);
+        client->functions->attach(client, client->client.get());
     } catch (KW::Exception& e) {
         // Thrown after the argument error, so it is the one the script sees.
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::New error: ", e);
@@ -227,8 +232,8 @@ NAN_METHOD(KWNodeClient::New) {
     throwArgumentError(argumentError);
 }
 
-KW::Client* KWNodeClient::clientOf(Nan::FunctionCallbackInfo<v8::Value> const& info,
-                                   char const* method) {
+KWNodeClient* KWNodeClient::wrapperOf(Nan::FunctionCallbackInfo<v8::Value> const& info,
+                                      char const* method) {
     auto* self = static_cast<KWNodeClient*>(Nan::GetInternalFieldPointer(info.This(), 0));
     if (self == nullptr || !self->client) {
         std::string const text =
@@ -236,31 +241,42 @@ KW::Client* KWNodeClient::clientOf(Nan::FunctionCallbackInfo<v8::Value> const& i
         Nan::ThrowError(text.c_str());
         return nullptr;
     }
-    return self->client.get();
+    return self;
+}
+
+KW::Client* KWNodeClient::clientOf(Nan::FunctionCallbackInfo<v8::Value> const& info,
+                                   char const* method) {
+    KWNodeClient* self = wrapperOf(info, method);
+    return self == nullptr ? nullptr : self->client.get();
 }
 
 NAN_METHOD(KWNodeClient::Connect) {
-    KW::Client* client = clientOf(info, "Connect");
-    if (client == nullptr) {
+    KWNodeClient* self = wrapperOf(info, "Connect");
+    if (self == nullptr) {
         return;
     }
+    // Before the call: whatever it starts finds the functions held.
+    self->functions->requested(true);
     try {
-        client->connect(0);
+        self->client->connect(0);
     } catch (KW::Exception& e) {
+        self->functions->requested(false);
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Connect error: ", e);
     }
 }
 
 NAN_METHOD(KWNodeClient::Disconnect) {
-    KW::Client* client = clientOf(info, "Disconnect");
-    if (client == nullptr) {
+    KWNodeClient* self = wrapperOf(info, "Disconnect");
+    if (self == nullptr) {
         return;
     }
     try {
-        client->disconnect(0);
+        self->client->disconnect(0);
     } catch (KW::Exception& e) {
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Disconnect error: ", e);
     }
+    // After the call, so that the park waits behind its event; no V8 call, it only queues.
+    self->functions->requested(false);
 }
 
 NAN_METHOD(KWNodeClient::GetConnectionState) {
@@ -381,15 +397,15 @@ NAN_METHOD(KWNodeClient::Subscribe) {
     char const* argumentError =
         info[0].IsEmpty() ? "Messaging Client Subscribe: topic is missing" : nullptr;
     std::string const topic = KWBoundary::toString(info[0]);
-    std::shared_ptr<KW::MessageHandler> handler =
-        std::make_shared<KWMessageHandler>(fn.As<v8::Function>());
     std::shared_ptr<KW::Reference> reference = shape.reference(info);
-    KW::Client* client = clientOf(info, "Subscribe");
-    if (client == nullptr) {
+    KWNodeClient* self = wrapperOf(info, "Subscribe");
+    if (self == nullptr) {
         return;
     }
+    std::shared_ptr<KW::MessageHandler> handler =
+        std::make_shared<KWMessageHandler>(fn.As<v8::Function>(), self->functions.get());
     try {
-        client->subscribe(handler, topic, shape.qos, reference);
+        self->client->subscribe(handler, topic, shape.qos, reference);
     } catch (KW::Exception& e) {
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Subscribe error: ", e);
         return;

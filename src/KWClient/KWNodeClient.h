@@ -9,6 +9,8 @@
 #include "core/Client.h"
 #include "core/QOS.h"
 
+class KWClientFunctions;
+
 // The JavaScript messaging client: checks and converts arguments, wraps
 // script functions in bridge objects and forwards to the KW::Client made by
 // the registry for the destination type.
@@ -41,11 +43,14 @@ class KWNodeClient : public Nan::ObjectWrap {
     static NAN_METHOD(Unsubscribe);
     static NAN_METHOD(GetConnectionState);
 
-    // The library client of the receiver, or null after throwing when the
-    // receiver's construction failed.
+    // The receiver, or null after throwing when its construction failed.
+    static KWNodeClient* wrapperOf(Nan::FunctionCallbackInfo<v8::Value> const& info,
+                                   char const* method);
+    // The library client of the receiver, or null as wrapperOf.
     static KW::Client* clientOf(Nan::FunctionCallbackInfo<v8::Value> const& info,
                                 char const* method);
 
+    std::shared_ptr<KWClientFunctions> functions;
     std::shared_ptr<KW::Client> client;
     std::string destinationId;
     std::string destinationType;

@@ -108,8 +108,7 @@ exports.collector = function () {
 };
 
 // Made apart from the client: an event function that can reach its client
-// (here through a shared closure) keeps it from ever being collected, since
-// the client's session holds the function until the client goes.
+// (here through a shared closure) keeps it for as long as it is connected.
 function recorder(events) {
   return function (ev) { events.push([ev.eventCode(), ev.eventSubCode(), ev.what()]); };
 }

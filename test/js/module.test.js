@@ -38,6 +38,63 @@ var client;
 var topics = harness.collector();
 var queue = harness.collector();
 
+// First, while no other test's clients wait for the collector: it counts every live session.
+test('dropped clients their own functions reach: collected (session ended) when never connected, disconnected or ' +
+  'failed; a connected one keeps receiving; a reconnected one keeps its functions', function () {
+  var control = harness.control();
+  function sessions(n) {
+    return harness.waitFor(function () { global.gc(); return control.count('liveSessions') === n; },
+      function () { return n + ' live sessions, not ' + control.count('liveSessions'); });
+  }
+  var before = control.count('liveSessions');
+  var seen = [];
+  var pubStates = [];
+  // A function of its own per client, so that only the client's own functions reach it.
+  function drop(id, data) {
+    var c = new KWNodeClient(id, 'SOLACE', data, function (ev) {
+      seen.push(id + ' ' + ev.eventSubCode());
+      if (id === 'down' && ev.eventSubCode() === 3) c.disconnect();
+    });
+    function handler(m) { seen.push(id + ' ' + m.payload() + ' ' + c.getConnectionState()); c.disconnect(); }
+    if (id !== 'live') c.subscribe('gc/' + id, handler);
+    else c.subscribe('gc/live', handler, function (err) { seen.push('live subscribed ' + err); });
+    if (id !== 'idle') c.connect();
+  }
+  drop('idle', HOST);
+  drop('down', HOST);
+  drop('failed', { host: 'localhost', port: 55555, vpn: 'module', use_ssl: 'on', trust_store: '/nonexistent' });
+  drop('live', HOST);
+  var pub = new KWNodeClient('gc-pub', 'SOLACE', HOST, function (ev) { pubStates.push(ev.eventSubCode()); });
+  pub.connect();
+  function pubIn(state) {
+    return harness.waitFor(function () { return pubStates[pubStates.length - 1] === state; }, 'publisher in state ' + state);
+  }
+  return Promise.all([pubIn(3), harness.waitFor(function () { return seen.length === 5; }, 'events')]).then(function () {
+    return sessions(before + 2);  // live and pub
+  }).then(function () {
+    pub.publish('gc/live', 'hello');
+    return sessions(before + 1);  // live got it and disconnected itself
+  }).then(function () {
+    assert.deepStrictEqual(seen.sort(), ['down 1', 'down 3', 'failed 4', 'live 1', 'live 3', 'live hello 3', 'live subscribed null']);
+    pub.disconnect();
+    return pubIn(1);
+  }).then(function () {
+    global.gc();
+    // Waits inside the client for the connection, its handler held by nothing else.
+    pub.subscribe('gc/again', function (m) { seen.push('again ' + m.payload()); });
+    global.gc();
+    pub.connect();
+    return pubIn(3);
+  }).then(function () {
+    global.gc();
+    pub.publish('gc/again', 'x');
+    return harness.waitFor(function () { return seen.indexOf('again x') >= 0; }, 'the message after the reconnect');
+  }).then(function () {
+    assert.deepStrictEqual(pubStates, [3, 1, 3]);
+    pub.disconnect();
+  });
+});
+
 test('connect: a new client starts disconnected, reports state 3 by event and ignores arguments', function () {
   var events = [];
   client = new KWNodeClient('module-client', 'SOLACE', HOST, function (ev) {

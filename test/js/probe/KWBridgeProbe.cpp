@@ -53,7 +53,7 @@ NAN_METHOD(PushFromThreads) {
     if (!functionAt(info, 2))
         return;
     KWCallbackProcessor* processor = KWCallbackProcessor::getInstance();
-    std::shared_ptr<Nan::Callback> callback = processor->shareFunction(info[2].As<v8::Function>());
+    std::shared_ptr<KWFunction> callback = processor->shareFunction(info[2].As<v8::Function>());
     std::vector<std::thread> workers;
     for (uint32_t t = 0; t < threads; ++t) {
         workers.emplace_back([processor, callback, t, perThread] {

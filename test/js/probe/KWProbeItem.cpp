@@ -2,8 +2,7 @@
 
 #include "KWClient/KWCallbackProcessor.h"
 
-KWProbeItem::KWProbeItem(std::shared_ptr<Nan::Callback> callback, uint32_t threadIndex,
-                         uint32_t seq)
+KWProbeItem::KWProbeItem(std::shared_ptr<KWFunction> callback, uint32_t threadIndex, uint32_t seq)
     : callback(std::move(callback)), threadIndex(threadIndex), seq(seq) {}
 
 KWProbeItem::~KWProbeItem() = default;
