@@ -235,18 +235,32 @@ TEST_F(Session, WorkQueuedWhileDownWaitsAndStateChangesAreToldOnceEach) {
 
 // Dropping a connected client does not disconnect it: its handlers go on
 // receiving until its session is terminated.
-TEST_F(Session, ADroppedConnectedClientKeepsReceivingUntilTerminated) {
+// Connected, or still in a first attempt that reads disconnected: neither is ended by its release.
+TEST_F(Session, ADroppedConnectedOrConnectingClientKeepsReceivingUntilTerminated) {
     auto publisher = connectedClient();
     auto handler = makeHandler();
+    auto lateHandler = makeHandler();
     auto dropped = connectedClient();
     subscribe(dropped, handler, "kept");
     Impl::Session* session = &sessionOf(dropped);
-    clients.pop_back();
+    solEmu_setBrokerUp(HOST_PORT, 0);
+    auto connecting = makeClient();
+    connecting->connect(0);
+    ASSERT_TRUE(connecting->subscribe(lateHandler, "late", AMO, Reference::NONE));  // waits for up
+    Impl::Session* late = &sessionOf(connecting);
+    clients.resize(1);
     dropped.reset();
+    connecting.reset();
     std::this_thread::sleep_for(200ms);  // time for a wrongly queued end to run
+    EXPECT_EQ(solEmu_liveSessions(), 3);
+    solEmu_setBrokerUp(HOST_PORT, 1);
     flush(publisher, handler, "kept");
-    EXPECT_EQ(solEmu_liveSessions(), 2);
+    EXPECT_TRUE(eventually([&] {
+        publisher->publish(packet("up?"), "late", AMO, Reference::NONE, false);
+        return !lateHandler->where([](auto&) { return true; }).empty();
+    }));
     session->terminate();
+    late->terminate();
     EXPECT_EQ(solEmu_liveSessions(), 1);
 }
 

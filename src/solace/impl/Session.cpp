@@ -161,7 +161,10 @@ Session::~Session() {
 
 void Session::end() {
     std::call_once(endOnce, [this] {
-        ended.store(true);
+        {
+            std::lock_guard<std::mutex> lock(lifecycleMutex);
+            ended.store(true);
+        }
         auto stopWorkers = [this] {
             subscribeWorker.setProcessor(nullptr, 0);
             forwardWorker.setProcessor(nullptr, 0);
@@ -245,7 +248,9 @@ bool Session::connect(unsigned long timeoutMs) {
     if (connection.getState() == Connection::CONNECTED) {
         return true;
     }
+    connectRequested.store(true);
     if (api.sessionConnect(handle.get()) == SOLCLIENT_FAIL) {
+        connectRequested.store(false);
         throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
     }
     if (timeoutMs == 0) {
@@ -255,6 +260,7 @@ bool Session::connect(unsigned long timeoutMs) {
 }
 
 void Session::disconnect(unsigned long timeoutMs) {
+    connectRequested.store(false);
     // Not joined: the JavaScript thread never waits for a blocked worker.
     stopSendingWorkers(timeoutMs);
     if (connection.getState() != Connection::DISCONNECTED) {
@@ -296,7 +302,8 @@ void Session::clientReleased() {
     // client does not disconnect it: a connected or connecting session goes on
     // delivering to its handlers, and only terminate ends it then.
     int const state = connection.getState();
-    if (ended.load() || state == Connection::CONNECTED || state == Connection::CONNECTING) {
+    if (ended.load() || state == Connection::CONNECTED || state == Connection::CONNECTING ||
+        connectRequested.load()) {
         return;
     }
     try {
@@ -334,17 +341,25 @@ void Session::handleEvent(solClient_session_eventCallbackInfo* info) {
         case SOLCLIENT_SESSION_EVENT_UP_NOTICE:
         case SOLCLIENT_SESSION_EVENT_RECONNECTED_NOTICE:
             connection.setConnected();
-            subscribeWorker.setProcessor(this, 0);
-            publishWorker.setProcessor(this, 0);
-            forwardWorker.setProcessor(this, 0);
+            {
+                // An ending session has let go of its subscriptions: no worker may run them.
+                std::lock_guard<std::mutex> lock(lifecycleMutex);
+                if (!ended.load()) {
+                    subscribeWorker.setProcessor(this, 0);
+                    publishWorker.setProcessor(this, 0);
+                    forwardWorker.setProcessor(this, 0);
+                }
+            }
             notifyHandlerOfConnectState();
             break;
         case SOLCLIENT_SESSION_EVENT_DOWN_ERROR:
+            connectRequested.store(false);
             connection.setDisconnected();
             stopSendingWorkers(0);  // not joined: a worker may be blocked waiting for this thread
             notifyHandlerOfConnectState();
             break;
         case SOLCLIENT_SESSION_EVENT_CONNECT_FAILED_ERROR:
+            connectRequested.store(false);
             connection.setFailed();
             notifyHandlerOfConnectState();
             break;

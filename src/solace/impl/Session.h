@@ -46,7 +46,7 @@ class Subscription;
 // Shared: its context owns it until it ends, and every message task holds it,
 // so that a message a script keeps after its client has gone still finds the
 // (ended) session rather than freed memory. The release of its client ends it
-// unless it is connected or connecting.
+// unless it is connected or connecting (a first attempt included).
 class Session : public std::enable_shared_from_this<Session> {
   public:
     using ReceiveWorker = KW::Worker<std::shared_ptr<ReceiveTask>, Session, true>;
@@ -188,6 +188,12 @@ class Session : public std::enable_shared_from_this<Session> {
 
     std::once_flag endOnce;
     std::atomic<bool> ended{false};
+    // Orders the end against an up event on the context thread: once ended,
+    // no event starts a worker again.
+    std::mutex lifecycleMutex;
+    // connect() was called and neither disconnect() nor a final failure
+    // followed: a first attempt still reads disconnected, yet is connecting.
+    std::atomic<bool> connectRequested{false};
 };
 
 }  // namespace Impl
