@@ -12,31 +12,11 @@
 
 namespace KW {
 
-// Reads the chunk list that the packet keeps to itself.
+// Reaches the chunk list that the packet keeps to itself.
 class DataPacketInspector {
   public:
-    struct Chunk {
-        unsigned long capacity, offset, length;
-    };
-
-    // With `bytes`, also what each chunk says it holds, in order; with
-    // `tailIsLast`, whether the tail is the last chunk.
-    static std::vector<Chunk> chunks(DataPacket& packet, std::vector<std::uint8_t>* bytes = nullptr,
-                                     bool* tailIsLast = nullptr) {
-        std::vector<Chunk> out;
-        DataPacketChunk const* last = nullptr;
-        for (auto* c = packet.head.get(); c != nullptr; last = c, c = c->next.get()) {
-            out.push_back({c->capacity, c->offset, c->length});
-            if (bytes != nullptr) {
-                bytes->insert(bytes->end(), &c->buffer[c->offset],
-                              &c->buffer[c->offset] + c->length);
-            }
-        }
-        if (tailIsLast != nullptr) {
-            *tailIsLast = last == packet.tail;
-        }
-        return out;
-    }
+    static DataPacketChunk const* head(DataPacket& packet) { return packet.head.get(); }
+    static DataPacketChunk const* tail(DataPacket& packet) { return packet.tail; }
 };
 
 }  // namespace KW
@@ -44,11 +24,27 @@ class DataPacketInspector {
 namespace {
 
 using KW::DataPacket;
-using Chunk = KW::DataPacketInspector::Chunk;
 using Bytes = std::vector<std::uint8_t>;
+struct Chunk {
+    unsigned long capacity, offset, length;
+};
 
+// The chunk list; with `bytes`, also what each chunk says it holds, in order;
+// with `tailIsLast`, whether the tail is the last chunk.
 std::vector<Chunk> chunks(DataPacket& packet, Bytes* bytes = nullptr, bool* tailIsLast = nullptr) {
-    return KW::DataPacketInspector::chunks(packet, bytes, tailIsLast);
+    std::vector<Chunk> out;
+    KW::DataPacketChunk const* last = nullptr;
+    for (auto* c = KW::DataPacketInspector::head(packet); c != nullptr; c = c->next.get()) {
+        out.push_back({c->capacity, c->offset, c->length});
+        if (bytes != nullptr) {
+            bytes->insert(bytes->end(), &c->buffer[c->offset], &c->buffer[c->offset] + c->length);
+        }
+        last = c;
+    }
+    if (tailIsLast != nullptr) {
+        *tailIsLast = last == KW::DataPacketInspector::tail(packet);
+    }
+    return out;
 }
 
 Bytes contents(DataPacket& packet) {

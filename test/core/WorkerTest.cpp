@@ -43,8 +43,7 @@ struct Pool {
                   std::uint64_t threshold = batch ? 200 : 100) {
         worker.batchSize = batchSize;
         worker.maxQueueSize = maxQueue;
-        worker.pushTimeoutMs = 100;
-        worker.idleTimeoutMs = 100;
+        worker.pushTimeoutMs = worker.idleTimeoutMs = 100;
         worker.jobThresholds = {0, threshold};
     }
 
@@ -69,9 +68,9 @@ struct Pool {
         }
     }
 
-    void open() {
+    void setGate(bool open) {
         std::lock_guard<std::mutex> lock(mutex);
-        gateOpen = true;
+        gateOpen = open;
         changed.notify_all();
     }
     template <typename Predicate>
@@ -107,6 +106,9 @@ struct Pool {
     bool stopped() {
         return locked([](auto& w) { return w.processor == nullptr; });
     }
+    int jobCount() {
+        return locked([](auto& w) { return int(w.jobCount); });
+    }
 
     std::mutex mutex;
     std::condition_variable changed;
@@ -131,29 +133,28 @@ bool eventually(F condition) {
 
 TEST(WorkerThreads, StartOnDemandSecondOnlyPastTheThresholdAndEndWhenIdle) {
     Pool<true> pool;
-    auto jobCount = [&] { return pool.locked([](auto& w) { return int(w.jobCount); }); };
     pool.start();
-    EXPECT_EQ(jobCount(), 0);
-    pool.gateOpen = false;
+    EXPECT_EQ(pool.jobCount(), 0);
+    pool.setGate(false);
     pool.push(0, 1);
     ASSERT_TRUE(pool.waitEntered(1));
-    EXPECT_EQ(jobCount(), 1);
+    EXPECT_EQ(pool.jobCount(), 1);
     // The first thread is held; 200 waiting tasks are not yet "more than 200".
     pool.push(1, 200);
-    EXPECT_EQ(jobCount(), 1);
+    EXPECT_EQ(pool.jobCount(), 1);
     pool.push(201, 1);
-    EXPECT_EQ(jobCount(), 2);
+    EXPECT_EQ(pool.jobCount(), 2);
     ASSERT_TRUE(pool.waitEntered(2));
     EXPECT_EQ(pool.threads.size(), 2u);
 
-    pool.open();
+    pool.setGate(true);
     pool.push(202, 300);
-    EXPECT_LE(jobCount(), 2) << "two threads at most, however long the queue";
+    EXPECT_LE(pool.jobCount(), 2) << "two threads at most, however long the queue";
     ASSERT_TRUE(pool.waitProcessed(502));
     auto& ids = pool.processed;
     EXPECT_EQ(std::set<int>(ids.begin(), ids.end()).size(), 502u);
     // Idle threads end, and ended ones are cleared before new ones start.
-    ASSERT_TRUE(eventually([&] { return jobCount() == 0; }));
+    ASSERT_TRUE(eventually([&] { return pool.jobCount() == 0; }));
     pool.push(502, 1);
     EXPECT_LE(pool.locked([](auto& w) { return w.jobs.size(); }), 2u);
 }
@@ -190,27 +191,6 @@ TEST(WorkerBatches, QueuedTasksArriveInBatchesOfFifty) {
     EXPECT_EQ(unset.batchSizes, (Sizes{1, 1, 1, 1}));
 }
 
-TEST(WorkerStop, WithoutDrainingQueuedTasksStayAndAreDroppedWithTheWorker) {
-    std::vector<std::weak_ptr<Job>> left;
-    {
-        Pool<false> pool;
-        pool.start();
-        pool.gateOpen = false;
-        pool.push(0, 5, &left);
-        ASSERT_TRUE(pool.waitEntered(1));
-        std::thread stopper([&] { pool.worker.setProcessor(nullptr, 0); });
-        ASSERT_TRUE(eventually([&] { return pool.stopped(); }));
-        pool.open();  // the running task finishes, nothing else starts
-        stopper.join();
-        EXPECT_EQ(pool.processed, Ids{0});
-        EXPECT_EQ(pool.queued(), 4u);
-        EXPECT_TRUE(pool.locked([](auto& w) { return w.jobs.empty(); }));
-    }
-    for (auto& task : left) {
-        EXPECT_TRUE(task.expired()) << "the destructor drops queued tasks";
-    }
-}
-
 TEST(WorkerQueue, FullQueueRefusesAfterThePushTimeoutAndDrainsOnStop) {
     Pool<false> pool;
     pool.push(0, 256);  // nobody takes them
@@ -230,6 +210,45 @@ TEST(WorkerQueue, FullQueueRefusesAfterThePushTimeoutAndDrainsOnStop) {
     waiting.get();
     pool.worker.setProcessor(nullptr, 60000);  // returns once the queue is empty
     EXPECT_EQ(pool.processed.size(), 257u);
+}
+
+// A one-thread pool whose task is held. Released (not joined), the stop
+// returns at once, and a restart waits for the retired thread, keeping the
+// order. Stopped without draining, the running task finishes, nothing else
+// starts, and what stays queued is dropped with the worker.
+TEST(WorkerStop, ReleasedOrStoppedTheRunningTaskFinishesAndTheRestWaits) {
+    std::vector<std::weak_ptr<Job>> left;
+    {
+        Pool<false> pool(0, 0);
+        pool.worker.jobThresholds = {0};
+        pool.start();
+        pool.setGate(false);
+        pool.push(0, 3);
+        ASSERT_TRUE(pool.waitEntered(1));
+        pool.worker.releaseProcessor(0);
+        EXPECT_TRUE(pool.stopped());
+        pool.start();
+        std::this_thread::sleep_for(30ms);  // room for a wrong second thread to enter
+        EXPECT_TRUE(pool.waitUntil([&] { return pool.entered == 1; }))
+            << "a second thread ran beside the retired one";
+        pool.setGate(true);
+        ASSERT_TRUE(pool.waitProcessed(3));
+        EXPECT_EQ(pool.processed, (Ids{0, 1, 2}));
+
+        pool.setGate(false);
+        pool.push(3, 5, &left);
+        ASSERT_TRUE(pool.waitEntered(4));
+        std::thread stopper([&] { pool.worker.setProcessor(nullptr, 0); });
+        ASSERT_TRUE(eventually([&] { return pool.stopped(); }));
+        pool.setGate(true);
+        stopper.join();
+        EXPECT_EQ(pool.processed, (Ids{0, 1, 2, 3}));
+        EXPECT_EQ(pool.queued(), 4u);
+        EXPECT_TRUE(pool.locked([](auto& w) { return w.jobs.empty(); }));
+    }
+    for (auto& task : left) {
+        EXPECT_TRUE(task.expired()) << "the destructor drops queued tasks";
+    }
 }
 
 // The thread survives a throwing process() (task 1) and stops its own pool
@@ -259,28 +278,6 @@ TEST(WorkerStop, WorkerCanStopItsOwnPoolFromProcess) {
     ASSERT_TRUE(pool->waitProcessed(6));
     EXPECT_EQ(pool->processed, (Ids{0, 1, 2, 3, 4, 5}));
     pool.reset();  // must wait for the detached thread, not crash
-}
-
-// Released (not joined): the stop returns while a task still runs, and a
-// restart of a one-thread pool waits for that thread, keeping the order.
-TEST(WorkerStop, ReleaseReturnsAtOnceAndARestartWaitsForTheRetiredThread) {
-    Pool<false> pool(0, 0);
-    pool.worker.jobThresholds = {0};
-    pool.start();
-    pool.gateOpen = false;
-    pool.push(0, 3);
-    ASSERT_TRUE(pool.waitEntered(1));
-    pool.worker.releaseProcessor(0);
-    EXPECT_TRUE(pool.stopped());
-    pool.start();
-    std::this_thread::sleep_for(30ms);  // room for a wrong second thread to enter
-    {
-        std::lock_guard<std::mutex> lock(pool.mutex);
-        EXPECT_EQ(pool.entered, 1) << "a second thread ran beside the retired one";
-    }
-    pool.open();
-    ASSERT_TRUE(pool.waitProcessed(3));
-    EXPECT_EQ(pool.processed, (Ids{0, 1, 2}));
 }
 
 // Producers push while the processor is switched on and off; after a final

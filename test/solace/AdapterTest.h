@@ -55,44 +55,33 @@ struct Event {
 template <typename Done>
 bool eventually(Done done, std::chrono::milliseconds timeout = 5s) {
     auto const deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(1ms);
     }
-    return true;
+    return done();
 }
 
 // Items recorded under a mutex; tests wait for what they expect, bounded.
 template <typename T>
 class Record {
   public:
-    std::vector<T> all() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return items;
-    }
     template <typename Match>
     std::vector<T> where(Match match) {
+        std::lock_guard<std::mutex> lock(mutex);
         std::vector<T> result;
-        for (auto const& item : all()) {
-            if (match(item)) {
-                result.push_back(item);
-            }
-        }
+        std::copy_if(items.begin(), items.end(), std::back_inserter(result), match);
         return result;
     }
-    template <typename Done>
-    bool waitUntil(Done done, std::chrono::milliseconds timeout = 5s) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, timeout, [&] { return done(items); });
+    std::vector<T> all() {
+        return where([](T const&) { return true; });
     }
+    // Waits until n items match.
     template <typename Match>
     bool waitCount(std::size_t n, Match match, std::chrono::milliseconds timeout = 5s) {
-        auto enough = [&](auto const& all) {
-            return std::count_if(all.begin(), all.end(), match) >= long(n);
-        };
-        return waitUntil(enough, timeout);
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, timeout, [&] {
+            return std::count_if(items.begin(), items.end(), match) >= long(n);
+        });
     }
     void clear() {
         std::lock_guard<std::mutex> lock(mutex);
@@ -117,8 +106,6 @@ class Record {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<T> items;
-
-  private:
     std::atomic<long> slowCalls{0};
 };
 
@@ -160,6 +147,11 @@ class EventRecorder : public EventHandler, public Record<Event> {
     bool waitFor(Kind kind, std::size_t n, std::chrono::milliseconds timeout = 5s) {
         return waitCount(
             n, [kind](Event const& e) { return e.kind == kind; }, timeout);
+    }
+    // Waits for n events of the kind and gives all of that kind.
+    std::vector<Event> waitOf(Kind kind, std::size_t n) {
+        EXPECT_TRUE(waitFor(kind, n)) << "event kind " << kind;
+        return of(kind);
     }
     bool waitForState(int state) {
         return waitCount(1,
@@ -296,12 +288,16 @@ class AdapterTest : public ::testing::Test {
         handlers.push_back(std::make_shared<MessageRecorder>(acknowledging, throwOn));
         return handlers.back();
     }
-    // Subscribes to a topic and waits for the broker's confirmation.
-    void subscribe(shared_ptr<Client> const& client, shared_ptr<MessageRecorder> const& handler,
-                   std::string const& topic) {
+    // Subscribes the handler (a new one if none) to a topic, waits for the
+    // broker's confirmation and gives the handler.
+    shared_ptr<MessageRecorder> subscribed(shared_ptr<Client> const& client,
+                                           std::string const& topic,
+                                           shared_ptr<MessageRecorder> handler = nullptr) {
+        handler = handler ? handler : makeHandler();
         auto const before = events->of(CREATED).size();
-        ASSERT_TRUE(client->subscribe(handler, topic, AMO, Reference::NONE));
-        ASSERT_TRUE(events->waitFor(CREATED, before + 1));
+        EXPECT_TRUE(client->subscribe(handler, topic, AMO, Reference::NONE));
+        EXPECT_TRUE(events->waitFor(CREATED, before + 1));
+        return handler;
     }
     // Publishes a marker to a topic the handler receives and waits for it.
     void flush(shared_ptr<Client> const& client, shared_ptr<MessageRecorder> const& handler,
@@ -326,7 +322,6 @@ class Connected : public AdapterTest {
         ASSERT_EQ(solEmu_addQueue("work"), 0);
         client = connectedClient();
     }
-    using AdapterTest::subscribe;
     bool subscribe(shared_ptr<MessageRecorder> const& handler, std::string const& name,
                    QOS::Enum qos, shared_ptr<Reference> tag = Reference::NONE) {
         return client->subscribe(handler, name, qos, tag);

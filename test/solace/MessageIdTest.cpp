@@ -12,9 +12,8 @@ TEST_F(MessageIds, RiseByOneFromOneAcrossPublishAndForward) {
     client->publish(packet("a"), "ids", AMO, Reference::NONE, false);
     other->forward(nullptr, "ids", AMO, Reference::NONE, false);
     client->publish(packet("c"), "ids", AMO, Reference::NONE, true);
-    ASSERT_TRUE(events->waitFor(SENT, 3));
     std::vector<unsigned long long> ids;
-    for (auto const& e : events->of(SENT)) {
+    for (auto const& e : events->waitOf(SENT, 3)) {
         ids.push_back(e.id);
     }
     EXPECT_EQ(ids, (std::vector<unsigned long long>{1, 2, 3}));

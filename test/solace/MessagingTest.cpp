@@ -17,8 +17,7 @@ using Subscriptions = Connected;
 // At most once to a wildcard subscriber, and on again by forward, which
 // acknowledges the queue message it forwards.
 TEST_F(Sending, AtMostOnceGoesToTheTopicAndForwardSendsThePayloadOn) {
-    auto handler = makeHandler();
-    subscribe(client, handler, "news/*");  // received under the concrete topic
+    auto handler = subscribed(client, "news/*");  // received under the concrete topic
     Event const done = send("news/today", AMO);
     EXPECT_EQ(done.kind, SENT);
     EXPECT_EQ(done.name, "news/today");
@@ -74,8 +73,7 @@ TEST_F(Sending, LibraryFailuresEndInOneErrorEach) {
 // back or releases the answers, so returning at all shows that they did. A
 // guaranteed send is final only on the broker's answer.
 TEST_F(Sending, SendsThatTheLibraryWouldHoldWaitOnTheWorkerNotOnTheCaller) {
-    auto handler = makeHandler();
-    subscribe(client, handler, "later");
+    auto handler = subscribed(client, "later");
     solEmu_setBrokerUp(HOST_PORT, 0);
     ASSERT_TRUE(events->waitForState(Impl::Connection::CONNECTING));
     auto direct = std::make_shared<Tag>(1);
@@ -110,6 +108,8 @@ TEST_F(Sending, SendsThatTheLibraryWouldHoldWaitOnTheWorkerNotOnTheCaller) {
     EXPECT_EQ(solEmu_queueDepth("work"), 61);
 }
 
+// The publish queue holds 256; releasing a disconnected client ends its
+// session and answers what it held, queued or awaiting the broker.
 TEST_F(Sending, AFullPublishQueueRefusesAndTeardownAnswersWhatWaited) {
     auto idle = library->createClient("dev", connectionData(), events);  // never connected
     std::vector<shared_ptr<Tag>> tags;
@@ -117,21 +117,17 @@ TEST_F(Sending, AFullPublishQueueRefusesAndTeardownAnswersWhatWaited) {
         tags.push_back(std::make_shared<Tag>(i));
         ASSERT_TRUE(idle->publish(packet("p"), "t", AMO, tags.back(), true));
     }
-    auto const start = std::chrono::steady_clock::now();
     EXPECT_FALSE(idle->publish(packet("p"), "t", AMO, tags[0], true));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 90ms);
     EXPECT_TRUE(events->of(UNSENT).empty());
 
     solEmu_setAckMode(2);  // withheld
     auto held = std::make_shared<Tag>(-1);
     ASSERT_TRUE(client->publish(packet("held"), "work", GUARANTEED, held, false));
-    // Releasing a disconnected client ends its session and answers what it held.
     client->disconnect(0);
     idle.reset();
     client.reset();
     clients.clear();
-    ASSERT_TRUE(events->waitFor(UNSENT, 257));
-    auto const errors = events->of(UNSENT);
+    auto const errors = events->waitOf(UNSENT, 257);
     ASSERT_EQ(errors.size(), 257u);
     for (std::size_t i = 0; i < 256; ++i) {
         EXPECT_EQ(errors[i].reference, tags[i]);
@@ -141,9 +137,8 @@ TEST_F(Sending, AFullPublishQueueRefusesAndTeardownAnswersWhatWaited) {
 }
 
 TEST_F(Subscriptions, DuplicatesUnknownNamesAndRemovalByHandler) {
-    auto handler = makeHandler();
+    auto handler = subscribed(client, "dup");
     auto other = makeHandler();
-    subscribe(client, handler, "dup");
     EXPECT_TRUE(subscribe(handler, "dup", AMO));
     EXPECT_FALSE(subscribe(other, "dup", AMO));
     EXPECT_FALSE(subscribe(nullptr, "none", AMO));
@@ -155,8 +150,8 @@ TEST_F(Subscriptions, DuplicatesUnknownNamesAndRemovalByHandler) {
     EXPECT_FALSE(unsubscribe("work", AMO));
     EXPECT_FALSE(unsubscribe("dup", GUARANTEED));
     // None of that queued anything: the next subscriptions are the next answers.
-    subscribe(client, handler, "a");
-    subscribe(client, other, "marker");
+    subscribed(client, "a", handler);
+    subscribed(client, "marker", other);
     EXPECT_EQ(answers(), 3u);
     publish("dup", "once");
     flush(client, other, "marker");
@@ -165,8 +160,8 @@ TEST_F(Subscriptions, DuplicatesUnknownNamesAndRemovalByHandler) {
     // By handler: only its topics go, in name order, the last with the tag.
     auto tag = std::make_shared<Tag>(1);
     EXPECT_TRUE(client->unsubscribe(handler, tag));
-    ASSERT_TRUE(events->waitFor(REMOVED, 2));
-    auto removed = events->of(REMOVED);
+    auto const removed = events->waitOf(REMOVED, 2);
+    ASSERT_EQ(removed.size(), 2u);
     EXPECT_EQ(removed[0].name, "a");
     EXPECT_EQ(removed[1].name, "dup");
     EXPECT_EQ(removed[1].reference, tag);
@@ -195,8 +190,8 @@ TEST_F(Subscriptions, RefusalsLeaveTheirStatesAndNothingArrivesAfterAStop) {
         solEmu_refuseSubscriptions(c.topic, c.subCode);
         ASSERT_TRUE(subscribe(handler, c.topic, AMO, std::make_shared<Tag>(c.subCode)));
     }
-    ASSERT_TRUE(events->waitFor(CREATE_ERROR, 3));
-    auto const errors = events->of(CREATE_ERROR);
+    auto const errors = events->waitOf(CREATE_ERROR, 3);
+    ASSERT_EQ(errors.size(), 3u);
     for (std::size_t i = 0; i < 3; ++i) {
         EXPECT_EQ(errors[i].number, cases[i].subCode);
         EXPECT_EQ(std::dynamic_pointer_cast<Tag>(errors[i].reference)->id, cases[i].subCode);
@@ -208,7 +203,7 @@ TEST_F(Subscriptions, RefusalsLeaveTheirStatesAndNothingArrivesAfterAStop) {
     }
 
     for (auto topic : {"late", "sticky", "marker"}) {
-        subscribe(client, handler, topic);
+        subscribed(client, topic, handler);
     }
     solEmu_refuseSubscriptions("sticky", SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND);
     // Held: the message reaches the context thread before the stops'
@@ -218,8 +213,8 @@ TEST_F(Subscriptions, RefusalsLeaveTheirStatesAndNothingArrivesAfterAStop) {
     ASSERT_TRUE(unsubscribe("late", AMO));
     ASSERT_TRUE(unsubscribe("sticky", AMO));
     solEmu_holdDeliveries(0);
-    ASSERT_TRUE(events->waitFor(REMOVE_ERROR, 1));
-    EXPECT_EQ(events->of(REMOVE_ERROR)[0].number, SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND);
+    auto const refused = events->waitOf(REMOVE_ERROR, 1);
+    EXPECT_EQ(refused.at(0).number, SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND);
     EXPECT_EQ(events->of(REMOVED).size(), 1u);
     // Counted as subscribed, or still at the broker, yet not served.
     publish("present", "unseen");
@@ -229,27 +224,21 @@ TEST_F(Subscriptions, RefusalsLeaveTheirStatesAndNothingArrivesAfterAStop) {
     EXPECT_TRUE(handler->waitFor(1, "in flight"));
 }
 
-TEST_F(Subscriptions, AThrowingHandlerIsReportedAndTheNextMessageStillArrives) {
-    auto handler = makeHandler(false, 0);
-    subscribe(client, handler, "fragile");
+// A throwing handler is reported and the next message still arrives. A
+// blocked one fills the receive queue, which then drops topic messages: 512
+// may wait in it and up to 50 in each of the two batches held by the blocked
+// handler. A second session of the same context gets the flood too: once it
+// has all of it, the library has handed over everything.
+TEST_F(Subscriptions, AThrowingHandlerIsReportedAndABlockedOneMakesTheQueueDrop) {
+    auto fragile = subscribed(client, "fragile", makeHandler(false, 0));
     publish("fragile", "first");
     publish("fragile", "second");
-    ASSERT_TRUE(handler->waitFor(1, "second"));
-    ASSERT_TRUE(events->waitFor(FAULT, 1));
-    EXPECT_EQ(events->of(FAULT)[0].text, "handler failed on message 0");
-}
+    ASSERT_TRUE(fragile->waitFor(1, "second"));
+    EXPECT_EQ(events->waitOf(FAULT, 1).at(0).text, "handler failed on message 0");
 
-TEST_F(Subscriptions, ABlockedHandlerMakesTheReceiveQueueDropTopicMessages) {
-    auto handler = makeHandler();
-    subscribe(client, handler, "flood");
-    // A second session of the same context gets the flood too: once it has
-    // all of it, the library has handed over everything.
-    auto watcher = connectedClient();
-    auto watching = makeHandler();
-    subscribe(watcher, watching, "flood");
+    auto handler = subscribed(client, "flood");
+    auto watching = subscribed(connectedClient(), "flood");
     handler->setHeld(true);
-    // 512 may wait in the queue, up to 50 in each of the two batches held by
-    // the blocked handler; the rest is dropped.
     constexpr std::size_t sent = 620;
     for (std::size_t i = 0; i < sent; ++i) {
         publish("flood", std::to_string(i));
@@ -264,7 +253,13 @@ TEST_F(Subscriptions, ABlockedHandlerMakesTheReceiveQueueDropTopicMessages) {
     EXPECT_GE(received, 512u);
 }
 
-TEST_F(Subscriptions, QueueMessagesAreAcknowledgedOneByOne) {
+// Queue messages are acknowledged one by one; a late acknowledgement after
+// the unsubscribe finds a stopped flow and the message goes back to the
+// queue. A started flow is not announced, but its failures are: a failed
+// start reads as a finalize (told without the record), a stop of a flow
+// never created as a failed stop, and a failed stop is told while the flow
+// is destroyed all the same.
+TEST_F(Subscriptions, QueueFlowsAcknowledgeOneByOneAndTellTheirFailures) {
     auto handler = makeHandler();
     ASSERT_TRUE(subscribe(handler, "work", GUARANTEED));
     publish("work", "job", GUARANTEED);
@@ -277,19 +272,41 @@ TEST_F(Subscriptions, QueueMessagesAreAcknowledgedOneByOne) {
     message->acknowledge();
     EXPECT_TRUE(eventually([] { return solEmu_queueDepth("work") == 0; }));
     message->acknowledge();  // twice does no harm
-    // A started flow is not announced; its state shows it.
     EXPECT_EQ(answers(), 0u);
     int const state = session().findFlow("work")->getState();
     EXPECT_TRUE(state == Impl::Flow::ACTIVE || state == Impl::Flow::UP) << state;
-
-    // Unsubscribed: a late acknowledgement finds a stopped flow, and the
-    // unacknowledged message goes back to the queue.
     publish("work", "kept", GUARANTEED);
     ASSERT_TRUE(handler->waitFor(1, "kept"));
     ASSERT_TRUE(unsubscribe("work", GUARANTEED));
-    subscribe(client, handler, "marker");  // answered after the stop has run
+    subscribed(client, "marker", handler);  // answered after the stop has run
     handler->all()[1]->acknowledge();
     EXPECT_EQ(solEmu_queueDepth("work"), 1);
+    handler->clear();
+
+    auto tag = std::make_shared<Tag>(66);
+    ASSERT_TRUE(subscribe(handler, "missing", GUARANTEED, tag));
+    Event const error = events->waitOf(CREATE_ERROR, 1).at(0);
+    EXPECT_EQ(error.number, SOLCLIENT_SUBCODE_QUEUE_NOT_FOUND);
+    EXPECT_EQ(error.qos, GUARANTEED);
+    EXPECT_EQ(error.reference, tag);
+    EXPECT_EQ(session().findFlow("missing")->getState(), Impl::Flow::FAILED);
+    EXPECT_TRUE(client->unsubscribe("missing", GUARANTEED, tag));
+    Event const never = events->waitOf(REMOVE_ERROR, 1).at(0);
+    EXPECT_EQ(never.number, SOLCLIENT_SUBCODE_PARAM_NULL_PTR);
+    EXPECT_EQ(never.reference, tag);
+
+    solEmu_failNext("solClient_flow_start", 1, SOLCLIENT_FAIL, 6, "will not start");
+    ASSERT_TRUE(subscribe(handler, "work", GUARANTEED, tag));
+    ASSERT_TRUE(events->waitFor(CREATED, 2));
+    EXPECT_EQ(session().findFlow("work")->getLastSubCode(), 6);
+    publish("work", "stuck", GUARANTEED);
+    solEmu_failNext("solClient_flow_stop", 1, SOLCLIENT_FAIL, 6, "will not stop");
+    ASSERT_TRUE(client->unsubscribe("work", GUARANTEED, tag));
+    EXPECT_EQ(events->waitOf(REMOVE_ERROR, 2).at(1).text, "will not stop");
+    EXPECT_EQ(answers(), 5u);
+    flush(client, handler, "marker");
+    EXPECT_EQ(handler->count(), 1u);  // the marker only: "stuck" never left the queue
+    EXPECT_EQ(solEmu_queueDepth("work"), 2);
     EXPECT_TRUE(client->unsubscribe(Reference::NONE));
     EXPECT_EQ(session().findSubscription("marker"), nullptr);
 }
@@ -299,12 +316,9 @@ TEST_F(Subscriptions, QueueMessagesAreAcknowledgedOneByOne) {
 // message lives exactly as long as its payload (the fixture checks that none
 // is left and none freed twice).
 TEST_F(Subscriptions, PayloadsOfEverySizeArriveWholeAndOwnTheirBytes) {
-    auto handler = makeHandler(true);
-    subscribe(client, handler, "sized");
+    auto handler = subscribed(client, "sized", makeHandler(true));
     ASSERT_TRUE(subscribe(handler, "work", GUARANTEED));
-    auto other = connectedClient();
-    auto otherHandler = makeHandler();
-    subscribe(other, otherHandler, "sized");
+    auto otherHandler = subscribed(connectedClient(), "sized");
     constexpr unsigned long LIMIT = Impl::ReceiveTask::COPIED_MAX;
     for (unsigned long size : {1ul, LIMIT, LIMIT + 1, 65536ul}) {
         SCOPED_TRACE(size);
@@ -328,41 +342,6 @@ TEST_F(Subscriptions, PayloadsOfEverySizeArriveWholeAndOwnTheirBytes) {
         otherHandler->clear();
         EXPECT_TRUE(eventually([] { return solEmu_liveMessages() == 0; }));
     }
-}
-
-TEST_F(Subscriptions, FlowFailuresAndHowTheyAreTold) {
-    auto handler = makeHandler();
-    auto tag = std::make_shared<Tag>(66);
-    ASSERT_TRUE(subscribe(handler, "missing", GUARANTEED, tag));
-    ASSERT_TRUE(events->waitFor(CREATE_ERROR, 1));
-    Event const error = events->of(CREATE_ERROR)[0];
-    EXPECT_EQ(error.number, SOLCLIENT_SUBCODE_QUEUE_NOT_FOUND);
-    EXPECT_EQ(error.qos, GUARANTEED);
-    EXPECT_EQ(error.reference, tag);
-    EXPECT_EQ(session().findFlow("missing")->getState(), Impl::Flow::FAILED);
-    // Never created: its unsubscribe is answered as a failed stop.
-    EXPECT_TRUE(client->unsubscribe("missing", GUARANTEED, tag));
-    ASSERT_TRUE(events->waitFor(REMOVE_ERROR, 1));
-    EXPECT_EQ(events->of(REMOVE_ERROR)[0].number, SOLCLIENT_SUBCODE_PARAM_NULL_PTR);
-    EXPECT_EQ(events->of(REMOVE_ERROR)[0].reference, tag);
-
-    // A failed start reads as a finalize: it is told without the record.
-    solEmu_failNext("solClient_flow_start", 1, SOLCLIENT_FAIL, 6, "will not start");
-    ASSERT_TRUE(subscribe(handler, "work", GUARANTEED, tag));
-    ASSERT_TRUE(events->waitFor(CREATED, 1));
-    EXPECT_EQ(session().findFlow("work")->getLastSubCode(), 6);
-    publish("work", "stuck", GUARANTEED);
-
-    // A failed stop is told, and the flow is destroyed all the same.
-    solEmu_failNext("solClient_flow_stop", 1, SOLCLIENT_FAIL, 6, "will not stop");
-    ASSERT_TRUE(client->unsubscribe("work", GUARANTEED, tag));
-    ASSERT_TRUE(events->waitFor(REMOVE_ERROR, 2));
-    EXPECT_EQ(events->of(REMOVE_ERROR)[1].text, "will not stop");
-    EXPECT_EQ(answers(), 4u);
-    subscribe(client, handler, "marker");
-    flush(client, handler, "marker");
-    EXPECT_EQ(handler->count(), 1u);  // the marker only: "stuck" never left the queue
-    EXPECT_EQ(solEmu_queueDepth("work"), 1);
 }
 
 }  // namespace KW::Solace::Test
