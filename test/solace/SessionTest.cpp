@@ -233,10 +233,12 @@ TEST_F(Session, ADroppedConnectedOrConnectingClientKeepsReceivingUntilTerminated
     EXPECT_EQ(solEmu_liveSessions(), 3);
     solEmu_setBrokerUp(HOST_PORT, 1);
     flush(publisher, handler, "kept");
-    EXPECT_TRUE(eventually([&] {
-        publisher->publish(packet("up?"), "late", AMO, Reference::NONE, false);
-        return !lateHandler->where([](auto&) { return true; }).empty();
-    }));
+    EXPECT_TRUE(eventually(
+        [&] {
+            publisher->publish(packet("up?"), "late", AMO, Reference::NONE, false);
+            return !lateHandler->where([](auto&) { return true; }).empty();
+        },
+        20s));  // the next connect retry: up to a second, more on a loaded machine
     session->terminate();
     late->terminate();
     EXPECT_EQ(solEmu_liveSessions(), 1);
