@@ -44,10 +44,10 @@ build_all() {
     local list
     list=$(IFS=';' && echo "${headers[*]}")
     # The machine's Node.js is the tree's primary line (its ctest entries);
-    # every other line adds an add-on and a probe beside it.
+    # every other line adds an add-on, a probe and the stand-in's controls beside it.
     cmake -S "$root" -B "$build" -DKW_BUILD_PROBE=ON -DKW_NODE_RUNTIMES="$list" >/dev/null
-    local targets=(kwnode kwbridge_probe solclient) t
-    while read -r t; do targets+=("$t"); done < <(cmake --build "$build" --target help | grep -oE '(kwnode|kwbridge_probe)_v[0-9]+' | sort -u)
+    local targets=(kwnode kwbridge_probe kwemu_control solclient) t
+    while read -r t; do targets+=("$t"); done < <(cmake --build "$build" --target help | grep -oE '(kwnode|kwbridge_probe|kwemu_control)_v[0-9]+' | sort -u)
     cmake --build "$build" -j2 --target "${targets[@]}"
 }
 
