@@ -30,29 +30,33 @@ KWDoneCallback::KWDoneCallback(v8::Local<v8::Function> const& fn) : function(han
 
 KWDoneCallback::~KWDoneCallback() = default;
 
-void KWDoneCallback::setCompleted() {
+void KWDoneCallback::setCompleted(std::shared_ptr<void> settled) {
     std::lock_guard<std::mutex> lock(mutex);
     error.clear();
     errorCode = 0;
+    request = std::move(settled);
 }
 
-void KWDoneCallback::setFailed(char const* text, int code) {
+void KWDoneCallback::setFailed(char const* text, int code, std::shared_ptr<void> settled) {
     std::lock_guard<std::mutex> lock(mutex);
     error = text != nullptr ? text : "";
     errorCode = code;
+    request = std::move(settled);
 }
 
 void KWDoneCallback::executeCallback() {
     Nan::HandleScope scope;
-    if (function->IsEmpty()) {
-        return;
-    }
     std::string text;
     int32_t code;
+    std::shared_ptr<void> settled;  // let go here, after the call
     {
         std::lock_guard<std::mutex> lock(mutex);
         text = error;
         code = errorCode;
+        settled = std::move(request);
+    }
+    if (function->IsEmpty()) {
+        return;
     }
     v8::Local<v8::Value> argv[1];
     if (text.empty()) {

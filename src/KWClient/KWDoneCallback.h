@@ -20,8 +20,9 @@ class KWDoneCallback : public KWCallbackItem {
     ~KWDoneCallback() override;
     void executeCallback() override;
 
-    void setCompleted();
-    void setFailed(char const* text, int code);
+    // `request`, if any, is let go on the JavaScript thread after the call.
+    void setCompleted(std::shared_ptr<void> request = nullptr);
+    void setFailed(char const* text, int code, std::shared_ptr<void> request = nullptr);
 
   private:
     // Shared through the processor so that the handle is disposed on the
@@ -32,4 +33,5 @@ class KWDoneCallback : public KWCallbackItem {
     std::mutex mutex;
     std::string error;
     int32_t errorCode = 0;
+    std::shared_ptr<void> request;
 };

@@ -31,22 +31,23 @@ void KWEventHandler::sendEvent(std::shared_ptr<KWCallbackItem> item) {
 
 // Every non-empty reference reaching this handler was made by the JavaScript
 // layer as a KWDoneCallback, so it is converted without a type check.
-void KWEventHandler::complete(std::shared_ptr<KW::Reference> const& reference) {
+void KWEventHandler::complete(std::shared_ptr<KW::Reference> const& reference,
+                              std::shared_ptr<KW::Message> message) {
     if (!reference) {
         return;
     }
     auto done = std::static_pointer_cast<KWDoneCallback>(reference);
-    done->setCompleted();
+    done->setCompleted(std::move(message));
     sendEvent(std::move(done));
 }
 
 void KWEventHandler::fail(std::shared_ptr<KW::Reference> const& reference, char const* text,
-                          int code) {
+                          int code, std::shared_ptr<KW::Message> message) {
     if (!reference) {
         return;
     }
     auto done = std::static_pointer_cast<KWDoneCallback>(reference);
-    done->setFailed(text, code);
+    done->setFailed(text, code, std::move(message));
     sendEvent(std::move(done));
 }
 
@@ -75,19 +76,21 @@ void KWEventHandler::connectionStateChanged(std::shared_ptr<KW::Client> client) 
     sendEvent(std::move(item));
 }
 
-void KWEventHandler::messageSendFinalize(std::shared_ptr<KW::Message>,
+// The sent message goes with its completion: made on the JavaScript thread, it
+// is freed there after the call, not under another thread's allocator lock.
+void KWEventHandler::messageSendFinalize(std::shared_ptr<KW::Message> message,
                                          std::shared_ptr<KW::Reference> reference) {
-    complete(reference);
+    complete(reference, std::move(message));
 }
 
-void KWEventHandler::messageSendRejected(std::shared_ptr<KW::Message>, char const* text,
+void KWEventHandler::messageSendRejected(std::shared_ptr<KW::Message> message, char const* text,
                                          std::shared_ptr<KW::Reference> reference) {
-    fail(reference, text, SEND_FAILURE_CODE);
+    fail(reference, text, SEND_FAILURE_CODE, std::move(message));
 }
 
-void KWEventHandler::messageSendError(std::shared_ptr<KW::Message>, char const* text,
+void KWEventHandler::messageSendError(std::shared_ptr<KW::Message> message, char const* text,
                                       std::shared_ptr<KW::Reference> reference) {
-    fail(reference, text, SEND_FAILURE_CODE);
+    fail(reference, text, SEND_FAILURE_CODE, std::move(message));
 }
 
 void KWEventHandler::subscriptionCreateFinalize(std::string const&, KW::QOS::Enum,

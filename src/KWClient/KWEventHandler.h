@@ -48,8 +48,10 @@ class KWEventHandler : public KW::EventHandler {
     void sendEvent(std::shared_ptr<KWCallbackItem> item);
 
   private:
-    void complete(std::shared_ptr<KW::Reference> const& reference);
-    void fail(std::shared_ptr<KW::Reference> const& reference, char const* text, int code);
+    void complete(std::shared_ptr<KW::Reference> const& reference,
+                  std::shared_ptr<KW::Message> message = nullptr);
+    void fail(std::shared_ptr<KW::Reference> const& reference, char const* text, int code,
+              std::shared_ptr<KW::Message> message = nullptr);
     std::shared_ptr<KWEventInfo> event(uint32_t eventCode, uint32_t eventSubCode, char const* text);
 
     std::shared_ptr<KWClientFunctions> functions;
