@@ -135,7 +135,7 @@ class Session : public std::enable_shared_from_this<Session> {
     solClient_returnCode_t awaitWindowLocked(std::unique_lock<std::mutex>& lock,
                                              TimePoint deadline);
     size_t unackedLocked() const { return pending.size() + answersInFlight; }
-    // The context thread has processed an answer: its window slot is free.
+    // The context thread has processed a frame of `count` answers: their window slots are free.
     void freeWindowSlots(size_t count);
     // `info` is a literal. Answers posted back to back travel as one frame, as
     // a broker acknowledges several sends at once.

@@ -129,6 +129,9 @@ void KWClientFunctions::park() {
         return;
     }
     Nan::HandleScope scope;
+    // Held for the scope: an allocation below may collect an unreachable client, whose
+    // release detaches it from here.
+    v8::Local<v8::Object> self = object->handle();
     v8::Local<v8::Array> kept = Nan::New<v8::Array>();
     uint32_t count = 0;
     forEachLive([&](KWFunction& fn) {
@@ -137,7 +140,7 @@ void KWClientFunctions::park() {
             fn.park();
         }
     });
-    Nan::SetPrivate(object->handle(), parkedKey(), kept);
+    Nan::SetPrivate(self, parkedKey(), kept);
     parked = true;
 }
 
@@ -146,7 +149,8 @@ void KWClientFunctions::hold() {
         return;
     }
     Nan::HandleScope scope;
+    v8::Local<v8::Object> self = object->handle();  // as in park()
     forEachLive([](KWFunction& fn) { fn.hold(); });
-    Nan::SetPrivate(object->handle(), parkedKey(), Nan::Undefined());
+    Nan::SetPrivate(self, parkedKey(), Nan::Undefined());
     parked = false;
 }
