@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "PayloadBlocks.h"
+
 namespace SolEmu {
 
 std::atomic<long> Message::_live{0};
@@ -24,13 +26,20 @@ Message* Message::fromHandle(void* handle) {
 }
 
 std::shared_ptr<const Message> Message::snapshot(Message const& source) {
-    auto copy = std::make_shared<Message>();
+    // A guaranteed message may stay spooled for long: it goes to the spool's storage.
+    bool const spooled = source.isGuaranteed() && source.attachmentLength > INLINE_BYTES;
+    auto copy = spooled ? PayloadBlocks::make<Message>() : std::make_shared<Message>();
     copy->delivery = source.delivery;
     copy->destType = source.destinationType();
     copy->destName = source.destinationName();
     copy->correlation = source.correlation;
     copy->sequence = source.sequence;
-    if (source.attachmentPresent) {
+    if (source.attachmentPresent && spooled) {
+        copy->attachmentPresent = true;
+        copy->attachmentLength = source.attachmentLength;
+        copy->spooledPayload = PayloadBlocks::copy(source.attachmentBytes, source.attachmentLength);
+        copy->attachmentBytes = copy->spooledPayload.get();
+    } else if (source.attachmentPresent) {
         copy->ownBytes(source.attachmentBytes, source.attachmentLength);
     }
     return copy;
@@ -39,6 +48,7 @@ std::shared_ptr<const Message> Message::snapshot(Message const& source) {
 void Message::ownBytes(void const* data, uint32_t size) {
     attachmentPresent = true;
     attachmentLength = size;
+    spooledPayload.reset();
     if (size <= INLINE_BYTES) {
         ownedPayload.reset();
         std::memcpy(inlineBytes.data(), data, size);
@@ -59,6 +69,7 @@ std::unique_ptr<Message> Message::deliveryCopy(std::shared_ptr<const Message> so
     copy->redeliveryFlag = source->redeliveryFlag;
     if (!source->ownedPayload) {
         // Inline bytes are copied whole: as cheap as sharing them at this size.
+        // Spooled ones are copied too: the spool keeps its message until acknowledged.
         if (source->attachmentPresent) {
             copy->ownBytes(source->attachmentBytes, source->attachmentLength);
         }
@@ -98,6 +109,7 @@ void Message::setDestination(solClient_destinationType_t type, char const* name)
 
 void Message::setAttachmentPtr(void const* data, uint32_t size) {
     ownedPayload.reset();
+    spooledPayload.reset();
     attachmentPresent = data != nullptr;
     attachmentBytes = data;
     attachmentLength = data != nullptr ? size : 0;

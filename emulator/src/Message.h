@@ -82,10 +82,12 @@ class Message {
     void const* attachmentBytes = nullptr;
     uint32_t attachmentLength = 0;
     // Library copies keep a small payload here, so that a message and its
-    // bytes are one allocation, and a larger one in ownedPayload.
+    // bytes are one allocation, a larger one in ownedPayload, and a larger
+    // one of a guaranteed send in spooledPayload (PayloadBlocks).
     static constexpr uint32_t INLINE_BYTES = 256;
     std::array<char, INLINE_BYTES> inlineBytes;
     std::shared_ptr<const std::string> ownedPayload;
+    std::shared_ptr<char const> spooledPayload;
     // Copies the source's bytes into this library copy: inline when they fit.
     void ownBytes(void const* data, uint32_t size);
     void* correlation = nullptr;
