@@ -5,9 +5,10 @@
 #include <cstdint>
 #include <condition_variable>
 #include <deque>
-#include <functional>
 #include <mutex>
 #include <thread>
+
+#include "Work.h"
 
 namespace SolEmu {
 
@@ -17,7 +18,7 @@ namespace SolEmu {
 // session or flow can discard its queued work and wait out a running callback.
 class Context {
   public:
-    using Work = std::function<void()>;
+    using Work = SolEmu::Work;
 
     Context();
     ~Context();

@@ -82,12 +82,11 @@ class Message {
     void const* attachmentBytes = nullptr;
     uint32_t attachmentLength = 0;
     // Library copies keep a small payload here, so that a message and its
-    // bytes are one allocation, a larger one in ownedPayload, and a larger
-    // one of a guaranteed send in spooledPayload (PayloadBlocks).
+    // bytes are one allocation. A larger one is held by sharedPayload, or
+    // lives behind a direct send's copy in the same allocation.
     static constexpr uint32_t INLINE_BYTES = 256;
     std::array<char, INLINE_BYTES> inlineBytes;
-    std::shared_ptr<const std::string> ownedPayload;
-    std::shared_ptr<char const> spooledPayload;
+    std::shared_ptr<char const> sharedPayload;
     // Copies the source's bytes into this library copy: inline when they fit.
     void ownBytes(void const* data, uint32_t size);
     void* correlation = nullptr;

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <set>
+#include <vector>
 #include <utility>
 
 #include "Broker.h"
@@ -809,16 +809,22 @@ void Session::deliverDirect(std::string const& topic, std::shared_ptr<const Mess
     };
     // One delivery per distinct callback, however many of its subscriptions match.
     // Each is posted once the next is found, so that the final one is known.
-    std::set<std::pair<solClient_session_rxMsgCallbackFunc_t, void*>> served;
+    // Nearly always one callback matches: the list is allocated only for more.
+    std::vector<std::pair<solClient_session_rxMsgCallbackFunc_t, void*>> posted;
     solClient_session_rxMsgCallbackFunc_t pendingCallback = nullptr;
     void* pendingUser = nullptr;
     for (Subscription const& subscription : subscriptions) {
-        if (subscription.callback == nullptr || !subscription.matcher.matches(topic) ||
-            !served.emplace(subscription.callback, subscription.user).second) {
+        if (subscription.callback == nullptr || !subscription.matcher.matches(topic)) {
+            continue;
+        }
+        auto const key = std::make_pair(subscription.callback, subscription.user);
+        if (key == std::make_pair(pendingCallback, pendingUser) ||
+            std::find(posted.begin(), posted.end(), key) != posted.end()) {
             continue;
         }
         if (pendingCallback != nullptr) {
             deliver(pendingCallback, pendingUser, message);
+            posted.emplace_back(pendingCallback, pendingUser);
         }
         pendingCallback = subscription.callback;
         pendingUser = subscription.user;
