@@ -313,18 +313,19 @@ TEST_F(Subscriptions, QueueFlowsAcknowledgeOneByOneAndTellTheirFailures) {
 
 // An explicit disconnect may leave the library without the session's topic
 // subscriptions (the stand-in's default) or with them re-applied by the next
-// connect (answered as duplicates): either way the connect brings back what
-// is still subscribed, once and untold, and what was asked meanwhile takes
-// effect in its order. A queue comes back on a new flow, which gets what the
-// old one had not acknowledged; acknowledging through the old one does
-// nothing. What the library refuses then is told and forgotten.
+// connect (answered as duplicates), and a session the broker ended is without
+// them: either way the connect brings back what is still subscribed, once and
+// untold, and what was asked meanwhile takes effect in its order. A queue
+// comes back on a new flow, which gets what the old one had not acknowledged;
+// acknowledging through the old one does nothing. What the library refuses
+// then is told and forgotten.
 TEST_F(Subscriptions, SubscriptionsComeBackAfterADisconnectAndAConnect) {
     auto handler = makeHandler();
     auto count = [&handler](std::string const& payload) {
         return handler->where([&](auto& m) { return text(m) == payload; }).size();
     };
-    for (int reapplying : {0, 1}) {
-        SCOPED_TRACE(reapplying);
+    for (auto [reapplying, ended] : {std::pair{0, false}, {1, false}, {0, true}}) {
+        SCOPED_TRACE(testing::Message() << reapplying << ended);
         solEmu_setReapplyAfterDisconnect(reapplying);
         for (auto topic : {"kept", "dropped", "marker"}) {
             subscribed(client, topic, handler);
@@ -333,7 +334,12 @@ TEST_F(Subscriptions, SubscriptionsComeBackAfterADisconnectAndAConnect) {
         publish("work", "unacknowledged", GUARANTEED);
         ASSERT_TRUE(handler->waitFor(1, "unacknowledged"));
         events->clear();
-        client->disconnect(0);
+        if (ended) {
+            solEmu_endSessions(HOST_PORT);
+            ASSERT_TRUE(events->waitForState(Impl::Connection::DISCONNECTED));
+        } else {
+            client->disconnect(0);
+        }
         ASSERT_TRUE(unsubscribe("dropped", AMO));
         ASSERT_TRUE(subscribe(handler, "late", AMO));
         ASSERT_EQ(client->connect(5000), 1);
@@ -352,8 +358,10 @@ TEST_F(Subscriptions, SubscriptionsComeBackAfterADisconnectAndAConnect) {
         EXPECT_TRUE(events->of(FAULT).empty());
         auto const created = events->of(CREATED), removed = events->of(REMOVED);
         ASSERT_EQ(answers(), 2u);
-        EXPECT_EQ(created.at(0).name, "late");
-        EXPECT_EQ(removed.at(0).name, "dropped");
+        ASSERT_EQ(created.size(), 1u);
+        ASSERT_EQ(removed.size(), 1u);
+        EXPECT_EQ(created[0].name, "late");
+        EXPECT_EQ(removed[0].name, "dropped");
         EXPECT_TRUE(subscribe(handler, "kept", AMO));
         EXPECT_TRUE(subscribe(handler, "work", GUARANTEED));
         EXPECT_FALSE(subscribe(makeHandler(), "kept", AMO));
