@@ -66,6 +66,12 @@ void solEmu_refuseSubscriptions(char const* topic, int subCode);
 // until the mode changes back or a reconnect retransmits them).
 void solEmu_setAckMode(int mode);
 
+// What an explicit solClient_session_disconnect does to a session's topic
+// subscriptions: dropped (0, the default), or kept and applied again by its
+// next connect (1, with REAPPLY_SUBSCRIPTIONS "1"), as a library that
+// re-applies them after any new connection would. Flows go either way.
+void solEmu_setReapplyAfterDisconnect(int on);
+
 // Hold deliveries on every context thread (1) or release them (0). Held
 // deliveries are dispatched in order on release, to the callbacks that were
 // current when they were queued: this reproduces messages "in flight" across

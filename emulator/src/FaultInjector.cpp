@@ -126,6 +126,7 @@ void FaultInjector::reset() {
     refusedTopics.clear();
     refusedUsers.clear();
     ackPolicy.store(AckMode::ACKNOWLEDGE);
+    reapplyOnConnect.store(false);
 }
 
 }  // namespace SolEmu

@@ -41,6 +41,12 @@ class FaultInjector {
     void setAckMode(AckMode mode) { ackPolicy.store(mode); }
     AckMode ackMode() const { return ackPolicy.load(); }
 
+    // Whether an explicit disconnect keeps a session's topic subscriptions for
+    // its next connect (with REAPPLY_SUBSCRIPTIONS "1"), as a library that
+    // re-applies them then too would; off by default.
+    void setReapplyAfterDisconnect(bool on) { reapplyOnConnect.store(on); }
+    bool reapplyAfterDisconnect() const { return reapplyOnConnect.load(); }
+
     void reset();
 
     static bool isVendorFunction(std::string const& name);
@@ -61,6 +67,7 @@ class FaultInjector {
     std::map<std::string, int> refusedTopics;
     std::set<std::string> refusedUsers;
     std::atomic<AckMode> ackPolicy{AckMode::ACKNOWLEDGE};
+    std::atomic<bool> reapplyOnConnect{false};
 };
 
 }  // namespace SolEmu

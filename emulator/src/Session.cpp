@@ -437,7 +437,8 @@ solClient_returnCode_t Session::disconnect() {
     if (current == State::IDLE || current == State::DOWN || current == State::DESTROYED) {
         return SOLCLIENT_OK;
     }
-    detachLocked(true);
+    detachLocked(!properties.reapplySubscriptions ||
+                 !FaultInjector::instance().reapplyAfterDisconnect());
     for (auto& entry : flows) {
         entry.second->retire(-1);
     }

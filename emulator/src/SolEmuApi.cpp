@@ -91,6 +91,10 @@ void solEmu_setAckMode(int mode) {
     }
 }
 
+void solEmu_setReapplyAfterDisconnect(int on) {
+    FaultInjector::instance().setReapplyAfterDisconnect(on != 0);
+}
+
 void solEmu_holdDeliveries(int hold) {
     Context::setHeld(hold != 0);
     if (hold == 0) {

@@ -76,6 +76,10 @@ test('dropped clients their own functions reach: collected (session ended) when 
     return sessions(before + 1);  // live got it and disconnected itself
   }).then(function () {
     assert.deepStrictEqual(seen.sort(), ['down 1', 'down 3', 'failed 4', 'live 1', 'live 3', 'live hello 3', 'live subscribed null']);
+    // Subscribed before the disconnect: subscribed again by the next connect.
+    return harness.completion(function (done) { pub.subscribe('gc/kept', function (m) { seen.push('kept ' + m.payload()); }, done); });
+  }).then(function (err) {
+    assert.strictEqual(err, null);
     pub.disconnect();
     return pubIn(1);
   }).then(function () {
@@ -88,7 +92,9 @@ test('dropped clients their own functions reach: collected (session ended) when 
   }).then(function () {
     global.gc();
     pub.publish('gc/again', 'x');
-    return harness.waitFor(function () { return seen.indexOf('again x') >= 0; }, 'the message after the reconnect');
+    // Again until it arrives: the connect is told before the topic is subscribed again.
+    return harness.waitFor(function () { pub.publish('gc/kept', 'y'); return seen.indexOf('again x') >= 0 && seen.indexOf('kept y') >= 0; },
+      'the messages after the reconnect');
   }).then(function () {
     assert.deepStrictEqual(pubStates, [3, 1, 3]);
     pub.disconnect();

@@ -311,6 +311,89 @@ TEST_F(Subscriptions, QueueFlowsAcknowledgeOneByOneAndTellTheirFailures) {
     EXPECT_EQ(session().findSubscription("marker"), nullptr);
 }
 
+// An explicit disconnect may leave the library without the session's topic
+// subscriptions (the stand-in's default) or with them re-applied by the next
+// connect (answered as duplicates), and a session the broker ended is without
+// them: either way the connect brings back what is still subscribed, once and
+// untold, and what was asked meanwhile takes effect in its order. A queue
+// comes back on a new flow, which gets what the old one had not acknowledged;
+// acknowledging through the old one does nothing. What the library refuses
+// then is told and forgotten.
+TEST_F(Subscriptions, SubscriptionsComeBackAfterADisconnectAndAConnect) {
+    auto handler = makeHandler();
+    auto count = [&handler](std::string const& payload) {
+        return handler->where([&](auto& m) { return text(m) == payload; }).size();
+    };
+    for (auto [reapplying, ended] : {std::pair{0, false}, {1, false}, {0, true}}) {
+        SCOPED_TRACE(testing::Message() << reapplying << ended);
+        solEmu_setReapplyAfterDisconnect(reapplying);
+        for (auto topic : {"kept", "dropped", "marker"}) {
+            subscribed(client, topic, handler);
+        }
+        ASSERT_TRUE(subscribe(handler, "work", GUARANTEED));
+        publish("work", "unacknowledged", GUARANTEED);
+        ASSERT_TRUE(handler->waitFor(1, "unacknowledged"));
+        events->clear();
+        if (ended) {
+            solEmu_endSessions(HOST_PORT);
+            ASSERT_TRUE(events->waitForState(Impl::Connection::DISCONNECTED));
+        } else {
+            client->disconnect(0);
+        }
+        ASSERT_TRUE(unsubscribe("dropped", AMO));
+        ASSERT_TRUE(subscribe(handler, "late", AMO));
+        ASSERT_EQ(client->connect(5000), 1);
+        ASSERT_TRUE(handler->waitFor(2, "unacknowledged"));
+        handler->all()[0]->acknowledge();
+        for (auto topic : {"kept", "dropped", "late"}) {
+            publish(topic, topic);
+        }
+        publish("work", "work", GUARANTEED);
+        ASSERT_TRUE(handler->waitFor(1, "work"));
+        flush(client, handler, "marker");
+        EXPECT_EQ(count("kept"), 1u);
+        EXPECT_EQ(count("late"), 1u);
+        EXPECT_EQ(count("dropped"), 0u);
+        EXPECT_EQ(solEmu_queueDepth("work"), 2);
+        EXPECT_TRUE(events->of(FAULT).empty());
+        auto const created = events->of(CREATED), removed = events->of(REMOVED);
+        ASSERT_EQ(answers(), 2u);
+        ASSERT_EQ(created.size(), 1u);
+        ASSERT_EQ(removed.size(), 1u);
+        EXPECT_EQ(created[0].name, "late");
+        EXPECT_EQ(removed[0].name, "dropped");
+        EXPECT_TRUE(subscribe(handler, "kept", AMO));
+        EXPECT_TRUE(subscribe(handler, "work", GUARANTEED));
+        EXPECT_FALSE(subscribe(makeHandler(), "kept", AMO));
+        EXPECT_FALSE(subscribe(makeHandler(), "work", GUARANTEED));
+
+        for (auto const& message : handler->all()) {
+            message->acknowledge();
+        }
+        EXPECT_TRUE(eventually([] { return solEmu_queueDepth("work") == 0; }));
+        ASSERT_TRUE(client->unsubscribe(handler, Reference::NONE));
+        ASSERT_TRUE(events->waitFor(REMOVED, 4));
+        handler->clear();
+    }
+
+    solEmu_setReapplyAfterDisconnect(0);
+    ASSERT_TRUE(subscribe(handler, "work", GUARANTEED));
+    subscribed(client, "denied", handler);  // answered once the flow is bound
+    events->clear();
+    client->disconnect(0);
+    solEmu_refuseSubscriptions("denied", SOLCLIENT_SUBCODE_SUBSCRIPTION_ACL_DENIED);
+    ASSERT_EQ(solEmu_removeQueue("work"), 0);
+    ASSERT_EQ(client->connect(5000), 1);
+    auto const faults = events->waitOf(FAULT, 2);
+    ASSERT_EQ(faults.size(), 2u);
+    EXPECT_EQ(faults[0].number, SOLCLIENT_SUBCODE_SUBSCRIPTION_ACL_DENIED);
+    EXPECT_EQ(faults[1].number, SOLCLIENT_SUBCODE_QUEUE_NOT_FOUND);
+    EXPECT_EQ(session().findSubscription("denied"), nullptr);
+    EXPECT_EQ(session().findFlow("work"), nullptr);
+    solEmu_refuseSubscriptions("denied", 0);
+    subscribed(client, "denied", handler);
+}
+
 // Around the size from which the payload stays in the library's message: the
 // bytes arrive whole, each subscriber's are its own to write, and a taken
 // message lives exactly as long as its payload (the fixture checks that none

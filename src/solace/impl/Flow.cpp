@@ -33,7 +33,33 @@ solClient_errorInfo* Flow::recordFailure() {
 }
 
 bool Flow::start(std::shared_ptr<KW::Reference>& reference) {
+    solClient_errorInfo* failure = nullptr;
+    bool created = false;
+    if (open(failure, created)) {
+        return true;
+    }
+    // A refused start is reported without the error record, unlike a failed creation.
+    session.notifyHandlerOfQueueSubscribe(name, qos, reference, created ? nullptr : failure);
+    return false;
+}
+
+std::shared_ptr<Flow> Flow::renew() const {
+    auto renewed = std::make_shared<Flow>(session, qos, name, handler);
+    renewed->appliedIn = appliedIn.load();
+    return renewed;
+}
+
+bool Flow::rebind(solClient_errorInfo*& refusal) {
+    unsigned long const epoch = session.getConnectionEpoch();
+    bool created = false;
+    // Still dropped when its connection went meanwhile: bound again after the next up.
+    return open(refusal, created) || session.lostSince(epoch, lastSubCode);
+}
+
+bool Flow::open(solClient_errorInfo*& failure, bool& created) {
     SolaceAPI const& api = session.getAPI();
+    // Read before the calls: a bind that a disconnect overtakes counts as dropped with it.
+    unsigned long const epoch = session.getConnectionEpoch();
     // Bound blocking to a durable queue, client acknowledgement, created
     // stopped and started below.
     char const* properties[] = {SOLCLIENT_FLOW_PROP_BIND_BLOCKING,
@@ -63,27 +89,28 @@ bool Flow::start(std::shared_ptr<KW::Reference>& reference) {
     funcInfo.rxMsgInfo.callback_p = &Flow::queueReceiveCallback;
     funcInfo.rxMsgInfo.user_p = this;
 
-    solClient_opaqueFlow_pt created = nullptr;
-    if (api.sessionCreateFlow(properties, session.getHandle(), &created, &funcInfo,
+    solClient_opaqueFlow_pt made = nullptr;
+    created = false;
+    if (api.sessionCreateFlow(properties, session.getHandle(), &made, &funcInfo,
                               sizeof(funcInfo)) != SOLCLIENT_OK) {
-        solClient_errorInfo* info = recordFailure();
-        session.notifyHandlerOfQueueSubscribe(name, qos, reference, info);
+        failure = recordFailure();
         return false;
     }
-    handle.adopt(created);
-    if (api.flowStart(created) == SOLCLIENT_OK) {
+    handle.adopt(made);
+    created = true;
+    if (api.flowStart(made) == SOLCLIENT_OK) {
         state = ACTIVE;
+        appliedIn = epoch;
         return true;
     }
-    recordFailure();
-    // Reported without the error record, unlike a failed creation.
-    session.notifyHandlerOfQueueSubscribe(name, qos, reference, nullptr);
+    failure = recordFailure();
     return false;
 }
 
 bool Flow::stop(std::shared_ptr<KW::Reference>& reference) {
     SolaceAPI const& api = session.getAPI();
-    if (!handle) {
+    bool const dropped = session.droppedSince(appliedIn);
+    if (!handle && !dropped) {
         // Never bound: answered as a failed stop so that the completion runs.
         solClient_errorInfo info{};
         info.subCode = SOLCLIENT_SUBCODE_PARAM_NULL_PTR;
@@ -95,7 +122,7 @@ bool Flow::stop(std::shared_ptr<KW::Reference>& reference) {
         return false;
     }
     bool stopped = true;
-    if (api.flowStop(handle.get()) != SOLCLIENT_OK) {
+    if (!dropped && api.flowStop(handle.get()) != SOLCLIENT_OK) {
         stopped = false;
         solClient_errorInfo* info = recordFailure();
         session.notifyHandlerOfQueueUnsubscribe(name, qos, reference, info);

@@ -33,7 +33,14 @@ class Flow : public std::enable_shared_from_this<Flow> {
     Flow& operator=(Flow const&) = delete;
 
     bool start(std::shared_ptr<KW::Reference>& reference);
+    // A flow dropped with an earlier connection has only its handle left to free.
     bool stop(std::shared_ptr<KW::Reference>& reference);
+    // A new flow for the same queue, qos and handler, standing for this one
+    // (dropped with its connection, see Session::reestablish) until it is bound.
+    std::shared_ptr<Flow> renew() const;
+    // Binds a renewed flow. False when the library refused: its record, for
+    // the caller to tell.
+    bool rebind(solClient_errorInfo*& refusal);
     // Destroys the library flow, if any, without telling anybody; used when
     // the whole session goes.
     void destroyHandle();
@@ -44,6 +51,8 @@ class Flow : public std::enable_shared_from_this<Flow> {
 
     int getState() const { return state; }
     int getLastSubCode() const { return lastSubCode; }
+    // The connection the library bound it in; 0: not bound.
+    unsigned long getAppliedIn() const { return appliedIn; }
     solClient_opaqueFlow_pt getHandle() const { return handle.get(); }
     Session& getSession() const { return session; }
     std::string const& getName() const { return name; }
@@ -59,6 +68,9 @@ class Flow : public std::enable_shared_from_this<Flow> {
   private:
     // Records a failed library call: state FAILED and its sub-code.
     solClient_errorInfo* recordFailure();
+    // Creates the library flow and starts it. On failure, the library's
+    // record and whether the flow was created (its start failed).
+    bool open(solClient_errorInfo*& failure, bool& created);
 
     // The owner. A flow outliving the session's end is held only by its
     // messages, which hold the session object too.
@@ -74,6 +86,7 @@ class Flow : public std::enable_shared_from_this<Flow> {
     std::mutex handleMutex;
     std::atomic<int> state;
     std::atomic<int> lastSubCode;
+    std::atomic<unsigned long> appliedIn{0};
 };
 
 }  // namespace Impl

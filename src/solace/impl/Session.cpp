@@ -264,9 +264,14 @@ void Session::disconnect(unsigned long timeoutMs) {
     // Not joined: the JavaScript thread never waits for a blocked worker.
     stopSendingWorkers(timeoutMs);
     if (connection.getState() != Connection::DISCONNECTED) {
+        // A new connection both before and after the call: a subscribe under way that fails
+        // with this disconnect sees its connection gone, and one the library took just before
+        // it counts as dropped with it.
+        ++connectionEpoch;
         if (api.sessionDisconnect(handle.get()) != SOLCLIENT_OK) {
             throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
         }
+        ++connectionEpoch;
         connection.setDisconnected();
         notifyHandlerOfConnectState();
     }
@@ -333,6 +338,21 @@ solClient_rxMsgCallback_returnCode_t Session::messageReceiveCallback(void* /*opa
     return SOLCLIENT_CALLBACK_OK;
 }
 
+namespace {
+
+// Runs Session::reestablish in the subscribe worker's request order.
+class ReestablishTask : public SubscribeTask {
+  public:
+    explicit ReestablishTask(Session& session)
+        : SubscribeTask(SUBSCRIBE, KW::Reference::NONE), session(session) {}
+    void execute() override { session.reestablish(); }
+
+  private:
+    Session& session;
+};
+
+}  // namespace
+
 void Session::handleEvent(solClient_session_eventCallbackInfo* info) {
     if (info == nullptr) {
         return;
@@ -345,6 +365,13 @@ void Session::handleEvent(solClient_session_eventCallbackInfo* info) {
                 // An ending session has let go of its subscriptions: no worker may run them.
                 std::lock_guard<std::mutex> lock(lifecycleMutex);
                 if (!ended.load()) {
+                    if (connectionEpoch.load() != 1) {
+                        // Something may have been dropped with an earlier connection (the first
+                        // is 1). Queued behind what was asked while down, before what comes next.
+                        std::shared_ptr<SubscribeTask> task =
+                            std::make_shared<ReestablishTask>(*this);
+                        subscribeWorker.pushTask(task);
+                    }
                     subscribeWorker.setProcessor(this, 0);
                     publishWorker.setProcessor(this, 0);
                     forwardWorker.setProcessor(this, 0);
@@ -354,6 +381,7 @@ void Session::handleEvent(solClient_session_eventCallbackInfo* info) {
             break;
         case SOLCLIENT_SESSION_EVENT_DOWN_ERROR:
             connectRequested.store(false);
+            ++connectionEpoch;  // down for good: the next connect is a new connection
             connection.setDisconnected();
             stopSendingWorkers(0);  // not joined: a worker may be blocked waiting for this thread
             notifyHandlerOfConnectState();
@@ -830,6 +858,92 @@ Flow* Session::findFlow(std::string const& queue) {
 
 void Session::process(std::shared_ptr<SubscribeTask> task) {
     task->execute();
+}
+
+bool Session::droppedSince(unsigned long appliedIn) const {
+    return appliedIn != 0 && appliedIn < connectionEpoch.load();
+}
+
+bool Session::lostSince(unsigned long epoch, int subCode) const {
+    return subCode == SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED ||
+           subCode == SOLCLIENT_SUBCODE_COMMUNICATION_ERROR || epoch != connectionEpoch.load() ||
+           connection.getState() != Connection::CONNECTED;
+}
+
+// Entries taken out of their maps by later requests are skipped: their stop tasks, queued behind
+// this one, hold them. One the library refuses leaves its map before the refusal is told (as a
+// runtime error), so that subscribing the name again is not taken as a duplicate; one whose
+// connection went meanwhile is tried again after the next up.
+void Session::reestablish() {
+    std::vector<Subscription*> topics;
+    std::vector<std::shared_ptr<Flow>> queues;
+    {
+        std::lock_guard<std::mutex> lock(subscriptionsMutex);
+        for (auto const& entry : subscriptions) {
+            if (droppedSince(entry.second->getAppliedIn())) {
+                topics.push_back(entry.second.get());
+            }
+        }
+        for (auto const& entry : flows) {
+            if (droppedSince(entry.second->getAppliedIn())) {
+                queues.push_back(entry.second);
+            }
+        }
+    }
+    // The entry's place in its map, or end() when a request has taken it out.
+    auto mapped = [](auto& map, std::string const& name, auto const* target) {
+        auto it = map.find(name);
+        return it != map.end() && it->second.get() == target ? it : map.end();
+    };
+    for (Subscription* subscription : topics) {
+        std::unique_ptr<Subscription> refused;  // freed outside the lock
+        {
+            std::lock_guard<std::mutex> lock(subscriptionsMutex);
+            if (mapped(subscriptions, subscription->getTopic(), subscription) ==
+                subscriptions.end()) {
+                continue;
+            }
+        }
+        solClient_errorInfo* refusal = nullptr;
+        if (subscription->resubscribe(refusal)) {
+            continue;
+        }
+        {
+            std::lock_guard<std::mutex> lock(subscriptionsMutex);
+            auto it = mapped(subscriptions, subscription->getTopic(), subscription);
+            if (it != subscriptions.end()) {
+                refused = std::move(it->second);
+                subscriptions.erase(it);
+            }
+        }
+        notifyHandlerOfRuntimeError(refusal);
+    }
+    // A flow is bound again as a new one: the messages of the old one (whose library flow went
+    // with its connection) must not acknowledge through the new library flow.
+    for (std::shared_ptr<Flow> const& dropped : queues) {
+        std::shared_ptr<Flow> renewed = dropped->renew();
+        {
+            std::lock_guard<std::mutex> lock(subscriptionsMutex);
+            auto it = mapped(flows, dropped->getName(), dropped.get());
+            if (it == flows.end()) {
+                continue;
+            }
+            it->second = renewed;
+        }
+        dropped->destroyHandle();
+        solClient_errorInfo* refusal = nullptr;
+        if (renewed->rebind(refusal)) {
+            continue;
+        }
+        {
+            std::lock_guard<std::mutex> lock(subscriptionsMutex);
+            auto it = mapped(flows, renewed->getName(), renewed.get());
+            if (it != flows.end()) {
+                flows.erase(it);
+            }
+        }
+        notifyHandlerOfRuntimeError(refusal);
+    }
 }
 
 // ---- receiving ---------------------------------------------------------------------

@@ -145,6 +145,21 @@ class Session : public std::enable_shared_from_this<Session> {
     Subscription* findSubscription(std::string const& topic);
     Flow* findFlow(std::string const& queue);
 
+    // ---- subscriptions across connections ----
+    // The library connection this session is on, counted from 1: an explicit
+    // disconnect or a final down starts a new one, since the library (the
+    // stand-in at least) drops a session's subscriptions and flows with it.
+    unsigned long getConnectionEpoch() const { return connectionEpoch.load(); }
+    // Taken by the library in an earlier connection than the current one
+    // (0: never taken).
+    bool droppedSince(unsigned long appliedIn) const;
+    // A call begun in this connection that failed with this sub-code failed
+    // because the connection went, not because the library refused it.
+    bool lostSince(unsigned long epoch, int subCode) const;
+    // On the subscribe worker, after a new connection is up: subscribes and
+    // binds again, in map order, what the library dropped with an earlier one.
+    void reestablish();
+
   private:
     template <typename Worker>
     bool sendLater(Worker& worker, MessageTask const& task);
@@ -194,6 +209,8 @@ class Session : public std::enable_shared_from_this<Session> {
     // connect() was called and neither disconnect() nor a final failure
     // followed: a first attempt still reads disconnected, yet is connecting.
     std::atomic<bool> connectRequested{false};
+    // See getConnectionEpoch.
+    std::atomic<unsigned long> connectionEpoch{1};
 };
 
 }  // namespace Impl

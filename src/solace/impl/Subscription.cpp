@@ -35,14 +35,21 @@ Subscription::~Subscription() {
     }
 }
 
+void Subscription::subscribed(unsigned long epoch) {
+    std::lock_guard<std::mutex> lock(messageReceiveCallbackLock);
+    messageReceiveCallbackFilter.insert(this);
+    state = SUBSCRIBED;
+    lastSubCode = 0;
+    appliedIn = epoch;
+}
+
 bool Subscription::start(std::shared_ptr<KW::Reference>& reference) {
     SolaceAPI const& api = session.getAPI();
+    // Read before the call: one that a disconnect overtakes counts as dropped with it.
+    unsigned long const epoch = session.getConnectionEpoch();
     if (api.sessionTopicSubscribeWithDispatch(session.getHandle(), SUBSCRIBE_FLAGS, topic.c_str(),
                                               &dispatch, nullptr) == SOLCLIENT_OK) {
-        std::lock_guard<std::mutex> lock(messageReceiveCallbackLock);
-        messageReceiveCallbackFilter.insert(this);
-        state = SUBSCRIBED;
-        lastSubCode = 0;
+        subscribed(epoch);
         session.notifyHandlerOfTopicSubscribe(topic, reference, nullptr);
         return true;
     }
@@ -62,10 +69,42 @@ bool Subscription::start(std::shared_ptr<KW::Reference>& reference) {
     return false;
 }
 
+bool Subscription::resubscribe(solClient_errorInfo*& refusal) {
+    SolaceAPI const& api = session.getAPI();
+    unsigned long const epoch = session.getConnectionEpoch();
+    if (api.sessionTopicSubscribeWithDispatch(session.getHandle(), SUBSCRIBE_FLAGS, topic.c_str(),
+                                              &dispatch, nullptr) == SOLCLIENT_OK) {
+        subscribed(epoch);
+        return true;
+    }
+    solClient_errorInfo* info = api.getLastErrorInfo();
+    int const subCode = info ? static_cast<int>(info->subCode) : 0;
+    // Already present: the library re-applied it itself, with this same dispatch callback.
+    if (subCode == SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT) {
+        subscribed(epoch);
+        return true;
+    }
+    if (session.lostSince(epoch, subCode)) {
+        return true;  // still dropped: tried again after the next up
+    }
+    state = subCode == SOLCLIENT_SUBCODE_SUBSCRIPTION_ACL_DENIED ? REFUSED : FAILED;
+    lastSubCode = subCode;
+    refusal = info;
+    return false;
+}
+
 bool Subscription::stop(std::shared_ptr<KW::Reference>& reference) {
     SolaceAPI const& api = session.getAPI();
-    if (api.sessionTopicUnsubscribeWithDispatch(session.getHandle(), SUBSCRIBE_FLAGS, topic.c_str(),
-                                                &dispatch, nullptr) == SOLCLIENT_OK) {
+    bool done =
+        api.sessionTopicUnsubscribeWithDispatch(session.getHandle(), SUBSCRIBE_FLAGS, topic.c_str(),
+                                                &dispatch, nullptr) == SOLCLIENT_OK;
+    solClient_errorInfo* info = done ? nullptr : api.getLastErrorInfo();
+    int const subCode = info ? static_cast<int>(info->subCode) : 0;
+    // Dropped with an earlier connection by a library that did not re-apply it: gone already.
+    if (subCode == SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND && session.droppedSince(appliedIn)) {
+        done = true;
+    }
+    if (done) {
         state = UNSUBSCRIBED;
         lastSubCode = 0;
         std::lock_guard<std::mutex> lock(messageReceiveCallbackLock);
@@ -73,8 +112,6 @@ bool Subscription::stop(std::shared_ptr<KW::Reference>& reference) {
         session.notifyHandlerOfTopicUnsubscribe(topic, reference, nullptr);
         return true;
     }
-    solClient_errorInfo* info = api.getLastErrorInfo();
-    int const subCode = info ? static_cast<int>(info->subCode) : 0;
     lastSubCode = subCode;
     state = subCode == SOLCLIENT_SUBCODE_SUBSCRIPTION_NOT_FOUND ? UNSUBSCRIBED : FAILED;
     std::lock_guard<std::mutex> lock(messageReceiveCallbackLock);

@@ -33,6 +33,10 @@ class Subscription {
 
     bool start(std::shared_ptr<KW::Reference>& reference);
     bool stop(std::shared_ptr<KW::Reference>& reference);
+    // Subscribes again after the library dropped it with its connection (see
+    // Session::reestablish). False when the library refused: its record, for
+    // the caller to tell.
+    bool resubscribe(solClient_errorInfo*& refusal);
 
     static solClient_rxMsgCallback_returnCode_t messageReceiveCallback(void* session, void* msg,
                                                                        void* user);
@@ -42,6 +46,8 @@ class Subscription {
     std::shared_ptr<KW::MessageHandler> const& getHandler() const { return handler; }
     int getState() const { return state; }
     int getLastSubCode() const { return lastSubCode; }
+    // The connection the library took it in; 0: not taken.
+    unsigned long getAppliedIn() const { return appliedIn; }
 
     static std::set<Subscription*> messageReceiveCallbackFilter;
     static std::mutex messageReceiveCallbackLock;
@@ -54,6 +60,10 @@ class Subscription {
     // Written on the subscribe worker, read anywhere.
     std::atomic<int> state;
     std::atomic<int> lastSubCode;
+    std::atomic<unsigned long> appliedIn{0};
+
+    // Taken by the library in the given connection: its callback may receive.
+    void subscribed(unsigned long epoch);
 };
 
 }  // namespace Impl
