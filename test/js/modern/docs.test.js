@@ -1,7 +1,9 @@
 'use strict';
 // Every example script and every block of docs/api.md marked "js runnable"
 // runs to a clean exit on the stand-in broker, requiring 'kwnode' as a user
-// would.
+// would; the declarations type-check typed usage of both APIs under --strict,
+// and every line marked @ts-expect-error really is an error (tsc fails on an
+// unused marker).
 const assert = require('assert');
 const childProcess = require('child_process');
 const fs = require('fs');
@@ -38,3 +40,10 @@ for (const [name, file] of examples.concat(blocks)) {
     });
   });
 }
+
+harness.test('tsc --noEmit --strict accepts the usage files and rejects the misuse lines', () => {
+  const tsc = require.resolve('typescript/bin/tsc', { paths: [root] });
+  const run = childProcess.spawnSync(process.execPath,
+    [tsc, '--noEmit', '--strict', '-p', path.join(__dirname, 'types')], { encoding: 'utf8' });
+  assert.strictEqual(run.status, 0, run.stdout + run.stderr);
+});
