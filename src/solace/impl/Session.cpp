@@ -15,6 +15,7 @@
 #include "solace/impl/Flow.h"
 #include "solace/impl/ForwardTask.h"
 #include "solace/impl/PublishTask.h"
+#include "solace/impl/ReestablishTask.h"
 #include "solace/impl/QueueSubscribeTask.h"
 #include "solace/impl/ReceiveTask.h"
 #include "solace/impl/Subscription.h"
@@ -337,21 +338,6 @@ solClient_rxMsgCallback_returnCode_t Session::messageReceiveCallback(void* /*opa
     // Messages arrive through the per-subscription dispatch callbacks only.
     return SOLCLIENT_CALLBACK_OK;
 }
-
-namespace {
-
-// Runs Session::reestablish in the subscribe worker's request order.
-class ReestablishTask : public SubscribeTask {
-  public:
-    explicit ReestablishTask(Session& session)
-        : SubscribeTask(SUBSCRIBE, KW::Reference::NONE), session(session) {}
-    void execute() override { session.reestablish(); }
-
-  private:
-    Session& session;
-};
-
-}  // namespace
 
 void Session::handleEvent(solClient_session_eventCallbackInfo* info) {
     if (info == nullptr) {
