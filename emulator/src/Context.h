@@ -18,8 +18,6 @@ namespace SolEmu {
 // session or flow can discard its queued work and wait out a running callback.
 class Context {
   public:
-    using Work = SolEmu::Work;
-
     Context();
     ~Context();
     Context(Context const&) = delete;

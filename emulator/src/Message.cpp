@@ -25,70 +25,28 @@ Message* Message::fromHandle(void* handle) {
     return message;
 }
 
-namespace {
-
-// Allocates a shared object's block with `extra` bytes behind it, and tells
-// where they start: a message and its payload in one allocation.
-template <typename T>
-class WithTrailing {
-  public:
-    using value_type = T;
-    WithTrailing(size_t extra, char** trailing) : extra(extra), trailing(trailing) {}
-    template <typename U>
-    WithTrailing(WithTrailing<U> const& other) : extra(other.extra), trailing(other.trailing) {}
-    T* allocate(size_t n) {
-        size_t const head =
-            (n * sizeof(T) + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
-        auto* block = static_cast<char*>(::operator new(head + extra));
-        *trailing = block + head;
-        return reinterpret_cast<T*>(block);
-    }
-    void deallocate(T* block, size_t) noexcept { ::operator delete(block); }
-    template <typename U>
-    bool operator==(WithTrailing<U> const& other) const {
-        return extra == other.extra;
-    }
-    template <typename U>
-    bool operator!=(WithTrailing<U> const& other) const {
-        return extra != other.extra;
-    }
-
-  private:
-    template <typename U>
-    friend class WithTrailing;
-    size_t extra;
-    char** trailing;
-};
-
-}  // namespace
-
 std::shared_ptr<const Message> Message::snapshot(Message const& source) {
     bool const large = source.attachmentPresent && source.attachmentLength > INLINE_BYTES;
     std::shared_ptr<Message> copy;
     char* bytes = nullptr;
-    if (large && source.isGuaranteed()) {
-        // It may stay spooled for long: it goes to the spool's storage.
-        copy = PayloadBlocks::make<Message>();
-        copy->sharedPayload = PayloadBlocks::copy(source.attachmentBytes, source.attachmentLength);
-    } else if (large) {
-        copy =
-            std::allocate_shared<Message>(WithTrailing<Message>(source.attachmentLength, &bytes));
+    if (large) {
+        // A guaranteed one may stay spooled for long: it goes to the spool's storage.
+        copy = PayloadBlocks::make<Message>(source.attachmentLength, &bytes, source.isGuaranteed());
         std::memcpy(bytes, source.attachmentBytes, source.attachmentLength);
+        copy->attachmentPresent = true;
+        copy->attachmentBytes = bytes;
+        copy->attachmentLength = source.attachmentLength;
     } else {
         copy = std::make_shared<Message>();
+        if (source.attachmentPresent) {
+            copy->ownBytes(source.attachmentBytes, source.attachmentLength);
+        }
     }
     copy->delivery = source.delivery;
     copy->destType = source.destinationType();
     copy->destName = source.destinationName();
     copy->correlation = source.correlation;
     copy->sequence = source.sequence;
-    if (large) {
-        copy->attachmentPresent = true;
-        copy->attachmentLength = source.attachmentLength;
-        copy->attachmentBytes = bytes != nullptr ? bytes : copy->sharedPayload.get();
-    } else if (source.attachmentPresent) {
-        copy->ownBytes(source.attachmentBytes, source.attachmentLength);
-    }
     return copy;
 }
 

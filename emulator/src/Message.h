@@ -82,8 +82,8 @@ class Message {
     void const* attachmentBytes = nullptr;
     uint32_t attachmentLength = 0;
     // Library copies keep a small payload here, so that a message and its
-    // bytes are one allocation. A larger one is held by sharedPayload, or
-    // lives behind a direct send's copy in the same allocation.
+    // bytes are one allocation. A sent message's copy keeps a larger one
+    // behind itself (PayloadBlocks); a received one holds it in sharedPayload.
     static constexpr uint32_t INLINE_BYTES = 256;
     std::array<char, INLINE_BYTES> inlineBytes;
     std::shared_ptr<char const> sharedPayload;

@@ -3,8 +3,6 @@
 #include <sys/mman.h>
 
 #include <algorithm>
-#include <cstring>
-#include <string>
 
 namespace SolEmu {
 
@@ -41,6 +39,10 @@ std::shared_ptr<PayloadBlocks::Block> PayloadBlocks::withRoom(size_t size) {
     (void)size;
     return nullptr;
 #else
+    // A copy as large as a first block goes to the heap.
+    if (size > FIRST_BLOCK_BYTES / 2) {
+        return nullptr;
+    }
     // One open block per sending thread: no lock on the send path.
     thread_local std::shared_ptr<Block> open;
     thread_local size_t nextBytes = FIRST_BLOCK_BYTES;
@@ -58,19 +60,6 @@ std::shared_ptr<PayloadBlocks::Block> PayloadBlocks::withRoom(size_t size) {
     open = std::make_shared<Block>(static_cast<char*>(base), bytes);
     return open;
 #endif
-}
-
-std::shared_ptr<char const> PayloadBlocks::copy(void const* data, uint32_t size) {
-    // A payload as large as a first block goes to the heap.
-    std::shared_ptr<Block> block = size <= FIRST_BLOCK_BYTES / 2 ? withRoom(size) : nullptr;
-    if (!block) {
-        auto bytes = std::make_shared<const std::string>(static_cast<char const*>(data), size);
-        return std::shared_ptr<char const>(bytes, bytes->data());
-    }
-    char* at = block->take(size);
-    std::memcpy(at, data, size);
-    // Shares the block's count: the block lives while any of its payloads does.
-    return std::shared_ptr<char const>(block, at);
 }
 
 }  // namespace SolEmu

@@ -1,32 +1,27 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <new>
 #include <utility>
 
 namespace SolEmu {
 
-// Storage for guaranteed messages, which the broker spools. A spool grows by
-// megabytes, and the allocator grows a thread's heap a page at a time (a
-// syscall and a page fault per page); here a sending thread builds its copies
-// in its own pre-faulted block instead. A block is freed when the last object
-// in it goes.
+// Storage for the library's copies of sent messages, each with its payload
+// behind it in one allocation. A guaranteed message is spooled, and a spool
+// grows by megabytes, which the allocator would grow a thread's heap by a page
+// at a time (a syscall and a page fault per page): its copy goes to the
+// sending thread's own pre-faulted block instead. A block is freed when the
+// last object in it goes.
 class PayloadBlocks {
   public:
-    // A copy of the bytes, kept alive by the returned pointer.
-    static std::shared_ptr<char const> copy(void const* data, uint32_t size);
-
-    // A T built in the calling thread's open block.
-    template <typename T, typename... Args>
-    static std::shared_ptr<T> make(Args&&... args) {
-        // The control block and the object, with room for alignment.
-        std::shared_ptr<Block> block = withRoom(sizeof(T) + 64);
-        if (!block) {
-            return std::make_shared<T>(std::forward<Args>(args)...);
-        }
-        return std::allocate_shared<T>(Allocator<T>(std::move(block)), std::forward<Args>(args)...);
+    // A T with `extra` bytes behind it (*trailing points to them), in the
+    // calling thread's open block when `spooled`, else on the heap.
+    template <typename T>
+    static std::shared_ptr<T> make(size_t extra, char** trailing, bool spooled) {
+        // The control block and the object, with room for its alignment.
+        std::shared_ptr<Block> block = spooled ? withRoom(sizeof(T) + 128 + extra) : nullptr;
+        return std::allocate_shared<T>(Allocator<T>(std::move(block), extra, trailing));
     }
 
   private:
@@ -47,23 +42,34 @@ class PayloadBlocks {
         size_t used = 0;
     };
 
-    // Hands out memory of one block, which every copy of it keeps alive;
-    // memory goes back with the block.
+    // Allocates a shared object's memory with `extra` bytes behind it, from
+    // a block, which every copy of the allocator keeps alive (the memory goes
+    // back with the block), or with no block from the heap.
     template <typename T>
     class Allocator {
       public:
         using value_type = T;
-        explicit Allocator(std::shared_ptr<Block> block) : block(std::move(block)) {}
+        Allocator(std::shared_ptr<Block> block, size_t extra, char** trailing)
+            : block(std::move(block)), extra(extra), trailing(trailing) {}
         template <typename U>
-        Allocator(Allocator<U> const& other) : block(other.block) {}
+        Allocator(Allocator<U> const& other)
+            : block(other.block), extra(other.extra), trailing(other.trailing) {}
         T* allocate(size_t n) {
-            char* at = block->take(n * sizeof(T));
+            size_t const head =
+                (n * sizeof(T) + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
+            char* at = block ? block->take(head + extra)
+                             : static_cast<char*>(::operator new(head + extra));
             if (at == nullptr) {
                 throw std::bad_alloc();
             }
+            *trailing = at + head;
             return reinterpret_cast<T*>(at);
         }
-        void deallocate(T*, size_t) noexcept {}
+        void deallocate(T* at, size_t) noexcept {
+            if (!block) {
+                ::operator delete(at);
+            }
+        }
         template <typename U>
         bool operator==(Allocator<U> const& other) const {
             return block == other.block;
@@ -77,6 +83,8 @@ class PayloadBlocks {
         template <typename U>
         friend class Allocator;
         std::shared_ptr<Block> block;
+        size_t extra;
+        char** trailing;
     };
 
     // The calling thread's open block, with at least `size` bytes free.

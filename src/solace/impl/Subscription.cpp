@@ -43,17 +43,25 @@ void Subscription::subscribed(unsigned long epoch) {
     appliedIn = epoch;
 }
 
-bool Subscription::start(std::shared_ptr<KW::Reference>& reference) {
+bool Subscription::apply(unsigned long epoch, solClient_errorInfo*& failure) {
     SolaceAPI const& api = session.getAPI();
-    // Read before the call: one that a disconnect overtakes counts as dropped with it.
-    unsigned long const epoch = session.getConnectionEpoch();
     if (api.sessionTopicSubscribeWithDispatch(session.getHandle(), SUBSCRIBE_FLAGS, topic.c_str(),
                                               &dispatch, nullptr) == SOLCLIENT_OK) {
         subscribed(epoch);
+        return true;
+    }
+    failure = api.getLastErrorInfo();
+    return false;
+}
+
+bool Subscription::start(std::shared_ptr<KW::Reference>& reference) {
+    // Read before the call: one that a disconnect overtakes counts as dropped with it.
+    unsigned long const epoch = session.getConnectionEpoch();
+    solClient_errorInfo* info = nullptr;
+    if (apply(epoch, info)) {
         session.notifyHandlerOfTopicSubscribe(topic, reference, nullptr);
         return true;
     }
-    solClient_errorInfo* info = api.getLastErrorInfo();
     int const subCode = info ? static_cast<int>(info->subCode) : 0;
     // Already present counts as subscribed, but this subscription's own
     // callback is not registered, so nothing arrives through it.
@@ -70,14 +78,11 @@ bool Subscription::start(std::shared_ptr<KW::Reference>& reference) {
 }
 
 bool Subscription::resubscribe(solClient_errorInfo*& refusal) {
-    SolaceAPI const& api = session.getAPI();
     unsigned long const epoch = session.getConnectionEpoch();
-    if (api.sessionTopicSubscribeWithDispatch(session.getHandle(), SUBSCRIBE_FLAGS, topic.c_str(),
-                                              &dispatch, nullptr) == SOLCLIENT_OK) {
-        subscribed(epoch);
+    solClient_errorInfo* info = nullptr;
+    if (apply(epoch, info)) {
         return true;
     }
-    solClient_errorInfo* info = api.getLastErrorInfo();
     int const subCode = info ? static_cast<int>(info->subCode) : 0;
     // Already present: the library re-applied it itself, with this same dispatch callback.
     if (subCode == SOLCLIENT_SUBCODE_SUBSCRIPTION_ALREADY_PRESENT) {

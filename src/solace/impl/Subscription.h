@@ -64,6 +64,8 @@ class Subscription {
 
     // Taken by the library in the given connection: its callback may receive.
     void subscribed(unsigned long epoch);
+    // The library call; on failure, the library's record.
+    bool apply(unsigned long epoch, solClient_errorInfo*& failure);
 };
 
 }  // namespace Impl
