@@ -16,9 +16,10 @@ const WORKLOAD_TITLES = { direct: 'Direct messages', guaranteed: 'Guaranteed (qu
 const METRICS = {
   msgsPerSec: 'msg/s', mbPerSec: 'MB/s', dropped: 'dropped', cpuUsPerMsg: 'CPU µs/msg', ackedPerSec: 'acked sends/s',
   consumedPerSec: 'acknowledged msg/s', p50us: 'p50 µs', p99us: 'p99 µs', p999us: 'p99.9 µs', achievedSendPerSec: 'sent msg/s',
-  itemsPerSec: 'items/s', peakRssMB: 'peak RSS MB', rssGrowthMB: 'RSS growth MB', heapGrowthMB: 'heap growth MB', delivered: 'delivered',
+  itemsPerSec: 'items/s', peakRssMB: 'peak RSS MB', rssGrowthMB: 'RSS growth MB', heapGrowthMB: 'heap growth MB',
+  heapTotalGrowthMB: 'V8 heap size growth MB', delivered: 'delivered',
 };
-const NO_RATIO = new Set(['dropped', 'rssGrowthMB', 'heapGrowthMB', 'delivered']);
+const NO_RATIO = new Set(['dropped', 'rssGrowthMB', 'heapGrowthMB', 'heapTotalGrowthMB', 'delivered']);
 
 // runs: [{ workload, system, variant, metrics: {name: number} }] -> one entry
 // per (workload, variant, metric, system) with median/min/max over the runs,
