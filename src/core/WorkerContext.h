@@ -66,8 +66,9 @@ class WorkerContext {
     // How long an idle thread watches the queue before it sleeps on notEmpty
     // (0: it sleeps at once). A thread that keeps running through a burst of
     // pushes costs the producer no wake-up system call and the burst no
-    // scheduler round trip per task.
-    std::uint64_t spinMicros = 50;
+    // scheduler round trip per task. Longer than a 100k/s stream's gaps; a
+    // longer spin mostly burns the core between a driver's bursts.
+    std::uint64_t spinMicros = 25;
     // A thread is spinning (under queueMutex).
     bool spinning = false;
     // What the pool's threads are called in ps, top, perf and debuggers (at
