@@ -1,6 +1,7 @@
 #include "solace/impl/Session.h"
 
 #include <exception>
+#include <type_traits>
 
 #include "core/DataPacket.h"
 #include "core/DroppedFailures.h"
@@ -881,8 +882,19 @@ void Session::reestablish() {
         auto it = map.find(name);
         return it != map.end() && it->second.get() == target ? it : map.end();
     };
+    // A refused entry leaves its map unless a request took it out first; what the map held is
+    // returned, to go outside the lock.
+    auto forget = [this, &mapped](auto& map, std::string const& name, auto const* target) {
+        typename std::remove_reference_t<decltype(map)>::mapped_type held;
+        std::lock_guard<std::mutex> lock(subscriptionsMutex);
+        auto it = mapped(map, name, target);
+        if (it != map.end()) {
+            held = std::move(it->second);
+            map.erase(it);
+        }
+        return held;
+    };
     for (Subscription* subscription : topics) {
-        std::unique_ptr<Subscription> refused;  // freed outside the lock
         {
             std::lock_guard<std::mutex> lock(subscriptionsMutex);
             if (mapped(subscriptions, subscription->getTopic(), subscription) ==
@@ -894,14 +906,7 @@ void Session::reestablish() {
         if (subscription->resubscribe(refusal)) {
             continue;
         }
-        {
-            std::lock_guard<std::mutex> lock(subscriptionsMutex);
-            auto it = mapped(subscriptions, subscription->getTopic(), subscription);
-            if (it != subscriptions.end()) {
-                refused = std::move(it->second);
-                subscriptions.erase(it);
-            }
-        }
+        forget(subscriptions, subscription->getTopic(), subscription);
         notifyHandlerOfRuntimeError(refusal);
     }
     // A flow is bound again as a new one: the messages of the old one (whose library flow went
@@ -921,13 +926,7 @@ void Session::reestablish() {
         if (renewed->rebind(refusal)) {
             continue;
         }
-        {
-            std::lock_guard<std::mutex> lock(subscriptionsMutex);
-            auto it = mapped(flows, renewed->getName(), renewed.get());
-            if (it != flows.end()) {
-                flows.erase(it);
-            }
-        }
+        forget(flows, renewed->getName(), renewed.get());
         notifyHandlerOfRuntimeError(refusal);
     }
 }
