@@ -33,7 +33,8 @@ class WorkerFunctor {
         if (context->shortSlice) {
             ThreadSlice::requestShort();
         }
-        std::unique_lock<std::mutex> lock(context->queueMutex);
+        std::unique_lock<std::mutex> lock(context->queueMutex, std::defer_lock);
+        Context::lockQueue(lock);
         while (awaitTask(lock)) {
             if constexpr (batch) {
                 // The previous batch is released here, not earlier.
@@ -70,7 +71,7 @@ class WorkerFunctor {
                     DroppedFailures::recordCurrent("WorkerFunctor task");
                 }
             }
-            lock.lock();
+            Context::lockQueue(lock);
         }
         finish(lock);
     }
@@ -134,19 +135,11 @@ class WorkerFunctor {
                 // Gives the core to a producer that shares it.
                 std::this_thread::yield();
             } else {
-                pause();
+                Context::relax();
             }
         }
-        lock.lock();
+        Context::lockQueue(lock);
         context->spinning = false;
-    }
-
-    static void pause() {
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#elif defined(__aarch64__)
-        asm volatile("yield");
-#endif
     }
 
     // With queueMutex held. A thread of a stopped generation was already
