@@ -3,10 +3,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <condition_variable>
-#include <deque>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "Work.h"
 
@@ -35,7 +36,7 @@ class Context {
     template <typename Join>
     bool joinLast(uint64_t sequence, Join&& join) {
         std::lock_guard<std::mutex> lock(mutex);
-        if (stopping || items.empty() || items.back().sequence != sequence ||
+        if (stopping || !queued() || items.back().sequence != sequence ||
             _roundTripUs.load() != 0) {
             return false;
         }
@@ -54,6 +55,12 @@ class Context {
     static void setRoundTrip(unsigned microseconds) { _roundTripUs.store(microseconds); }
     static unsigned roundTrip() { return _roundTripUs.load(); }
 
+    // From work running on a context's thread: `spent` is let go by the next
+    // post (whose thread usually made it) or before the thread sleeps, not
+    // here: freeing another thread's block takes that thread's malloc arena
+    // lock, which the maker is taking for its next block. Elsewhere: let go now.
+    static void releaseLater(std::shared_ptr<void const> spent);
+
     // Process-wide switch: while held, no context runs queued work.
     static void setHeld(bool held);
     static bool held() { return _held.load(); }
@@ -69,6 +76,7 @@ class Context {
         uint64_t sequence;
     };
     void run();
+    bool queued() const { return head < items.size(); }
 
     static std::atomic<bool> _held;
     static std::atomic<unsigned> _roundTripUs;
@@ -76,7 +84,14 @@ class Context {
     std::mutex mutex;
     std::condition_variable ready;
     std::condition_variable idle;
-    std::deque<Item> items;
+    // Queued work is items[head..]: a vector keeps its storage once grown, where a deque
+    // would allocate a block on the posting thread and free it here every few posts.
+    std::vector<Item> items;
+    std::size_t head = 0;
+    // What work asked to let go: `ran` from the running work (this thread only),
+    // `spent` once the work is done (guarded by mutex).
+    std::vector<std::shared_ptr<void const>> ran;
+    std::vector<std::shared_ptr<void const>> spent;
     // Guarded by mutex: the thread sleeps on `ready` (a post needs to wake it).
     bool sleeping = false;
     void const* runningOwner = nullptr;

@@ -56,6 +56,8 @@ class Message {
     bool hasAttachment() const { return attachmentPresent; }
     void const* attachmentData() const { return attachmentBytes; }
     uint32_t attachmentSize() const { return attachmentLength; }
+    // A delivery copies these bytes whole and keeps nothing of this message.
+    bool copiedWhole() const { return attachmentLength <= INLINE_BYTES; }
     bool hasDestinationRecord() const { return destType != SOLCLIENT_NULL_DESTINATION; }
     // Points into this message; valid while it lives.
     char const* destinationRecordName() const { return destName.c_str(); }
