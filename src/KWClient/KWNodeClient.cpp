@@ -82,9 +82,16 @@ bool bytesOf(v8::Local<v8::Value> value, std::optional<Nan::Utf8String>& text, c
         value = v8::Uint8Array::New(buffer, 0, buffer->ByteLength());
     }
     if (value->IsArrayBufferView()) {
+#if V8_MAJOR_VERSION >= 10
+        // As Nan::TypedArrayContents, without the backing store's shared_ptr it makes per call.
+        v8::Local<v8::ArrayBufferView> view = value.As<v8::ArrayBufferView>();
+        data = static_cast<char const*>(view->Buffer()->Data()) + view->ByteOffset();
+        size = static_cast<unsigned long>(view->ByteLength());
+#else
         Nan::TypedArrayContents<char> bytes(value);
         data = *bytes;
         size = static_cast<unsigned long>(bytes.length());
+#endif
         return true;
     }
     return false;
