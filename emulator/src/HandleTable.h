@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <shared_mutex>
@@ -35,6 +37,7 @@ class HandleTable {
         }
         entry = std::move(it->second);
         entries.erase(it);
+        removed.fetch_add(1, std::memory_order_release);
         return true;
     }
     std::vector<Entry> values() const {
@@ -45,6 +48,8 @@ class HandleTable {
         }
         return all;
     }
+    // Bumped by every removal: a handle found before and unchanged since is still live.
+    uint64_t removals() const { return removed.load(std::memory_order_acquire); }
     size_t size() const {
         std::shared_lock<std::shared_mutex> lock(mutex);
         return entries.size();
@@ -53,6 +58,7 @@ class HandleTable {
   private:
     mutable std::shared_mutex mutex;
     std::map<void*, Entry> entries;
+    std::atomic<uint64_t> removed{0};
 };
 
 }  // namespace SolEmu

@@ -250,11 +250,27 @@ solClient_returnCode_t Library::destroySession(void* handle) {
 }
 
 std::shared_ptr<Session> Library::session(void* handle) const {
+    // The session this thread found last: a stream of sends on one session skips the
+    // table's lock, as long as no session was destroyed since.
+    thread_local struct {
+        void* handle = nullptr;
+        uint64_t removals = 0;
+        std::weak_ptr<Session> session;
+    } last;
+    uint64_t const removals = sessions.removals();
+    if (handle != nullptr && handle == last.handle && removals == last.removals) {
+        if (std::shared_ptr<Session> live = last.session.lock()) {
+            return live;
+        }
+    }
     SessionEntry entry;
     if (!sessions.find(handle, entry)) {
         ErrorInfo::set(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, 0, "unknown session handle");
         return nullptr;
     }
+    last.handle = handle;
+    last.removals = removals;
+    last.session = entry.session;
     return entry.session;
 }
 
