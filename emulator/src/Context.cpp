@@ -139,10 +139,9 @@ void Context::run() {
     for (;;) {
         if (!spent.empty() && !(queued() && !_held.load())) {
             // Going to sleep with nobody posting: let go here.
-            std::vector<std::shared_ptr<void const>> letGo;
-            letGo.swap(spent);
+            moveAll(spent, dropping);
             lock.unlock();
-            letGo.clear();
+            dropping.clear();
             lock.lock();
             continue;
         }

@@ -92,6 +92,8 @@ class Context {
     // `spent` once the work is done (guarded by mutex).
     std::vector<std::shared_ptr<void const>> ran;
     std::vector<std::shared_ptr<void const>> spent;
+    // What this thread lets go of itself, before it sleeps (this thread only).
+    std::vector<std::shared_ptr<void const>> dropping;
     // Guarded by mutex: the thread sleeps on `ready` (a post needs to wake it).
     bool sleeping = false;
     void const* runningOwner = nullptr;
