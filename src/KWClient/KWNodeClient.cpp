@@ -280,7 +280,9 @@ NAN_METHOD(KWNodeClient::Disconnect) {
     try {
         self->client->disconnect(0);
     } catch (KW::Exception& e) {
+        // Refused: the client stays as it was, and so do its functions.
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Disconnect error: ", e);
+        return;
     }
     // After the call, so that the park waits behind its event; no V8 call, it only queues.
     self->functions->requested(false);

@@ -96,7 +96,13 @@ test('dropped clients their own functions reach: collected (session ended) when 
     return harness.waitFor(function () { pub.publish('gc/kept', 'y'); return seen.indexOf('again x') >= 0 && seen.indexOf('kept y') >= 0; },
       'the messages after the reconnect');
   }).then(function () {
-    assert.deepStrictEqual(pubStates, [3, 1, 3]);
+    // A disconnect the library refuses throws and leaves the client connected, its workers running.
+    control.failNext('solClient_session_disconnect', 1, -1, 6, 'will not disconnect');
+    assert.throws(function () { pub.disconnect(); }, /will not disconnect/);
+    return harness.completion(function (done) { pub.subscribe('gc/after', function () {}, done); });
+  }).then(function (err) {
+    assert.strictEqual(err, null);
+    assert.deepStrictEqual([pubStates, pub.getConnectionState()], [[3, 1, 3], 3]);
     pub.disconnect();
   });
 });

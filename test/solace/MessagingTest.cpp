@@ -5,6 +5,7 @@
 // refusals and the states they leave, messages arriving after a stop,
 // acknowledgement, failing handlers and the bound of the receive queue.
 #include "AdapterTest.h"
+#include "solace/LibraryException.h"
 #include "solace/impl/Flow.h"
 #include "solace/impl/ReceiveTask.h"
 #include "solace/impl/Subscription.h"
@@ -300,6 +301,11 @@ TEST_F(Subscriptions, QueueFlowsAcknowledgeOneByOneAndTellTheirFailures) {
     ASSERT_TRUE(events->waitFor(CREATED, 2));
     EXPECT_EQ(session().findFlow("work")->getLastSubCode(), 6);
     publish("work", "stuck", GUARANTEED);
+    // A disconnect the library refuses leaves the connection: the stop still goes to the library.
+    unsigned long const epoch = session().getConnectionEpoch();
+    solEmu_failNext("solClient_session_disconnect", 1, SOLCLIENT_FAIL, 6, "will not disconnect");
+    EXPECT_THROW(client->disconnect(0), LibraryException);
+    EXPECT_EQ(session().getConnectionEpoch(), epoch);
     solEmu_failNext("solClient_flow_stop", 1, SOLCLIENT_FAIL, 6, "will not stop");
     ASSERT_TRUE(client->unsubscribe("work", GUARANTEED, tag));
     EXPECT_EQ(events->waitOf(REMOVE_ERROR, 2).at(1).text, "will not stop");

@@ -141,6 +141,21 @@ void Session::stopSendingWorkers(unsigned long timeoutMs) {
     forwardWorker.releaseProcessor(timeoutMs);
 }
 
+bool Session::sendingWorkersStarted() {
+    std::lock_guard<std::mutex> lock(publishWorker.queueMutex);
+    return publishWorker.processor != nullptr;
+}
+
+void Session::startSendingWorkers() {
+    // An ending session has let go of its subscriptions: no worker may run them.
+    std::lock_guard<std::mutex> lock(lifecycleMutex);
+    if (!ended.load()) {
+        subscribeWorker.setProcessor(this, 0);
+        publishWorker.setProcessor(this, 0);
+        forwardWorker.setProcessor(this, 0);
+    }
+}
+
 namespace {
 
 // Takes what waits in a stopped worker's queue; the caller lets go of it
@@ -262,16 +277,24 @@ bool Session::connect(unsigned long timeoutMs) {
 }
 
 void Session::disconnect(unsigned long timeoutMs) {
-    connectRequested.store(false);
+    bool const requested = connectRequested.exchange(false);
+    bool const working = sendingWorkersStarted();
     // Not joined: the JavaScript thread never waits for a blocked worker.
     stopSendingWorkers(timeoutMs);
     if (connection.getState() != Connection::DISCONNECTED) {
         // A new connection both before and after the call: a subscribe under way that fails
         // with this disconnect sees its connection gone, and one the library took just before
         // it counts as dropped with it.
-        ++connectionEpoch;
+        unsigned long during = ++connectionEpoch;
         if (api.sessionDisconnect(handle.get()) != SOLCLIENT_OK) {
-            throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
+            LibraryException refused(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
+            // Refused, the connection stays, and with it its subscriptions, flows and workers.
+            connectionEpoch.compare_exchange_strong(during, during - 1);
+            connectRequested.store(requested);
+            if (working) {
+                startSendingWorkers();
+            }
+            throw refused;
         }
         ++connectionEpoch;
         connection.setDisconnected();
@@ -349,21 +372,15 @@ void Session::handleEvent(solClient_session_eventCallbackInfo* info) {
         case SOLCLIENT_SESSION_EVENT_RECONNECTED_NOTICE:
             connection.setConnected();
             {
-                // An ending session has let go of its subscriptions: no worker may run them.
                 std::lock_guard<std::mutex> lock(lifecycleMutex);
-                if (!ended.load()) {
-                    if (connectionEpoch.load() != 1) {
-                        // Something may have been dropped with an earlier connection (the first
-                        // is 1). Queued behind what was asked while down, before what comes next.
-                        std::shared_ptr<SubscribeTask> task =
-                            std::make_shared<ReestablishTask>(*this);
-                        subscribeWorker.pushTask(task);
-                    }
-                    subscribeWorker.setProcessor(this, 0);
-                    publishWorker.setProcessor(this, 0);
-                    forwardWorker.setProcessor(this, 0);
+                if (!ended.load() && connectionEpoch.load() != 1) {
+                    // Something may have been dropped with an earlier connection (the first
+                    // is 1). Queued behind what was asked while down, before what comes next.
+                    std::shared_ptr<SubscribeTask> task = std::make_shared<ReestablishTask>(*this);
+                    subscribeWorker.pushTask(task);
                 }
             }
+            startSendingWorkers();
             notifyHandlerOfConnectState();
             break;
         case SOLCLIENT_SESSION_EVENT_DOWN_ERROR:

@@ -164,6 +164,9 @@ class Session : public std::enable_shared_from_this<Session> {
     template <typename Worker>
     bool sendLater(Worker& worker, MessageTask const& task);
     void stopSendingWorkers(unsigned long timeoutMs);
+    void startSendingWorkers();
+    // They run from each up until a disconnect or a final down.
+    bool sendingWorkersStarted();
     void awaitWindowRoom();
     void settlePending(solClient_session_eventCallbackInfo* info, char const* rejectedText);
     void failUnsent(char const* text);
