@@ -102,7 +102,7 @@ void Flow::deliver(std::shared_ptr<Queue> const& source, uint64_t id,
     void* user = funcs.rxMsgInfo.user_p;
     void* handle = this;
     context->post(sessionOwner, this, [=, message = message]() mutable {
-        std::unique_ptr<Message> copy = Message::deliveryCopy(std::move(message));
+        std::unique_ptr<Message> copy = Message::deliveryCopy(message);
         copy->setMessageId(id);
         copy->setRedelivered(redelivered);
         if (callback != nullptr &&

@@ -64,7 +64,7 @@ void Message::ownBytes(void const* data, uint32_t size) {
     attachmentBytes = sharedPayload.get();
 }
 
-std::unique_ptr<Message> Message::deliveryCopy(std::shared_ptr<const Message> source) {
+std::unique_ptr<Message> Message::deliveryCopy(std::shared_ptr<const Message>& source) {
     auto copy = std::make_unique<Message>();
     copy->delivery = source->delivery;
     copy->destType = source->destType;
@@ -87,6 +87,7 @@ std::unique_ptr<Message> Message::deliveryCopy(std::shared_ptr<const Message> so
     copy->attachmentLength = source->attachmentLength;
     copy->sharedPayload =
         std::shared_ptr<char const>(source, static_cast<char const*>(source->attachmentBytes));
+    source.reset();  // taken over by the copy
     return copy;
 }
 

@@ -29,12 +29,13 @@ class Message {
     // A library-owned, self-contained copy of what a send needs: the payload
     // and the destination are copied, the correlation tag kept as a value.
     static std::shared_ptr<const Message> snapshot(Message const& source);
-    // A fresh message for a receive callback; takes over the caller's
-    // reference to `source`. The application may write through the pointer
-    // getBinaryAttachmentPtr hands out, so the payload bytes are shared only
-    // when nothing else holds them (the last delivery of a direct message);
-    // otherwise (another delivery, the queue's spool) they are copied.
-    static std::unique_ptr<Message> deliveryCopy(std::shared_ptr<const Message> source);
+    // A fresh message for a receive callback. The application may write
+    // through the pointer getBinaryAttachmentPtr hands out, so the payload
+    // bytes are shared only when nothing else holds them (the last delivery of
+    // a direct message): the copy then takes over the caller's reference to
+    // `source`. Otherwise (another delivery, the queue's spool, a payload small
+    // enough to copy) they are copied and `source` is left as it was.
+    static std::unique_ptr<Message> deliveryCopy(std::shared_ptr<const Message>& source);
 
     // Destination as a send sees it: the destination record if set, else the
     // topic pointer as a topic.
@@ -56,8 +57,6 @@ class Message {
     bool hasAttachment() const { return attachmentPresent; }
     void const* attachmentData() const { return attachmentBytes; }
     uint32_t attachmentSize() const { return attachmentLength; }
-    // A delivery copies these bytes whole and keeps nothing of this message.
-    bool copiedWhole() const { return attachmentLength <= INLINE_BYTES; }
     bool hasDestinationRecord() const { return destType != SOLCLIENT_NULL_DESTINATION; }
     // Points into this message; valid while it lives.
     char const* destinationRecordName() const { return destName.c_str(); }

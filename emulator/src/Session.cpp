@@ -802,13 +802,13 @@ void Session::deliverDirect(std::string const& topic, std::shared_ptr<const Mess
                                   std::shared_ptr<const Message> held) {
         eventContext->post(
             this, nullptr, [held = std::move(held), callback, user, handle]() mutable {
-                std::unique_ptr<Message> copy;
-                if (held->copiedWhole()) {
-                    copy = Message::deliveryCopy(held);
-                    Context::releaseLater(std::move(held));  // the sender made it
-                } else {
-                    copy = Message::deliveryCopy(std::move(held));
+                std::unique_ptr<Message> copy = Message::deliveryCopy(held);
+                // The last reference to the send's copy, unless it went into `copy`: let go
+                // where the sender made it.
+                if (held.use_count() == 1) {
+                    Context::releaseLater(std::move(held));
                 }
+                held.reset();
                 if (callback(handle, copy.get(), user) == SOLCLIENT_CALLBACK_TAKE_MSG) {
                     static_cast<void>(copy.release());  // the application frees it with msg_free
                 }
