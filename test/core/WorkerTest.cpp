@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "../Eventually.h"
 #include "core/ThreadSlice.h"
 #include "core/Worker.h"
 
@@ -122,15 +123,6 @@ struct Pool {
     KW::Worker<Task, Pool, batch> worker;
 };
 
-template <typename F>
-bool eventually(F condition) {
-    auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!condition() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(1ms);
-    }
-    return condition();
-}
-
 TEST(WorkerThreads, StartOnDemandSecondOnlyPastTheThresholdAndEndWhenIdle) {
     Pool<true> pool;
     pool.start();
@@ -154,7 +146,7 @@ TEST(WorkerThreads, StartOnDemandSecondOnlyPastTheThresholdAndEndWhenIdle) {
     auto& ids = pool.processed;
     EXPECT_EQ(std::set<int>(ids.begin(), ids.end()).size(), 502u);
     // Idle threads end, and ended ones are cleared before new ones start.
-    ASSERT_TRUE(eventually([&] { return pool.jobCount() == 0; }));
+    ASSERT_TRUE(eventually([&] { return pool.jobCount() == 0; }, 10s));
     pool.push(502, 1);
     EXPECT_LE(pool.locked([](auto& w) { return w.jobs.size(); }), 2u);
 }
@@ -239,7 +231,7 @@ TEST(WorkerStop, ReleasedOrStoppedTheRunningTaskFinishesAndTheRestWaits) {
         pool.push(3, 5, &left);
         ASSERT_TRUE(pool.waitEntered(4));
         std::thread stopper([&] { pool.worker.setProcessor(nullptr, 0); });
-        ASSERT_TRUE(eventually([&] { return pool.stopped(); }));
+        ASSERT_TRUE(eventually([&] { return pool.stopped(); }, 10s));
         pool.setGate(true);
         stopper.join();
         EXPECT_EQ(pool.processed, (Ids{0, 1, 2, 3}));
@@ -266,7 +258,7 @@ TEST(WorkerStop, WorkerCanStopItsOwnPoolFromProcess) {
     pool->push(0, 6);
     pool->start();
     ASSERT_TRUE(pool->waitProcessed(3));
-    ASSERT_TRUE(eventually([&] { return pool->stopped(); }));
+    ASSERT_TRUE(eventually([&] { return pool->stopped(); }, 10s));
     // The rest stays queued until the pool is started again.
     std::this_thread::sleep_for(20ms);
     EXPECT_EQ(pool->processed, (Ids{0, 1, 2}));

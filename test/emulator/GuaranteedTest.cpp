@@ -88,7 +88,7 @@ TEST_F(Guaranteed, ClientAckWindowAndRedeliveryThenAutoAck) {
     EXPECT_EQ(first[1].id, redelivered.id);
     EXPECT_EQ(1, all[4].redelivered);  // "2" was delivered, never acknowledged
     EXPECT_EQ(0, all[5].redelivered);  // "3" never left the queue
-    EXPECT_TRUE(Harness::eventually([] { return solEmu_queueDepth("work") == 0; }));
+    EXPECT_TRUE(eventually([] { return solEmu_queueDepth("work") == 0; }));
     EXPECT_EQ(SOLCLIENT_OK, solClient_flow_sendAck(again, all[5].id));  // ignored
     ASSERT_EQ(SOLCLIENT_OK, solClient_flow_destroy(&again));
 }

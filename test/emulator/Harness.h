@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "../Eventually.h"
 #include "solclient/SolClientABI.h"
 #include "SolClientEmulator.h"
 
@@ -159,18 +160,6 @@ class Harness {
     bool waitForMessages(size_t count, void* from = nullptr) {
         return eventually([&] { return received(from) >= count; });
     }
-    // Polls: callbacks run on the context thread, counters in the library.
-    static bool eventually(std::function<bool()> const& done) {
-        auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (!done()) {
-            if (std::chrono::steady_clock::now() >= deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return true;
-    }
-
     // The last event of the kind; a blank one if none came.
     SeenEvent last(bool flow, int event) {
         auto const seen = events();

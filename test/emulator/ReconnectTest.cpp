@@ -64,7 +64,7 @@ TEST_F(Reconnect, BrokerDropRestoresSubscriptionsFlowsAndSendsInFlight) {
     EXPECT_EQ("unacked", again.payload);
     EXPECT_EQ(1, again.redelivered);
     EXPECT_EQ(SOLCLIENT_OK, solClient_flow_sendAck(flow, again.id));
-    EXPECT_TRUE(Harness::eventually([] { return solEmu_queueDepth("q") == 0; }));
+    EXPECT_TRUE(eventually([] { return solEmu_queueDepth("q") == 0; }));
     ASSERT_EQ(SOLCLIENT_OK, solClient_flow_destroy(&flow));
 }
 

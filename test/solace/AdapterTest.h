@@ -10,6 +10,7 @@
 #include <mutex>
 #include <thread>
 
+#include "../Eventually.h"
 #include "SolClientEmulator.h"
 #include "core/DataPacket.h"
 #include "core/DroppedFailures.h"
@@ -49,17 +50,6 @@ struct Event {
     unsigned long long id = 0;
     shared_ptr<Reference> reference{};
 };
-
-// Polls, bounded, for what nothing notifies (queue depths, live library
-// messages, a client still held on the context thread).
-template <typename Done>
-bool eventually(Done done, std::chrono::milliseconds timeout = 5s) {
-    auto const deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(1ms);
-    }
-    return done();
-}
 
 // Items recorded under a mutex; tests wait for what they expect, bounded.
 template <typename T>
