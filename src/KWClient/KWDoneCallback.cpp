@@ -1,6 +1,7 @@
 #include "KWClient/KWDoneCallback.h"
 
 #include "KWClient/KWCallbackProcessor.h"
+#include "KWClient/KWClientFunctions.h"
 #include "KWClient/KWFunction.h"
 
 namespace {
@@ -27,6 +28,9 @@ std::shared_ptr<KWFunction> handleOn(v8::Local<v8::Function> const& fn) {
 }  // namespace
 
 KWDoneCallback::KWDoneCallback(v8::Local<v8::Function> const& fn) : function(handleOn(fn)) {}
+
+KWDoneCallback::KWDoneCallback(v8::Local<v8::Function> const& fn, KWClientFunctions* functions)
+    : function(functions->share(fn)) {}
 
 KWDoneCallback::~KWDoneCallback() = default;
 

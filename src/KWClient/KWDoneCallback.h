@@ -9,6 +9,7 @@
 
 #include "KWClient/KWCallbackItem.h"
 
+class KWClientFunctions;
 class KWFunction;
 
 // The outcome of one asynchronous request, delivered Node-style: null on
@@ -17,6 +18,9 @@ class KWFunction;
 class KWDoneCallback : public KWCallbackItem {
   public:
     explicit KWDoneCallback(v8::Local<v8::Function> const& fn);
+    // A completion that may wait for the client's next connect (a subscribe or
+    // unsubscribe): its function parks with the client's others.
+    KWDoneCallback(v8::Local<v8::Function> const& fn, KWClientFunctions* functions);
     ~KWDoneCallback() override;
     void executeCallback() override;
 

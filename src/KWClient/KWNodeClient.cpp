@@ -27,10 +27,16 @@ KW::QOS::Enum qosOf(v8::Local<v8::Value> value) {
 }
 
 // The completion reference for a call: a KWDoneCallback when the value is a
-// function, otherwise the empty reference.
-std::shared_ptr<KW::Reference> referenceOf(v8::Local<v8::Value> value) {
+// function, otherwise the empty reference. With the client's functions for a
+// request that may wait for a connect, so that a dropped client it reaches is
+// still collected.
+std::shared_ptr<KW::Reference> referenceOf(v8::Local<v8::Value> value,
+                                           KWClientFunctions* waiting = nullptr) {
     if (!value->IsFunction()) {
         return KW::Reference::NONE;
+    }
+    if (waiting != nullptr) {
+        return std::make_shared<KWDoneCallback>(value.As<v8::Function>(), waiting);
     }
     return std::make_shared<KWDoneCallback>(value.As<v8::Function>());
 }
@@ -45,9 +51,9 @@ struct Shape {
     KW::QOS::Enum qos = KW::QOS::AT_MOST_ONCE;
 
     // Made only when asked for, after the caller's own checks.
-    std::shared_ptr<KW::Reference> reference(
-        Nan::FunctionCallbackInfo<v8::Value> const& info) const {
-        return callback >= 1 ? referenceOf(info[callback]) : KW::Reference::NONE;
+    std::shared_ptr<KW::Reference> reference(Nan::FunctionCallbackInfo<v8::Value> const& info,
+                                             KWClientFunctions* waiting = nullptr) const {
+        return callback >= 1 ? referenceOf(info[callback], waiting) : KW::Reference::NONE;
     }
 };
 
@@ -406,11 +412,11 @@ NAN_METHOD(KWNodeClient::Subscribe) {
     char const* argumentError =
         info[0].IsEmpty() ? "Messaging Client Subscribe: topic is missing" : nullptr;
     std::string const topic = KWBoundary::toString(info[0]);
-    std::shared_ptr<KW::Reference> reference = shape.reference(info);
     KWNodeClient* self = wrapperOf(info, "Subscribe");
     if (self == nullptr) {
         return;
     }
+    std::shared_ptr<KW::Reference> reference = shape.reference(info, self->functions.get());
     std::shared_ptr<KW::MessageHandler> handler =
         std::make_shared<KWMessageHandler>(fn.As<v8::Function>(), self->functions.get());
     try {
@@ -428,22 +434,22 @@ NAN_METHOD(KWNodeClient::Unsubscribe) {
     char const* argumentError =
         info[0].IsEmpty() ? "Messaging Client Unsubscribe: topic is empty" : nullptr;
     std::string const topic = KWBoundary::toString(info[0]);
+    KWNodeClient* self = wrapperOf(info, "Unsubscribe");
+    if (self == nullptr) {
+        return;
+    }
     std::shared_ptr<KW::Reference> reference = KW::Reference::NONE;
     KW::QOS::Enum qos = KW::QOS::AT_MOST_ONCE;
     if (n == 2 && info[1]->IsFunction()) {
-        reference = referenceOf(info[1]);
+        reference = referenceOf(info[1], self->functions.get());
     } else if (n >= 2) {
         qos = qosOf(info[1]);
         if (n >= 3) {
-            reference = referenceOf(info[2]);
+            reference = referenceOf(info[2], self->functions.get());
         }
     }
-    KW::Client* client = clientOf(info, "Unsubscribe");
-    if (client == nullptr) {
-        return;
-    }
     try {
-        client->unsubscribe(topic, qos, reference);
+        self->client->unsubscribe(topic, qos, reference);
     } catch (KW::Exception& e) {
         KWBoundary::report(TAG, PATH, __LINE__, "KWNodeClient::Unsubscribe error: ", e);
         return;

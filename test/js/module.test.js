@@ -56,8 +56,9 @@ test('dropped clients their own functions reach: collected (session ended) when 
       if (id === 'down' && ev.eventSubCode() === 3) c.disconnect();
     });
     function handler(m) { seen.push(id + ' ' + m.payload() + ' ' + c.getConnectionState()); c.disconnect(); }
-    if (id !== 'live') c.subscribe('gc/' + id, handler);
-    else c.subscribe('gc/live', handler, function (err) { seen.push('live subscribed ' + err); });
+    // A completion waits for a connect too, and reaches the client as well.
+    if (id === 'down') c.subscribe('gc/down', handler);
+    else c.subscribe('gc/' + id, handler, function (err) { seen.push(id + ' subscribed ' + err); });
     if (id !== 'idle') c.connect();
   }
   drop('idle', HOST);
