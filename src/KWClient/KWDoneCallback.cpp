@@ -27,10 +27,8 @@ std::shared_ptr<KWFunction> handleOn(v8::Local<v8::Function> const& fn) {
 }
 }  // namespace
 
-KWDoneCallback::KWDoneCallback(v8::Local<v8::Function> const& fn) : function(handleOn(fn)) {}
-
 KWDoneCallback::KWDoneCallback(v8::Local<v8::Function> const& fn, KWClientFunctions* functions)
-    : function(functions->share(fn)) {}
+    : function(functions != nullptr ? functions->share(fn) : handleOn(fn)) {}
 
 KWDoneCallback::~KWDoneCallback() = default;
 

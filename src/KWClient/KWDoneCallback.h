@@ -17,10 +17,11 @@ class KWFunction;
 // alone, so a failure reported with an empty text reads as success.
 class KWDoneCallback : public KWCallbackItem {
   public:
-    explicit KWDoneCallback(v8::Local<v8::Function> const& fn);
-    // A completion that may wait for the client's next connect (a subscribe or
-    // unsubscribe): its function parks with the client's others.
-    KWDoneCallback(v8::Local<v8::Function> const& fn, KWClientFunctions* functions);
+    // With a client's functions for a completion that may wait for the
+    // client's next connect (a subscribe or unsubscribe): its function then
+    // parks with the client's others.
+    explicit KWDoneCallback(v8::Local<v8::Function> const& fn,
+                            KWClientFunctions* functions = nullptr);
     ~KWDoneCallback() override;
     void executeCallback() override;
 

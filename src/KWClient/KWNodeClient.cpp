@@ -35,10 +35,7 @@ std::shared_ptr<KW::Reference> referenceOf(v8::Local<v8::Value> value,
     if (!value->IsFunction()) {
         return KW::Reference::NONE;
     }
-    if (waiting != nullptr) {
-        return std::make_shared<KWDoneCallback>(value.As<v8::Function>(), waiting);
-    }
-    return std::make_shared<KWDoneCallback>(value.As<v8::Function>());
+    return std::make_shared<KWDoneCallback>(value.As<v8::Function>(), waiting);
 }
 
 // Where publish, forward and subscribe find their arguments once there are at
