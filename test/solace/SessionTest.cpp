@@ -1,7 +1,3 @@
-// The library brought up and down and its failures as exceptions; a
-// session's life: the property list it gives the library, its connection
-// data, connecting and disconnecting, the session events, and work queued
-// while it is down.
 #include <cstring>
 #include <sstream>
 #include <type_traits>
