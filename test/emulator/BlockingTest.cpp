@@ -38,7 +38,6 @@ std::vector<int> outcomes(std::vector<std::future<int>>& calls) {
 // full publish window return only once the context thread has processed the
 // broker's answer; while it is held they wait, and each has its time-out.
 TEST_F(Blocking, CallsWaitForTheContextThreadUpToTheirTimeOuts) {
-    ASSERT_EQ(0, solEmu_addQueue("q"));
     auto session = harness.connected(
         hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"}, {"SESSION_SUBCONFIRM_TIMEOUT_MS", "20000"}});
     auto quick = harness.connected(hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"},
@@ -78,7 +77,6 @@ TEST_F(Blocking, CallsWaitForTheContextThreadUpToTheirTimeOuts) {
 // From a callback a call that would block fails at once (sub-code 87); in
 // non-blocking send mode a full window gives WOULD_BLOCK, then CAN_SEND.
 TEST_F(Blocking, CallsThatWouldBlockFailOnTheContextThread) {
-    ASSERT_EQ(0, solEmu_addQueue("q"));
     auto session = harness.connected(hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"}});
     int tag = 0;
     solClient_opaqueFlow_pt flow = nullptr;
@@ -115,7 +113,6 @@ TEST_F(Blocking, CallsThatWouldBlockFailOnTheContextThread) {
 // the session outright, or the reserved topic from a publisher, raises
 // DOWN_ERROR and fails every blocked call; a new connect then works.
 TEST_F(Blocking, BlockedCallsThroughAReconnectAndTheSessionGoingDown) {
-    ASSERT_EQ(0, solEmu_addQueue("q"));
     auto session = harness.connected(hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"}});
     int tag = 0;
     solClient_opaqueFlow_pt flow = nullptr;

@@ -47,7 +47,6 @@ TEST_F(Properties, MalformedSessionAndFlowPropertiesAreRefusedNamingTheProperty)
     EXPECT_EQ(SOLCLIENT_FAIL, solClient_session_create(props, harness.context, &other, &funcs, 40));
     EXPECT_EQ(nullptr, other);
 
-    ASSERT_EQ(0, solEmu_addQueue("q"));
     auto connected = harness.connected(hostPort);
     const Props flow = {{"FLOW_BIND_ENTITY_ID", "1"}, {"FLOW_ACKMODE", "3"},
                         {"FLOW_WINDOWSIZE", "0"},     {"FLOW_WINDOWSIZE", "ten"},
