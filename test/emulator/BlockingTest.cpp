@@ -5,7 +5,14 @@
 
 namespace {
 
-using Blocking = EmulatorTest;
+// A publish window of one: a second unanswered send waits for room.
+class Blocking : public EmulatorTest {
+  protected:
+    solClient_opaqueSession_pt session =
+        harness.connected(hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"}});
+    int tag = 0;
+    solClient_opaqueFlow_pt flow = nullptr;
+};
 using Call = std::function<solClient_returnCode_t()>;
 constexpr int DONE = -1;  // what failure() gives for a call that did not fail
 
@@ -38,14 +45,9 @@ std::vector<int> outcomes(std::vector<std::future<int>>& calls) {
 // full publish window return only once the context thread has processed the
 // broker's answer; while it is held they wait, and each has its time-out.
 TEST_F(Blocking, CallsWaitForTheContextThreadUpToTheirTimeOuts) {
-    ASSERT_EQ(0, solEmu_addQueue("q"));
-    auto session = harness.connected(
-        hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"}, {"SESSION_SUBCONFIRM_TIMEOUT_MS", "20000"}});
     auto quick = harness.connected(hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"},
                                               {"SESSION_SUBCONFIRM_TIMEOUT_MS", "50"},
                                               {"SESSION_BLOCKING_WRITE_TIMEOUT_MS", "50"}});
-    int tag = 0;
-    solClient_opaqueFlow_pt flow = nullptr;
     auto fillAndSend = [&](solClient_opaqueSession_pt s) {
         return [&, s] {
             EXPECT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(s, "q", "fills the window", nullptr));
@@ -78,12 +80,8 @@ TEST_F(Blocking, CallsWaitForTheContextThreadUpToTheirTimeOuts) {
 // From a callback a call that would block fails at once (sub-code 87); in
 // non-blocking send mode a full window gives WOULD_BLOCK, then CAN_SEND.
 TEST_F(Blocking, CallsThatWouldBlockFailOnTheContextThread) {
-    ASSERT_EQ(0, solEmu_addQueue("q"));
-    auto session = harness.connected(hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"}});
-    int tag = 0;
-    solClient_opaqueFlow_pt flow = nullptr;
     std::vector<int> inCallback;
-    auto fired = std::make_shared<std::atomic<bool>>(false);  // outlives this test's locals
+    auto fired = std::make_shared<std::atomic<bool>>(false);  // the callback may run after the test
     harness.inEvent = [&, fired](bool isFlow, int event) {
         if (isFlow || event != SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT || fired->exchange(true)) {
             return;
@@ -115,10 +113,6 @@ TEST_F(Blocking, CallsThatWouldBlockFailOnTheContextThread) {
 // the session outright, or the reserved topic from a publisher, raises
 // DOWN_ERROR and fails every blocked call; a new connect then works.
 TEST_F(Blocking, BlockedCallsThroughAReconnectAndTheSessionGoingDown) {
-    ASSERT_EQ(0, solEmu_addQueue("q"));
-    auto session = harness.connected(hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"}});
-    int tag = 0;
-    solClient_opaqueFlow_pt flow = nullptr;
     ASSERT_EQ(SOLCLIENT_OK, harness.createFlow(session, "q", flow));
     solEmu_holdDeliveries(1);
     auto waiting = onOtherThreads({[&] { return harness.subscribe(session, "a", &tag); }});

@@ -250,14 +250,15 @@ class Harness {
     std::vector<SeenMessage> seenMessages;
 };
 
-// Each test gets its own broker address, fresh faults and queues and a
-// harness with one context; once that is gone, nothing may be left alive.
+// Each test gets its own broker address, fresh faults, an empty queue "q" and
+// a harness with one context; once that is gone, nothing may be left alive.
 class EmulatorTest : public ::testing::Test {
   protected:
     struct Fresh {
         Fresh() {
             solEmu_reset();
             solEmu_setRoundTrip(0);
+            EXPECT_EQ(0, solEmu_addQueue("q"));
         }
         ~Fresh() {
             solEmu_reset();  // drops what queues still spool

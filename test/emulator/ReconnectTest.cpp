@@ -15,7 +15,6 @@ using Reconnect = EmulatorTest;
 // once; sends made while reconnecting (not blocking while connecting) are
 // buffered and delivered too.
 TEST_F(Reconnect, BrokerDropRestoresSubscriptionsFlowsAndSendsInFlight) {
-    ASSERT_EQ(0, solEmu_addQueue("q"));
     ASSERT_EQ(0, solEmu_addQueue("r"));
     auto session = harness.connected(hostPort, {{"SESSION_BLOCK_WHILE_CONNECTING", "0"}});
     auto dropping = harness.connected(hostPort, {{"SESSION_REAPPLY_SUBSCRIPTIONS", "0"}});

@@ -65,7 +65,6 @@ class Record {
     std::vector<T> all() {
         return where([](T const&) { return true; });
     }
-    // Waits until n items match.
     template <typename Match>
     bool waitCount(std::size_t n, Match match, std::chrono::milliseconds timeout = 5s) {
         std::unique_lock<std::mutex> lock(mutex);
@@ -138,7 +137,6 @@ class EventRecorder : public EventHandler, public Record<Event> {
         return waitCount(
             n, [kind](Event const& e) { return e.kind == kind; }, timeout);
     }
-    // Waits for n events of the kind and gives all of that kind.
     std::vector<Event> waitOf(Kind kind, std::size_t n) {
         EXPECT_TRUE(waitFor(kind, n)) << "event kind " << kind;
         return of(kind);
@@ -278,8 +276,7 @@ class AdapterTest : public ::testing::Test {
         handlers.push_back(std::make_shared<MessageRecorder>(acknowledging, throwOn));
         return handlers.back();
     }
-    // Subscribes the handler (a new one if none) to a topic, waits for the
-    // broker's confirmation and gives the handler.
+    // Subscribes the handler (a new one if none) and waits for the confirmation.
     shared_ptr<MessageRecorder> subscribed(shared_ptr<Client> const& client,
                                            std::string const& topic,
                                            shared_ptr<MessageRecorder> handler = nullptr) {
@@ -289,7 +286,7 @@ class AdapterTest : public ::testing::Test {
         EXPECT_TRUE(events->waitFor(CREATED, before + 1));
         return handler;
     }
-    // Publishes a marker to a topic the handler receives and waits for it.
+    // What was published before the marker has had its chance to arrive.
     void flush(shared_ptr<Client> const& client, shared_ptr<MessageRecorder> const& handler,
                std::string const& topic) {
         auto const before = handler->where([](auto& m) { return text(m) == "marker"; }).size();

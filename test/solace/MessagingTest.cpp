@@ -1,9 +1,3 @@
-// Sending at most once and guaranteed, and receiving through topic
-// subscriptions and queue flows. Every send ends in exactly one of finalize,
-// rejected or error, also when the library fails, and nothing is left
-// pending; subscriptions cover duplicates and unknown names, the broker's
-// refusals and the states they leave, messages arriving after a stop,
-// acknowledgement, failing handlers and the bound of the receive queue.
 #include "AdapterTest.h"
 #include "solace/LibraryException.h"
 #include "solace/impl/Flow.h"

@@ -14,10 +14,8 @@ TEST(IncompleteVendorLibrary, CannotBeLoadedAndTheLibraryStaysUnstarted) {
         KW::Solace::SolaceAPI api;
         FAIL() << "a library without solClient_flow_sendAck was accepted";
     } catch (KW::SharedLibraryHandleException const& e) {
-        std::string const text = e.what();
-        EXPECT_EQ(text.rfind("libsolclient.so: ", 0), 0u) << text;
-        EXPECT_NE(text.find("solClient_flow_sendAck"), std::string::npos) << text;
-        EXPECT_EQ(text.back(), '\n');
+        // The message's form is the loader's (SharedLibraryHandleTest).
+        EXPECT_NE(std::string(e.what()).find("solClient_flow_sendAck"), std::string::npos);
     }
     KW::Solace::Impl::Library library;
     EXPECT_THROW(library.start(), KW::SharedLibraryHandleException);

@@ -1,7 +1,3 @@
-// The library brought up and down and its failures as exceptions; a
-// session's life: the property list it gives the library, its connection
-// data, connecting and disconnecting, the session events, and work queued
-// while it is down.
 #include <cstring>
 #include <sstream>
 #include <type_traits>
@@ -69,13 +65,8 @@ TEST_F(Library, FailuresLeaveNothingBehindAndNothingEndsWhileItsClientLives) {
 
 TEST(LibraryExceptionText, FollowsTheErrorRecordAndItsQuirks) {
     solClient_errorInfo_t info{};
-    info.subCode = SOLCLIENT_SUBCODE_LOGIN_FAILURE;
-    info.responseCode = 401;
     std::strcpy(info.errorStr, "Connection refused");
-    LibraryException refused(&info, "fallback");
-    EXPECT_STREQ(refused.what(), "Connection refused");
-    EXPECT_EQ(refused.getSubCode(), SOLCLIENT_SUBCODE_LOGIN_FAILURE);
-    EXPECT_EQ(refused.getResponseCode(), 401);
+    EXPECT_STREQ(LibraryException(&info, "fallback").what(), "Connection refused");
     std::strcpy(info.errorStr, "0 leading digit");
     EXPECT_STREQ(LibraryException(&info, "fallback").what(), "fallback");
     info.errorStr[0] = '\0';
