@@ -58,7 +58,8 @@ const standIn = () => Object.fromEntries(['liveSessions', 'liveContexts', 'liveF
 
 // ---- sends: every completion exactly once under injected faults ---------------
 
-// One fault per batch of publishes: each once, in order, then drawn at random.
+// One fault per batch of publishes: each once, last first (the short batches
+// of held answers and a drop fit the smallest --scale), then drawn at random.
 // arm() runs before the batch, at(i) before publish i, settle() after it.
 const HOST_SENDS = 'localhost:55601';
 const SEND_FAULTS = [
@@ -98,7 +99,7 @@ async function sends() {
   let answered = 0;
   const started = Date.now();
   for (let sent = 0, batch = 0; sent < SIZE.sends; batch++) {
-    const fault = SEND_FAULTS[batch < SEND_FAULTS.length ? batch : below(SEND_FAULTS.length)];
+    const fault = SEND_FAULTS[batch < SEND_FAULTS.length ? SEND_FAULTS.length - 1 - batch : below(SEND_FAULTS.length)];
     figures.batches[fault.name] = (figures.batches[fault.name] || 0) + 1;
     if (fault.arm) fault.arm();
     const n = Math.min(fault.batch || BATCH, SIZE.sends - sent);
