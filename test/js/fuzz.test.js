@@ -1,10 +1,8 @@
 'use strict';
-// Seeded random call sequences on clients, messages and events with hostile
-// arguments: wrong types, throwing getters and toString, proxies, huge
-// strings, receivers of other classes, calls after disconnect. Verdict: the
-// process survives and everything thrown, at once or from a callback, is an
-// Error. The calls run in a child process, so that a crash is reported with
-// the seed that replays its call sequence:
+// Seeded random calls on clients, messages and events with hostile arguments
+// and receivers. Verdict: the process survives and everything thrown, at once
+// or from a callback, is an Error. A child process runs the calls, so that a
+// crash is reported with the seed that replays it:
 //   KWNODE_FUZZ_SEED=<seed> [KWNODE_FUZZ_CALLS=<n>] node test/js/fuzz.test.js
 var assert = require('assert');
 var harness = require('./harness');

@@ -42,15 +42,12 @@ exports.test = function (name, fn) {
 };
 
 var root = exports.root = path.resolve(__dirname, '..', '..');
-// The add-ons of the build tree under test: KWNODE_BUILD_DIR when set (index.js
-// honours it too), else the release build.
+// The add-ons of the build tree under test, chosen as index.js does.
 var addonDir = path.resolve(process.env.KWNODE_BUILD_DIR || path.join(root, 'build'), 'addon',
   'node-v' + process.versions.modules);
 exports.probePath = path.join(addonDir, 'kwbridge_probe.node');
 exports.kwnode = function () { return require(root); };
-exports.probe = function () { return require(exports.probePath); };
-// The stand-in's control functions; kwnode is loaded first so that the
-// stand-in library is there to be found.
+// The stand-in's control functions; kwnode loads the library they look up.
 exports.control = function () {
   exports.kwnode();
   return require(path.join(addonDir, 'kwemu_control.node'));
@@ -108,15 +105,14 @@ exports.collector = function () {
 };
 
 // Made apart from the client: an event function that can reach its client
-// (here through a shared closure) keeps it for as long as it is connected.
+// (through a shared closure) keeps it for as long as it is connected.
 function recorder(events) {
   return function (ev) { events.push([ev.eventCode(), ev.eventSubCode(), ev.what()]); };
 }
 
 // Resolves with { client, events } once a client on the stand-in broker (at
-// port, 55555 by default) is in state 3 and its event saying so has arrived
-// (the state is read at once, the event comes through the loop); events holds
-// [eventCode, eventSubCode, what] of each event.
+// port, 55555 by default) is in state 3 and its event saying so has come
+// through the loop; events holds [eventCode, eventSubCode, what] of each.
 exports.connected = function (id, vpn, port) {
   var events = [];
   var client = new (exports.kwnode().KWNodeClient)(id, 'SOLACE', { host: 'localhost', port: port || 55555, vpn: vpn },

@@ -21,7 +21,7 @@ const SIZE = Object.fromEntries(Object.entries(LONG
   : { sends: 200000, cycles: 20, messages: 1000000, clients: 1000 })
   .map(([key, n]) => [key, Math.max(1, Math.round(n * SCALE))]));
 const MiB = 1024 * 1024;
-// Growth allowed between the post-warm-up sample and the last one.
+// Growth allowed from the post-warm-up sample to the last.
 const MEMORY_BOUND = { rss: 48 * MiB, heapUsed: 16 * MiB };
 
 const { KWNodeClient } = harness.kwnode();
@@ -37,7 +37,7 @@ const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 const elapsed = (started) => ['elapsed', ((Date.now() - started) / 1000).toFixed(1) + ' s'];
 
 const until = (predicate, what, timeoutMs = 60000) => harness.waitFor(predicate, what, timeoutMs);
-// A client on its own broker (one port per campaign, so drops stay local).
+// One broker (port) per campaign, so that drops stay local.
 const connect = (id, port) => harness.connected(id, 'soak', port);
 
 const subscribed = (client, ...args) => new Promise((resolve, reject) =>
@@ -58,8 +58,9 @@ const standIn = () => Object.fromEntries(['liveSessions', 'liveContexts', 'liveF
 
 // ---- sends: every completion exactly once under injected faults ---------------
 
-// One fault per batch of publishes, drawn at random. arm() runs before the
-// batch, at(i) before publish i, settle() after the batch has been sent.
+// One fault per batch of publishes: each once, last first (the short batches
+// of held answers and a drop fit the smallest --scale), then drawn at random.
+// arm() runs before the batch, at(i) before publish i, settle() after it.
 const HOST_SENDS = 'localhost:55601';
 const SEND_FAULTS = [
   { name: 'none' },
@@ -97,8 +98,8 @@ async function sends() {
   const figures = { direct: 0, guaranteed: 0, ok: 0, failed: 0, twice: 0, batches: {} };
   let answered = 0;
   const started = Date.now();
-  for (let sent = 0; sent < SIZE.sends;) {
-    const fault = SEND_FAULTS[below(SEND_FAULTS.length)];
+  for (let sent = 0, batch = 0; sent < SIZE.sends; batch++) {
+    const fault = SEND_FAULTS[batch < SEND_FAULTS.length ? SEND_FAULTS.length - 1 - batch : below(SEND_FAULTS.length)];
     figures.batches[fault.name] = (figures.batches[fault.name] || 0) + 1;
     if (fault.arm) fault.arm();
     const n = Math.min(fault.batch || BATCH, SIZE.sends - sent);
@@ -123,7 +124,7 @@ async function sends() {
   }
   await sleep(200);  // a late second completion would show here
   client.disconnect();
-  const missing = calls.reduce((count, c) => count + (c === 0 ? 1 : 0), 0);
+  const missing = calls.filter((c) => c === 0).length;
   check(figures.twice === 0, 'completions called twice');
   check(missing === 0, 'publishes without a completion');
   return [
@@ -338,9 +339,8 @@ async function churn() {
 const CAMPAIGNS = [['sends', sends], ['e2e', endToEnd], ['memory', memoryRun], ['churn', churn]];
 
 async function main() {
-  console.log(`soak ${LONG ? 'long' : 'short'} form, seed ${SEED} (replay: --seed ${SEED}), node ${process.version}` +
-    (harness.sanitized ? ', under a sanitizer' : ''));
-  console.log('sizes: ' + JSON.stringify(SIZE) + (LONG ? '' : ' (short form: fewer than the long form\'s 1M sends, 100 cycles, 10M messages, 5000 clients)'));
+  console.log(`soak ${LONG ? 'long' : 'short'} form ${JSON.stringify(SIZE)}, seed ${SEED} (replay: --seed ${SEED}), ` +
+    `node ${process.version}${harness.sanitized ? ', under a sanitizer' : ''}`);
   let failed = 0;
   const table = [];
   for (const [name, run] of CAMPAIGNS) {

@@ -16,7 +16,6 @@
 #include "KWClient/KWNodeEvent.h"
 #include "KWClient/KWNodeMessage.h"
 #include "KWProbeItem.h"
-#include "core/QOS.h"
 
 namespace {
 
@@ -75,16 +74,6 @@ NAN_METHOD(ReportTwice) {
     });
 }
 
-// completeWith(text, code, fn): a failed subscribe reported with text and code.
-NAN_METHOD(CompleteWith) {
-    std::string const text = *Nan::Utf8String(info[0]);
-    int const code = Nan::To<int32_t>(info[1]).FromMaybe(0);
-    reportFromThread(info, 2, false, [&](KWEventHandler& handler, Done const& done) {
-        handler.subscriptionCreateError("probe/topic", KW::QOS::AT_MOST_ONCE, done, text.c_str(),
-                                        code);
-    });
-}
-
 // runtimeError(fn, text[, code]): a runtime error on an event handler bound to
 // fn; without code the one-argument form is used.
 NAN_METHOD(RuntimeError) {
@@ -125,7 +114,6 @@ NAN_MODULE_INIT(InitProbe) {
     KWNodeMessage::Init(target);
     Nan::SetMethod(target, "pushFromThreads", PushFromThreads);
     Nan::SetMethod(target, "reportTwice", ReportTwice);
-    Nan::SetMethod(target, "completeWith", CompleteWith);
     Nan::SetMethod(target, "runtimeError", RuntimeError);
     Nan::SetMethod(target, "releaseHandlerOnThread", ReleaseHandlerOnThread);
     Nan::SetMethod(target, "pendingCount", PendingCount);
