@@ -39,7 +39,7 @@ export interface AbortSignalLike {
 export interface WaitOptions {
   /** Rejects the wait with an AbortError (code ABORT_ERR). */
   signal?: AbortSignalLike;
-  /** Rejects the wait with ERR_KWNODE_TIMEOUT after this many milliseconds. */
+  /** Rejects the wait with ERR_KWNODE_TIMEOUT after this many milliseconds (0 to 2147483647). */
   timeout?: number;
 }
 

@@ -50,14 +50,30 @@ function keyOf(topic, qos) {
   return (qos === GUARANTEED ? 'queue:' : 'topic:') + topic;
 }
 
+// The largest delay setTimeout keeps; a longer one would fire at once.
+const TIMEOUT_MAX = 2147483647;
+
+// The options' signal, checked so that a wrong one fails with a clear text
+// rather than with what it breaks.
+function signalOf(options) {
+  const signal = options ? options.signal : undefined;
+  if (signal && typeof signal.addEventListener !== 'function') {
+    throw new TypeError('kwnode: signal must be an AbortSignal');
+  }
+  return signal || undefined;
+}
+
 // A promise that the executor settles through ctl.resolve / ctl.reject, or
 // that the options' signal (abort) or timeout (milliseconds) rejects first;
 // ctl.onCancel then undoes what the executor started and ctl.cleanup runs on
 // every outcome.
 function settleOnce(options, executor) {
-  const signal = options && options.signal;
-  const timeout = options && options.timeout;
   return new Promise((resolve, reject) => {
+    const signal = signalOf(options);
+    const timeout = options ? options.timeout : undefined;
+    if (timeout != null && !(typeof timeout === 'number' && timeout >= 0 && timeout <= TIMEOUT_MAX)) {
+      throw new TypeError(`kwnode: timeout must be a number of milliseconds from 0 to ${TIMEOUT_MAX}`);
+    }
     if (signal && signal.aborted) {
       reject(abortError(signal));
       return;
@@ -82,7 +98,7 @@ function settleOnce(options, executor) {
     ctl.reject = (err) => finish(reject, err);
     ctl.settled = () => settled;
     if (signal) signal.addEventListener('abort', onAbort);
-    if (timeout !== undefined && timeout !== null) {
+    if (timeout != null) {
       timer = setTimeout(() => cancel(layerError('ERR_KWNODE_TIMEOUT',
         `kwnode: no answer within ${timeout} ms`)), timeout);
     }
@@ -134,8 +150,8 @@ class Subscription {
       throw new TypeError('kwnode: this subscription delivers to its handler, not to an iterator');
     }
     if (this._iterated) throw new TypeError('kwnode: a subscription has one iterator');
+    const signal = signalOf(options);
     this._iterated = true;
-    const signal = options && options.signal;
     if (signal) {
       const onAbort = () => this._end(abortError(signal), STOP);
       if (signal.aborted) onAbort();

@@ -52,7 +52,9 @@ test('connect resolves when connected and rejects on failure, time-out and abort
     [failing({ host: 'down.invalid', port: 1 }, { timeout: 200 }), 'ERR_KWNODE_TIMEOUT'],
     [failing({ host: 'down.invalid', port: 1 }, { signal: later.signal }), 'ABORT_ERR'],
     [failing({}, { signal: aborted.signal }), 'ABORT_ERR'],
-    [waiting, 'ERR_KWNODE_DISCONNECTED']
+    [waiting, 'ERR_KWNODE_DISCONNECTED'],
+    [client.connect({ signal: {} }), 'kwnode: signal must be an AbortSignal'],
+    [client.connect({ timeout: -1 }), 'kwnode: timeout must be a number of milliseconds from 0 to 2147483647']
   ];
   assert.deepStrictEqual(await Promise.all(cases.map((c) => rejection(c[0]))), cases.map((c) => c[1]));
 });
@@ -75,6 +77,7 @@ test('errors surface as rejections, and a failed subscription can be retried', a
   // A queue that does not exist: the subscribe resolves at hand-over, the bind fails later.
   const missing = await client.subscribe('p.missing', { qos: 2 });
   assert.strictEqual(await rejection(missing.closed), 66);
+  assert.throws(() => missing.messages({ signal: 5 }), /signal must be an AbortSignal/);
   assert.strictEqual(await rejection(missing.messages().next()), 66);
 });
 
