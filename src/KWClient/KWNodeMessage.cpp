@@ -236,7 +236,7 @@ Nan::MaybeLocal<v8::Object> KWNodeMessage::NewForDelivery(
     if (!Nan::NewInstance(Nan::New(classTemplate)->InstanceTemplate()).ToLocal(&object)) {
         return Nan::MaybeLocal<v8::Object>();
     }
-    object->SetAlignedPointerInInternalField(0, nullptr);
+    Nan::SetInternalFieldPointer(object, 0, nullptr);  // NAN's form: V8 14.3+ wants a tag
     object->SetInternalField(TOPIC_FIELD, topicCache.get(message->getTopic()));
     if (packet) {
         size_t const n = packet->size();
