@@ -51,8 +51,12 @@ char* contentsOf(v8::Local<v8::ArrayBuffer> ab) {
 #endif
 }
 
-// A Buffer over n bytes of ab from offset.
+// A Buffer over n bytes of ab from offset; empty once ab's bytes were
+// moved away (detached), as a view of it then reads.
 Nan::MaybeLocal<v8::Object> bufferOver(v8::Local<v8::ArrayBuffer> ab, size_t offset, size_t n) {
+    if (offset + n > ab->ByteLength()) {
+        return Nan::NewBuffer(0);
+    }
 #if NODE_MODULE_VERSION >= NODE_14_0_MODULE_VERSION
     // Some lines give a MaybeLocal<Uint8Array>, others a MaybeLocal<Object>.
     auto made = node::Buffer::New(v8::Isolate::GetCurrent(), ab, offset, n);
@@ -90,34 +94,78 @@ class PayloadSlab {
     // Copies n bytes (n at most SIZE) into the slab; returns the slab and
     // sets offset to where they went.
     v8::Local<v8::ArrayBuffer> place(char const* data, size_t n, size_t& offset) {
-        if (slab.IsEmpty() || used + n > SIZE) {
-            refill();
+        v8::Local<v8::ArrayBuffer> ab;
+        if (!slab.IsEmpty()) {
+            ab = Nan::New(slab);
+        }
+        // A slab whose bytes were moved away (detached: a transfer got past
+        // the guard) is not written again; only script code can detach it,
+        // and none runs between this check and the copy.
+        if (ab.IsEmpty() || used + n > SIZE || ab->ByteLength() != SIZE) {
+            ab = refill();
         }
         if (n != 0) {
             std::memcpy(base + used, data, n);
         }
         offset = used;
         used = (used + n + 7) & ~static_cast<size_t>(7);
-        return Nan::New(slab);
+        return ab;
+    }
+
+    // Node's own guard for its Buffer pool, where the line has one: a
+    // transfer list then copies the slab (Node 20) or refuses it (22 and
+    // later) instead of moving other messages' bytes to another thread.
+    void guardWith(v8::Local<v8::Function> markAsUntransferable) {
+        guard.Reset(markAsUntransferable);
     }
 
   private:
-    void refill() {
+    v8::Local<v8::ArrayBuffer> refill() {
         v8::Local<v8::ArrayBuffer> ab = v8::ArrayBuffer::New(v8::Isolate::GetCurrent(), SIZE);
         base = contentsOf(ab);
+        if (!guard.IsEmpty()) {
+            Nan::TryCatch failed;
+            v8::Local<v8::Value> argv[] = {ab};
+            static_cast<void>(
+                Nan::Call(Nan::New(guard), Nan::GetCurrentContext()->Global(), 1, argv));
+        }
         // Buffers and messages already carved keep the old slab alive.
         slab.Reset(ab);
         used = 0;
+        return ab;
     }
 
     // Persistent handles are not reset on destruction, so a thread that
     // ends after its isolate leaves nothing to dispose.
     Nan::Persistent<v8::ArrayBuffer> slab;
+    Nan::Persistent<v8::Function> guard;
     char* base = nullptr;
     size_t used = 0;
 };
 
 thread_local PayloadSlab payloadSlab;
+
+bool property(v8::Local<v8::Value> from, char const* name, v8::Local<v8::Value>& out) {
+    return from->IsObject() &&
+           Nan::Get(from.As<v8::Object>(), Nan::New(name).ToLocalChecked()).ToLocal(&out);
+}
+
+// worker_threads.markAsUntransferable, reached through
+// process.getBuiltinModule (Node 20.16 and 22.3 on); empty where there is none.
+v8::Local<v8::Function> untransferableMarker() {
+    Nan::TryCatch failed;
+    v8::Local<v8::Value> process, load, module, mark;
+    if (!property(Nan::GetCurrentContext()->Global(), "process", process) ||
+        !property(process, "getBuiltinModule", load) || !load->IsFunction()) {
+        return {};
+    }
+    v8::Local<v8::Value> argv[] = {Nan::New("worker_threads").ToLocalChecked()};
+    if (!Nan::Call(load.As<v8::Function>(), process.As<v8::Object>(), 1, argv).ToLocal(&module) ||
+        !property(module, "markAsUntransferable", mark) || !mark->IsFunction()) {
+        return {};
+    }
+    return mark.As<v8::Function>();
+}
 
 // The string of the last topic delivered on this thread: a stream of messages
 // on one topic shares one string instead of making one per message.
@@ -183,6 +231,7 @@ void KWNodeMessage::Init(v8::Local<v8::Object> exports) {
     classTemplate.Reset(tpl);
     constructor.Reset(fn);
     Nan::Set(exports, Nan::New("KWNodeMessage").ToLocalChecked(), fn);
+    payloadSlab.guardWith(untransferableMarker());
 }
 
 NAN_METHOD(KWNodeMessage::New) {
@@ -261,9 +310,13 @@ std::shared_ptr<KW::Message> KWNodeMessage::messageOf(v8::Local<v8::Value> value
         std::shared_ptr<KW::DataPacket> packet;
         v8::Local<v8::Value> slab = internalField(object, PAYLOAD_FIELD);
         if (slab->IsArrayBuffer()) {
-            auto const offset = Nan::To<uint32_t>(internalField(object, OFFSET_FIELD)).FromJust();
-            auto const n = Nan::To<uint32_t>(internalField(object, LENGTH_FIELD)).FromJust();
-            packet = KW::DataPacket::create(contentsOf(slab.As<v8::ArrayBuffer>()) + offset, n);
+            auto const ab = slab.As<v8::ArrayBuffer>();
+            size_t const offset = Nan::To<uint32_t>(internalField(object, OFFSET_FIELD)).FromJust();
+            size_t const n = Nan::To<uint32_t>(internalField(object, LENGTH_FIELD)).FromJust();
+            // Bytes moved away (see bufferOver) forward as an empty payload.
+            if (offset + n <= ab->ByteLength()) {
+                packet = KW::DataPacket::create(contentsOf(ab) + offset, n);
+            }
         }
         Nan::Utf8String topic(internalField(object, TOPIC_FIELD));
         return std::make_shared<KWDetachedMessage>(std::string(*topic, topic.length()),

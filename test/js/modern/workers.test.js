@@ -88,3 +88,42 @@ test('the process exits cleanly while Workers hold clients and messages flow', (
   const run = harness.spawn(['-e', script]);
   assert.deepStrictEqual([run.status, run.signal, run.out, run.err], [0, null, 'exiting', '']);
 });
+
+test('a small payload moved to another thread or buffer takes no other message\'s bytes and breaks no later one', () => {
+  // Small payloads share one slab per thread, as Buffer.allocUnsafe's pool does.
+  const script = `
+    const { MessageChannel } = require('worker_threads');
+    const kw = require(${JSON.stringify(harness.root)});
+    const { port1 } = new MessageChannel();
+    const ways = { post: (ab) => port1.postMessage(ab, [ab]), clone: (ab) => structuredClone(ab, { transfer: [ab] }) };
+    if (ArrayBuffer.prototype.transfer) ways.transfer = (ab) => ab.transfer();
+    const c = new kw.KWNodeClient('moved', 'SOLACE', { host: 'h', port: 1, vpn: 'moved' });
+    const got = [];
+    const read = (m) => m.payload().toString();
+    const next = (n) => new Promise((resolve) => { const t = setInterval(() => got.length >= n && resolve(clearInterval(t)), 2); });
+    c.connect();
+    c.subscribe('mv/>', (m) => got.push(m), async () => {
+      const out = [];
+      for (const way of Object.keys(ways)) {
+        c.publish('mv/t', way + '-a');
+        c.publish('mv/t', way + '-b');
+        await next(got.length + 2);
+        const [a, b] = got.slice(-2);
+        const bytes = a.payload();
+        try { ways[way](bytes.buffer); } catch (e) { /* refused, as for Node's own pool */ }
+        c.publish('mv/t', way + '-c');
+        c.forward('mv/fwd', a);
+        await next(got.length + 2);
+        out.push([way, bytes.buffer.byteLength === 0, read(a), read(b), ...got.slice(-2).map(read).sort()]);
+      }
+      console.log(JSON.stringify(out));
+      process.exit(0);
+    });`;
+  const run = harness.spawn(['-e', script]);
+  assert.deepStrictEqual([run.status, run.signal], [0, null], run.err);
+  for (const [way, moved, a, b, forwarded, c] of JSON.parse(run.out)) {
+    // Where Node lets the slab go, the bytes it took read as empty here, like any view of it.
+    assert.deepStrictEqual([a, forwarded, c], moved ? ['', '', way + '-c'] : [way + '-a', way + '-a', way + '-c'], way);
+    assert.ok(b === way + '-b' || (moved && b === ''), `${way}: ${b}`);
+  }
+});
