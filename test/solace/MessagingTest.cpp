@@ -390,6 +390,10 @@ TEST_F(Subscriptions, SubscriptionsComeBackAfterADisconnectAndAConnect) {
     EXPECT_EQ(faults[1].number, SOLCLIENT_SUBCODE_QUEUE_NOT_FOUND);
     EXPECT_EQ(session().findSubscription("denied"), nullptr);
     EXPECT_EQ(session().findFlow("work"), nullptr);
+    // Gone at the broker, yet the script subscribed it: its unsubscribe is answered, once.
+    ASSERT_TRUE(unsubscribe("denied", AMO));
+    EXPECT_EQ(events->waitOf(REMOVED, 1).size(), 1u);
+    EXPECT_FALSE(unsubscribe("denied", AMO));
     solEmu_refuseSubscriptions("denied", 0);
     subscribed(client, "denied", handler);
 }

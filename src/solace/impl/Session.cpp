@@ -794,14 +794,25 @@ bool Session::subscribeTopic(std::shared_ptr<KW::MessageHandler> handler, std::s
         return false;
     }
     std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    refusedTopics.erase(topic);
     return addEntry<TopicSubscribeTask>(subscriptions, subscribeWorker,
                                         std::make_unique<Subscription>(*this, topic, handler),
                                         topic, std::move(reference));
 }
 
 bool Session::unsubscribeTopic(std::string const& topic, std::shared_ptr<KW::Reference> reference) {
-    std::lock_guard<std::mutex> lock(subscriptionsMutex);
-    return removeEntry<TopicSubscribeTask>(subscriptions, subscribeWorker, topic, reference);
+    {
+        std::lock_guard<std::mutex> lock(subscriptionsMutex);
+        if (removeEntry<TopicSubscribeTask>(subscriptions, subscribeWorker, topic, reference)) {
+            return true;
+        }
+        if (refusedTopics.erase(topic) == 0) {
+            return false;
+        }
+    }
+    // Already gone at the broker, which refused it on a connect; the script still holds it.
+    notifyHandlerOfTopicUnsubscribe(topic, reference, nullptr);
+    return true;
 }
 
 bool Session::unsubscribeTopics(std::shared_ptr<KW::MessageHandler> handler,
@@ -899,15 +910,17 @@ void Session::reestablish() {
         auto it = map.find(name);
         return it != map.end() && it->second.get() == target ? it : map.end();
     };
-    // A refused entry leaves its map unless a request took it out first; what the map held is
-    // returned, to go outside the lock.
-    auto forget = [this, &mapped](auto& map, std::string const& name, auto const* target) {
+    // A refused entry leaves its map (then `also` runs, under the same lock) unless a request took
+    // it out first; what the map held is returned, to go outside the lock.
+    auto forget = [this, &mapped](auto& map, std::string const& name, auto const* target,
+                                  auto also) {
         typename std::remove_reference_t<decltype(map)>::mapped_type held;
         std::lock_guard<std::mutex> lock(subscriptionsMutex);
         auto it = mapped(map, name, target);
         if (it != map.end()) {
             held = std::move(it->second);
             map.erase(it);
+            also(name);
         }
         return held;
     };
@@ -923,7 +936,8 @@ void Session::reestablish() {
         if (subscription->resubscribe(refusal)) {
             continue;
         }
-        forget(subscriptions, subscription->getTopic(), subscription);
+        forget(subscriptions, subscription->getTopic(), subscription,
+               [this](std::string const& topic) { refusedTopics.insert(topic); });
         notifyHandlerOfRuntimeError(refusal);
     }
     // A flow is bound again as a new one: the messages of the old one (whose library flow went
@@ -943,7 +957,7 @@ void Session::reestablish() {
         if (renewed->rebind(refusal)) {
             continue;
         }
-        forget(flows, renewed->getName(), renewed.get());
+        forget(flows, renewed->getName(), renewed.get(), [](std::string const&) {});
         notifyHandlerOfRuntimeError(refusal);
     }
 }

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -186,6 +187,9 @@ class Session : public std::enable_shared_from_this<Session> {
     std::mutex subscriptionsMutex;
     std::map<std::string, std::unique_ptr<Subscription>> subscriptions;
     std::map<std::string, std::shared_ptr<Flow>> flows;
+    // Topics the broker refused when a connect applied them again: gone from the map, so that
+    // subscribing again is no duplicate, yet an unsubscribe of one is still answered.
+    std::set<std::string> refusedTopics;
 
     std::map<unsigned long long, std::shared_ptr<MessageTask>> pending;
     std::mutex pendingMutex;

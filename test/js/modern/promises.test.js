@@ -79,6 +79,18 @@ test('errors surface as rejections, and a failed subscription can be retried', a
   assert.strictEqual(await rejection(missing.closed), 66);
   assert.throws(() => missing.messages({ signal: 5 }), /signal must be an AbortSignal/);
   assert.strictEqual(await rejection(missing.messages().next()), 66);
+  // A topic the broker refuses when the next connect applies it again: its unsubscribe still resolves.
+  const again = new Client('p-again', 'SOLACE', HOST);
+  const refusals = [];
+  again.on('runtimeError', (what, code) => refusals.push(code));
+  await again.connect();
+  await again.subscribe('again/t', () => {});
+  await again.disconnect();
+  harness.control().failNext('solClient_session_topicSubscribeWithDispatch', 1, -1, 68, 'refused on reconnect');
+  await again.connect();
+  await harness.waitFor(() => refusals.length === 1, 'the refusal');
+  await again.unsubscribe('again/t', { timeout: 5000 });
+  assert.deepStrictEqual(refusals, [68]);
 });
 
 test('sends beyond the in-flight bound wait in order; a full queue rejects at once; an aborted wait is never sent', async () => {
