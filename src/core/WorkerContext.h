@@ -196,11 +196,17 @@ class WorkerContext {
             processor = nullptr;
             jobCount = 0;
             ++generation;
-            endedJobs.clear();
             for (auto& job : jobs) {
                 retiredJobs.push_back(job);
-                ++retiredRunning;
+                // A thread that already ended idle will never discount itself.
+                if (std::find(endedJobs.begin(), endedJobs.end(), job->get_id()) !=
+                    endedJobs.end()) {
+                    retiredEnded.push_back(job->get_id());
+                } else {
+                    ++retiredRunning;
+                }
             }
+            endedJobs.clear();
             jobs.clear();
         }
         notEmpty.notify_all();

@@ -243,6 +243,24 @@ TEST(WorkerStop, ReleasedOrStoppedTheRunningTaskFinishesAndTheRestWaits) {
     }
 }
 
+// A pool whose threads have all ended idle is released (a disconnect) and
+// started again (the next up): its next task runs, whatever its threads.
+TEST(WorkerStop, ReleasedAfterItsThreadsEndedIdleItStartsAgain) {
+    for (auto const& thresholds : {std::vector<std::uint64_t>{0}, {0, 100}}) {
+        SCOPED_TRACE(thresholds.size());
+        Pool<false> pool;
+        pool.worker.jobThresholds = thresholds;
+        pool.start();
+        pool.push(0, 1);
+        ASSERT_TRUE(pool.waitProcessed(1));
+        ASSERT_TRUE(eventually([&] { return pool.jobCount() == 0; }, 10s));
+        pool.worker.releaseProcessor(0);
+        pool.start();
+        pool.push(1, 1);
+        EXPECT_TRUE(pool.waitProcessed(2)) << "no thread runs the started pool's task";
+    }
+}
+
 // The thread survives a throwing process() (task 1) and stops its own pool
 // from process() (task 2).
 TEST(WorkerStop, WorkerCanStopItsOwnPoolFromProcess) {
