@@ -532,7 +532,9 @@ void Session::awaitWindowRoom() {
 template <typename Worker>
 bool Session::sendLater(Worker& worker, MessageTask const& task) {
     int const state = connection.getState();
-    if (state == Connection::CONNECTING) {
+    // A first attempt reads disconnected, yet the library holds sends in it just the same.
+    if (state == Connection::CONNECTING ||
+        (state == Connection::DISCONNECTED && connectRequested.load())) {
         return true;
     }
     return state == Connection::CONNECTED &&
