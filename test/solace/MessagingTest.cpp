@@ -311,6 +311,29 @@ TEST_F(Subscriptions, QueueFlowsAcknowledgeOneByOneAndTellTheirFailures) {
     EXPECT_EQ(session().findSubscription("marker"), nullptr);
 }
 
+// A queue unsubscribe whose flow the library will neither stop nor free is
+// answered once, and the flow left running at the library delivers nothing
+// more: its callbacks must not reach the Flow the unsubscribe let go of.
+TEST_F(Subscriptions, AFlowThatWillNotStopNorGoIsAnsweredOnceAndDeliversNoMore) {
+    auto handler = makeHandler();
+    ASSERT_TRUE(subscribe(handler, "work", GUARANTEED));
+    ASSERT_TRUE(eventually([this] {
+        Impl::Flow* flow = session().findFlow("work");
+        return flow != nullptr && flow->getAppliedIn() != 0;
+    }));
+    solEmu_failNext("solClient_flow_stop", 1, SOLCLIENT_FAIL, 6, "will not stop");
+    solEmu_failNext("solClient_flow_destroy", 1, SOLCLIENT_FAIL, 6, "will not go");
+    auto tag = std::make_shared<Tag>(7);
+    ASSERT_TRUE(client->unsubscribe("work", GUARANTEED, tag));
+    subscribed(client, "marker", handler);  // answered after the stop has run
+    auto const answers = events->where([&tag](Event const& e) { return e.reference == tag; });
+    EXPECT_EQ(answers.size(), 1u);
+    EXPECT_EQ(answers.at(0).kind, REMOVE_ERROR);
+    publish("work", "after", GUARANTEED);
+    flush(client, handler, "marker");
+    EXPECT_EQ(handler->count(), 1u);  // the marker
+}
+
 // An explicit disconnect may leave the library without the session's topic
 // subscriptions (the stand-in's default) or with them re-applied by the next
 // connect (answered as duplicates), and a session the broker ended is without

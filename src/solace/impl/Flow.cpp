@@ -108,6 +108,7 @@ bool Flow::open(solClient_errorInfo*& failure, bool& created) {
 }
 
 bool Flow::stop(std::shared_ptr<KW::Reference>& reference) {
+    stopping.store(true);
     SolaceAPI const& api = session.getAPI();
     bool const dropped = session.droppedSince(appliedIn);
     if (!handle && !dropped) {
@@ -134,7 +135,10 @@ bool Flow::stop(std::shared_ptr<KW::Reference>& reference) {
     }
     if (closed != SOLCLIENT_OK) {
         recordFailure();
-        session.notifyHandlerOfQueueUnsubscribe(name, qos, reference, nullptr);
+        if (stopped) {  // a refused stop has given the one answer already
+            session.notifyHandlerOfQueueUnsubscribe(name, qos, reference, nullptr);
+        }
+        session.keepUndestroyed(shared_from_this());
         return false;
     }
     return stopped;
@@ -193,6 +197,9 @@ void Flow::queueEventCallback(void* /*flow*/, solClient_flow_eventCallbackInfo* 
 solClient_rxMsgCallback_returnCode_t Flow::queueReceiveCallback(void* /*flow*/, void* msg,
                                                                 void* user) {
     Flow* flow = static_cast<Flow*>(user);
+    if (flow->stopping.load()) {
+        return SOLCLIENT_CALLBACK_OK;  // unsubscribed; the broker gives it to the next consumer
+    }
     bool taken = false;
     try {
         auto payload = ReceiveTask::readPayload(flow->session.getAPI(), msg, taken);

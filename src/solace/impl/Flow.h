@@ -87,6 +87,8 @@ class Flow : public std::enable_shared_from_this<Flow> {
     std::atomic<int> state;
     std::atomic<int> lastSubCode;
     std::atomic<unsigned long> appliedIn{0};
+    // Set once an unsubscribe stops it: what the library still hands over is not delivered.
+    std::atomic<bool> stopping{false};
 };
 
 }  // namespace Impl

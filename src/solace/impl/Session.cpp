@@ -228,6 +228,10 @@ void Session::end() {
             }
         }
         handle.reset();
+        {
+            std::lock_guard<std::mutex> lock(subscriptionsMutex);
+            undestroyedFlows.clear();
+        }
         stopWorkers();
         // No answer can come any more: every send still open ends here, so that
         // no request is left unanswered and no library message is left behind.
@@ -875,6 +879,11 @@ Flow* Session::findFlow(std::string const& queue) {
 
 void Session::process(std::shared_ptr<SubscribeTask> task) {
     task->execute();
+}
+
+void Session::keepUndestroyed(std::shared_ptr<Flow> flow) {
+    std::lock_guard<std::mutex> lock(subscriptionsMutex);
+    undestroyedFlows.push_back(std::move(flow));
 }
 
 bool Session::droppedSince(unsigned long appliedIn) const {

@@ -154,6 +154,9 @@ class Session : public std::enable_shared_from_this<Session> {
     // Taken by the library in an earlier connection than the current one
     // (0: never taken).
     bool droppedSince(unsigned long appliedIn) const;
+    // Holds a flow whose library flow refused to be destroyed: the library may still call it
+    // back, until the session's own destroy takes its flows.
+    void keepUndestroyed(std::shared_ptr<Flow> flow);
     // A call begun in this connection that failed with this sub-code failed
     // because the connection went, not because the library refused it.
     bool lostSince(unsigned long epoch, int subCode) const;
@@ -187,6 +190,7 @@ class Session : public std::enable_shared_from_this<Session> {
     std::mutex subscriptionsMutex;
     std::map<std::string, std::unique_ptr<Subscription>> subscriptions;
     std::map<std::string, std::shared_ptr<Flow>> flows;
+    std::vector<std::shared_ptr<Flow>> undestroyedFlows;
     // Topics the broker refused when a connect applied them again: gone from the map, so that
     // subscribing again is no duplicate, yet an unsubscribe of one is still answered.
     std::set<std::string> refusedTopics;
