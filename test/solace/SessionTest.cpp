@@ -248,4 +248,39 @@ TEST_F(Session, ADroppedConnectedOrConnectingClientKeepsReceivingUntilTerminated
     EXPECT_EQ(solEmu_liveSessions(), 1);
 }
 
+// A disconnect made while a notice of the broker's drop, or of the library's
+// reconnect, is still on its way to the context thread: the late notice must
+// leave the client disconnected. Read as reconnecting, its sends would wait
+// unanswered on a stopped worker; read as connected, connect() would return
+// without connecting and every send fail.
+TEST_F(Session, ALateNoticeAfterADisconnectLeavesItDisconnected) {
+    // How long after the drop the disconnect comes: before the drop is told
+    // (300 ms round trip), or after the retry a second later, before its answer.
+    for (auto const wait : {0ms, 1150ms}) {
+        SCOPED_TRACE(wait.count());
+        auto client = connectedClient();
+        solEmu_setRoundTrip(300000);
+        auto const dropped = std::chrono::steady_clock::now();
+        solEmu_setBrokerUp(HOST_PORT, 0);
+        solEmu_setBrokerUp(HOST_PORT, 1);  // back on the library's retry
+        std::this_thread::sleep_until(dropped + wait);
+        client->disconnect(0);
+        std::this_thread::sleep_for(600ms);  // the notice has arrived
+        solEmu_setRoundTrip(0);
+        EXPECT_EQ(client->getConnectionState(), Impl::Connection::DISCONNECTED);
+        auto answered = [this](auto const& tag) {
+            auto mine = [&tag](Event const& e) { return e.reference == tag; };
+            return events->waitCount(1, mine) ? events->where(mine)[0].kind : FAULT;
+        };
+        auto unsent = std::make_shared<Tag>(1);
+        client->publish(packet("x"), "t", AMO, unsent, false);
+        EXPECT_EQ(answered(unsent), UNSENT);
+        ASSERT_EQ(client->connect(5000), 1);
+        auto sent = std::make_shared<Tag>(2);
+        client->publish(packet("x"), "t", AMO, sent, false);
+        EXPECT_EQ(answered(sent), SENT);
+        client->disconnect(0);
+    }
+}
+
 }  // namespace KW::Solace::Test

@@ -270,6 +270,7 @@ bool Session::connect(unsigned long timeoutMs) {
         return true;
     }
     connectRequested.store(true);
+    disconnected.store(false);
     if (api.sessionConnect(handle.get()) == SOLCLIENT_FAIL) {
         connectRequested.store(false);
         throw LibraryException(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
@@ -290,10 +291,12 @@ void Session::disconnect(unsigned long timeoutMs) {
         // with this disconnect sees its connection gone, and one the library took just before
         // it counts as dropped with it.
         unsigned long during = ++connectionEpoch;
+        disconnected.store(true);  // before the call: a notice may come while it runs
         if (api.sessionDisconnect(handle.get()) != SOLCLIENT_OK) {
             LibraryException refused(api.getLastErrorInfo(), LibraryException::DEFAULT_TEXT);
             // Refused, the connection stays, and with it its subscriptions, flows and workers.
             connectionEpoch.compare_exchange_strong(during, during - 1);
+            disconnected.store(false);
             connectRequested.store(requested);
             if (working) {
                 startSendingWorkers();
@@ -371,7 +374,13 @@ void Session::handleEvent(solClient_session_eventCallbackInfo* info) {
     if (info == nullptr) {
         return;
     }
-    switch (static_cast<int>(info->sessionEvent)) {
+    int const event = static_cast<int>(info->sessionEvent);
+    if (disconnected.load() && (event == SOLCLIENT_SESSION_EVENT_UP_NOTICE ||
+                                event == SOLCLIENT_SESSION_EVENT_RECONNECTED_NOTICE ||
+                                event == SOLCLIENT_SESSION_EVENT_RECONNECTING_NOTICE)) {
+        return;  // from before the script's disconnect, which it must not undo
+    }
+    switch (event) {
         case SOLCLIENT_SESSION_EVENT_UP_NOTICE:
         case SOLCLIENT_SESSION_EVENT_RECONNECTED_NOTICE:
             connection.setConnected();

@@ -220,6 +220,9 @@ class Session : public std::enable_shared_from_this<Session> {
     // connect() was called and neither disconnect() nor a final failure
     // followed: a first attempt still reads disconnected, yet is connecting.
     std::atomic<bool> connectRequested{false};
+    // The library disconnected at the script's request and no connect() followed: a reconnect
+    // notice already on its way to the context thread is stale.
+    std::atomic<bool> disconnected{false};
     // See getConnectionEpoch.
     std::atomic<unsigned long> connectionEpoch{1};
 };
