@@ -29,10 +29,9 @@ Subscription::Subscription(Session& session, std::string const& topic,
 }
 
 Subscription::~Subscription() {
-    if (state == SUBSCRIBED) {
-        std::lock_guard<std::mutex> lock(messageReceiveCallbackLock);
-        messageReceiveCallbackFilter.erase(this);
-    }
+    // Whatever the state: one refused when applied again is still listed from its first time.
+    std::lock_guard<std::mutex> lock(messageReceiveCallbackLock);
+    messageReceiveCallbackFilter.erase(this);
 }
 
 void Subscription::subscribed(unsigned long epoch) {
