@@ -171,9 +171,9 @@ class WorkerContext {
         }
     }
 
-    // Stops the pool like setProcessor(nullptr, timeoutMs) but joins no thread:
-    // the threads are retired and end on their own once their current task
-    // returns. For callers that must not wait for a worker that may itself be
+    // Stops the pool like setProcessor(nullptr, timeoutMs) but joins no running
+    // thread: the threads are retired and end on their own once their current
+    // task returns. For callers that must not wait for a worker that may itself be
     // waiting for them (the library's context thread, the JavaScript thread).
     void releaseProcessor(unsigned long timeoutMs) {
         // Drained before the processor lock is taken, so that a start on
@@ -196,17 +196,12 @@ class WorkerContext {
             processor = nullptr;
             jobCount = 0;
             ++generation;
+            // Threads that already ended idle would never discount themselves as retired.
+            pruneJobs();
             for (auto& job : jobs) {
                 retiredJobs.push_back(job);
-                // A thread that already ended idle will never discount itself.
-                if (std::find(endedJobs.begin(), endedJobs.end(), job->get_id()) !=
-                    endedJobs.end()) {
-                    retiredEnded.push_back(job->get_id());
-                } else {
-                    ++retiredRunning;
-                }
+                ++retiredRunning;
             }
-            endedJobs.clear();
             jobs.clear();
         }
         notEmpty.notify_all();
