@@ -119,3 +119,22 @@ TEST_F(Guaranteed, StoppedFlowsWaitAndStartedFlowsShareTheQueue) {
 }
 
 }  // namespace
+
+// A destroyed flow's or session's handle stays refused once a new one is made after it (the
+// allocator readily hands the same memory back): it must never reach the new object.
+TEST_F(Guaranteed, StaleHandlesNeverReachTheObjectsMadeAfterThem) {
+    solClient_opaqueFlow_pt flow = nullptr, next = nullptr;
+    ASSERT_EQ(SOLCLIENT_OK, harness.createFlow(session, "work", flow));
+    solClient_opaqueFlow_pt staleFlow = flow;
+    ASSERT_EQ(SOLCLIENT_OK, solClient_flow_destroy(&flow));
+    ASSERT_EQ(SOLCLIENT_OK, harness.createFlow(session, "work", next));
+    EXPECT_EQ(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, failure(solClient_flow_destroy(&staleFlow)));
+    EXPECT_EQ(SOLCLIENT_OK, solClient_flow_destroy(&next));
+
+    solClient_opaqueSession_pt other = harness.createSession(hostPort);
+    solClient_opaqueSession_pt staleSession = other;
+    ASSERT_EQ(SOLCLIENT_OK, solClient_session_destroy(&other));
+    solClient_opaqueSession_pt made = harness.createSession(hostPort);
+    EXPECT_EQ(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, failure(solClient_session_connect(staleSession)));
+    EXPECT_EQ(SOLCLIENT_OK, solClient_session_destroy(&made));
+}
