@@ -138,3 +138,31 @@ TEST_F(Guaranteed, StaleHandlesNeverReachTheObjectsMadeAfterThem) {
     EXPECT_EQ(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, failure(solClient_session_connect(staleSession)));
     EXPECT_EQ(SOLCLIENT_OK, solClient_session_destroy(&made));
 }
+
+// A flow's callbacks may use the handle they are given from the first one on, also while a
+// blocking bind has not returned yet: its UP_NOTICE and a message already queued come first.
+TEST_F(Guaranteed, AFlowsCallbacksUseTheirHandleBeforeABlockingBindReturns) {
+    sendAll(1);
+    std::vector<int> inCallbacks;  // written on the context thread before the bind returns
+    solClient_flow_createFuncInfo_t funcs{};
+    funcs.eventInfo.callback_p = [](solClient_opaqueFlow_pt flow, auto, void* user) {
+        static_cast<std::vector<int>*>(user)->push_back(failure(solClient_flow_start(flow)));
+    };
+    funcs.eventInfo.user_p = &inCallbacks;
+    funcs.rxMsgInfo.callback_p = [](solClient_opaqueFlow_pt flow, solClient_opaqueMsg_pt msg,
+                                    void* user) {
+        solClient_msgId_t id = 0;
+        solClient_msg_getMsgId(msg, &id);
+        static_cast<std::vector<int>*>(user)->push_back(failure(solClient_flow_sendAck(flow, id)));
+        return SOLCLIENT_CALLBACK_OK;
+    };
+    funcs.rxMsgInfo.user_p = &inCallbacks;
+    char const* props[] = {"FLOW_BIND_ENTITY_ID", "2", "FLOW_BIND_NAME", "work",
+                           "FLOW_ACKMODE",        "2", nullptr};
+    solClient_opaqueFlow_pt flow = nullptr;
+    ASSERT_EQ(SOLCLIENT_OK,
+              solClient_session_createFlow(props, session, &flow, &funcs, sizeof(funcs)));
+    EXPECT_EQ(std::vector<int>({-1, -1}), inCallbacks);  // neither call failed
+    EXPECT_TRUE(eventually([] { return solEmu_queueDepth("work") == 0; }));
+    EXPECT_EQ(SOLCLIENT_OK, solClient_flow_destroy(&flow));
+}
