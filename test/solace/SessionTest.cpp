@@ -248,22 +248,26 @@ TEST_F(Session, ADroppedConnectedOrConnectingClientKeepsReceivingUntilTerminated
     EXPECT_EQ(solEmu_liveSessions(), 1);
 }
 
-// A disconnect made while a notice of the broker's drop, or of the library's
-// reconnect, is still on its way to the context thread: the late notice must
-// leave the client disconnected. Read as reconnecting, its sends would wait
-// unanswered on a stopped worker; read as connected, connect() would return
-// without connecting and every send fail.
+// A disconnect made during the first attempt, or while a notice of the broker's drop, or of the
+// library's reconnect, is still on its way to the context thread: the late notice must leave the
+// client disconnected. Read as reconnecting, its sends would wait unanswered on a stopped worker;
+// read as connected, connect() would return without connecting and every send fail.
 TEST_F(Session, ALateNoticeAfterADisconnectLeavesItDisconnected) {
-    // How long after the drop the disconnect comes: before the drop is told
-    // (300 ms round trip), or after the retry a second later, before its answer.
-    for (auto const wait : {0ms, 1150ms}) {
+    // When the disconnect comes: while the first attempt is under way (-1), or
+    // after a drop, before it is told (300 ms round trip) or after the retry a
+    // second later, before its answer.
+    for (auto const wait : {-1ms, 0ms, 1150ms}) {
         SCOPED_TRACE(wait.count());
-        auto client = connectedClient();
+        auto client = wait < 0ms ? makeClient() : connectedClient();
         solEmu_setRoundTrip(300000);
-        auto const dropped = std::chrono::steady_clock::now();
-        solEmu_setBrokerUp(HOST_PORT, 0);
-        solEmu_setBrokerUp(HOST_PORT, 1);  // back on the library's retry
-        std::this_thread::sleep_until(dropped + wait);
+        if (wait < 0ms) {
+            ASSERT_EQ(client->connect(0), 1);
+        } else {
+            auto const dropped = std::chrono::steady_clock::now();
+            solEmu_setBrokerUp(HOST_PORT, 0);
+            solEmu_setBrokerUp(HOST_PORT, 1);  // back on the library's retry
+            std::this_thread::sleep_until(dropped + wait);
+        }
         client->disconnect(0);
         std::this_thread::sleep_for(600ms);  // the notice has arrived
         solEmu_setRoundTrip(0);

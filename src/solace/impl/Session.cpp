@@ -286,7 +286,9 @@ void Session::disconnect(unsigned long timeoutMs) {
     bool const working = sendingWorkersStarted();
     // Not joined: the JavaScript thread never waits for a blocked worker.
     stopSendingWorkers(timeoutMs);
-    if (connection.getState() != Connection::DISCONNECTED) {
+    // A first attempt reads disconnected, yet the library would still bring the session up.
+    bool const attempting = requested && connection.getState() == Connection::DISCONNECTED;
+    if (attempting || connection.getState() != Connection::DISCONNECTED) {
         // A new connection both before and after the call: a subscribe under way that fails
         // with this disconnect sees its connection gone, and one the library took just before
         // it counts as dropped with it.
@@ -304,8 +306,11 @@ void Session::disconnect(unsigned long timeoutMs) {
             throw refused;
         }
         ++connectionEpoch;
-        connection.setDisconnected();
-        notifyHandlerOfConnectState();
+        // An attempt that ends before it comes up leaves the state as the script has seen it.
+        if (connection.getState() != Connection::DISCONNECTED) {
+            connection.setDisconnected();
+            notifyHandlerOfConnectState();
+        }
     }
 }
 
