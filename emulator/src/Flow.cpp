@@ -100,7 +100,8 @@ void Flow::deliver(std::shared_ptr<Queue> const& source, uint64_t id,
     bool const autoAck = !properties.clientAck;
     auto callback = funcs.rxMsgInfo.callback_p;
     void* user = funcs.rxMsgInfo.user_p;
-    void* handle = this;
+    void* handle = opaque;
+    Flow* self = this;
     context->post(sessionOwner, this, [=, message = message]() mutable {
         std::unique_ptr<Message> copy = Message::deliveryCopy(message);
         copy->setMessageId(id);
@@ -110,7 +111,7 @@ void Flow::deliver(std::shared_ptr<Queue> const& source, uint64_t id,
             static_cast<void>(copy.release());  // the application frees it with msg_free
         }
         if (autoAck && source) {
-            source->acknowledge(static_cast<Flow*>(handle), id);
+            source->acknowledge(self, id);
         }
     });
 }
@@ -121,7 +122,7 @@ void Flow::postEvent(solClient_flow_event_t event, unsigned responseCode, std::s
         return;
     }
     void* user = funcs.eventInfo.user_p;
-    void* handle = this;
+    void* handle = opaque;
     context->post(sessionOwner, this, [=, info = std::move(info)] {
         solClient_flow_eventCallbackInfo_t record{event, responseCode, info.c_str()};
         callback(handle, &record, user);

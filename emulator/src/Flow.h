@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "FlowProperties.h"
+#include "HandleTable.h"
 #include "solclient/SolClientABI.h"
 
 namespace SolEmu {
@@ -21,7 +22,7 @@ class Flow : public std::enable_shared_from_this<Flow> {
     Flow(std::shared_ptr<Context> context, void const* sessionOwner, FlowProperties properties,
          solClient_flow_createFuncInfo_t const& funcs);
 
-    void* handle() { return this; }
+    void* handle() const { return opaque; }
     std::string const& queueName() const { return properties.queueName; }
 
     // Bind to `queue`; null means the queue does not exist. Raises UP_NOTICE
@@ -54,6 +55,7 @@ class Flow : public std::enable_shared_from_this<Flow> {
     const FlowProperties properties;
     const size_t windowSize;
     const solClient_flow_createFuncInfo_t funcs;
+    void* const opaque = freshHandle();
 
     std::mutex mutex;
     std::shared_ptr<Queue> queue;

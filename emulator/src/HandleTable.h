@@ -9,6 +9,16 @@
 
 namespace SolEmu {
 
+// A handle is a number never given out twice, not the object's address: the
+// allocator soon hands a destroyed object's memory to the next one, and its
+// stale handle must not reach that.
+inline void* freshHandle() {
+    static std::atomic<uintptr_t> issued{0};
+    uintptr_t const number = (issued.fetch_add(1, std::memory_order_relaxed) + 1) << 4;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): opaque, never dereferenced
+    return reinterpret_cast<void*>(number);
+}
+
 // The live objects behind opaque handles. A handle is only trusted after it
 // is found here, so a stale or foreign pointer fails cleanly instead of
 // crashing; lookups share the lock.

@@ -141,7 +141,7 @@ solClient_returnCode_t Library::initialize() {
 
 solClient_returnCode_t Library::cleanup() {
     for (auto const& entry : contexts.values()) {
-        destroyContext(entry.context.get());
+        destroyContext(entry.handle);
     }
     std::lock_guard<std::mutex> lock(mutex);
     initialized = false;
@@ -174,8 +174,8 @@ solClient_returnCode_t Library::createContext(solClient_propertyArray_pt props, 
                                "the emulator needs CONTEXT_CREATE_THREAD \"1\"");
     }
     auto context = std::make_shared<Context>();
-    *handle = context.get();
-    contexts.add(context.get(), ContextEntry{context});
+    *handle = freshHandle();
+    contexts.add(*handle, ContextEntry{context, *handle});
     return SOLCLIENT_OK;
 }
 
@@ -194,7 +194,7 @@ solClient_returnCode_t Library::destroyContext(void* handle) {
     // Its sessions go with it.
     for (auto const& session : sessions.values()) {
         if (session.contextHandle == handle) {
-            destroySession(session.session.get());
+            destroySession(session.session->handle());
         }
     }
     entry.context->stop();
@@ -286,10 +286,17 @@ solClient_returnCode_t Library::createFlow(solClient_propertyArray_pt props, voi
         return SOLCLIENT_FAIL;
     }
     std::shared_ptr<Flow> created;
-    const solClient_returnCode_t rc = owner->createFlow(properties, funcs, created);
+    void* added = nullptr;
+    const solClient_returnCode_t rc =
+        owner->createFlow(properties, funcs, created, [&](std::shared_ptr<Flow> const& flow) {
+            added = flow->handle();
+            flows.add(added, FlowEntry{flow, owner});
+        });
     if (created) {
         *handle = created->handle();
-        flows.add(created->handle(), FlowEntry{created, owner});
+    } else if (added != nullptr) {
+        FlowEntry refused;  // a blocking bind that failed: never handed out
+        flows.remove(added, refused);
     }
     return rc;
 }

@@ -60,6 +60,7 @@ class Library {
                                           Properties& parsed);
     struct ContextEntry {
         std::shared_ptr<Context> context;
+        void* handle = nullptr;
     };
     struct SessionEntry {
         std::shared_ptr<Session> session;

@@ -631,7 +631,7 @@ void Session::postSettled(solClient_session_event_t event, unsigned responseCode
     std::weak_ptr<Session> weak = weak_from_this();
     auto callback = funcs.eventInfo.callback_p;
     void* user = funcs.eventInfo.user_p;
-    void* handle = this;
+    void* handle = opaque;
     openFramePost = eventContext->post(
         this, nullptr,
         [=] {
@@ -797,7 +797,7 @@ void Session::deliverDirect(std::string const& topic, std::shared_ptr<const Mess
     if (!receiving) {
         return;
     }
-    void* handle = this;
+    void* handle = opaque;
     auto deliver = [this, handle](solClient_session_rxMsgCallbackFunc_t callback, void* user,
                                   std::shared_ptr<const Message> held) {
         eventContext->post(
@@ -843,9 +843,9 @@ void Session::deliverDirect(std::string const& topic, std::shared_ptr<const Mess
 
 // ---- Flows ------------------------------------------------------------------------
 
-solClient_returnCode_t Session::createFlow(FlowProperties const& parsed,
-                                           solClient_flow_createFuncInfo_t const& callbacks,
-                                           std::shared_ptr<Flow>& flow) {
+solClient_returnCode_t Session::createFlow(
+    FlowProperties const& parsed, solClient_flow_createFuncInfo_t const& callbacks,
+    std::shared_ptr<Flow>& flow, std::function<void(std::shared_ptr<Flow> const&)> const& known) {
     if (parsed.bindBlocking && eventContext->onThread()) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                "cannot bind a flow blocking in a callback");
@@ -866,6 +866,7 @@ solClient_returnCode_t Session::createFlow(FlowProperties const& parsed,
     }
     flow = std::make_shared<Flow>(eventContext, this, parsed, callbacks);
     flows.emplace(flow.get(), flow);
+    known(flow);  // its callbacks may use its handle from the first one on, before this returns
     flow->bind(queue);  // non-blocking and unknown: BIND_FAILED_ERROR follows
     if (!parsed.bindBlocking) {
         return SOLCLIENT_IN_PROGRESS;
@@ -897,7 +898,7 @@ void Session::postEvent(solClient_session_event_t event, unsigned responseCode, 
         return;
     }
     void* user = funcs.eventInfo.user_p;
-    void* handle = this;
+    void* handle = opaque;
     eventContext->post(this, nullptr, [=, info = std::move(info)] {
         solClient_session_eventCallbackInfo_t record{event, responseCode, info.c_str(),
                                                      correlation};

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "HandleTable.h"
 #include "SessionProperties.h"
 #include "solclient/SolClientABI.h"
 #include "TopicMatcher.h"
@@ -43,7 +45,7 @@ class Session : public std::enable_shared_from_this<Session> {
             solClient_session_createFuncInfo_t const& funcs);
     ~Session();
 
-    void* handle() { return this; }
+    void* handle() const { return opaque; }
     std::shared_ptr<Context> const& context() const { return eventContext; }
 
     // Calls blocked in any session now, and sends that have waited for room in
@@ -57,9 +59,10 @@ class Session : public std::enable_shared_from_this<Session> {
     solClient_returnCode_t changeSubscription(
         bool add, solClient_subscribeFlags_t flags, char const* topic,
         solClient_session_rxMsgDispatchFuncInfo_t const* dispatch, void* correlationTag);
-    solClient_returnCode_t createFlow(FlowProperties const& properties,
-                                      solClient_flow_createFuncInfo_t const& funcs,
-                                      std::shared_ptr<Flow>& flow);
+    solClient_returnCode_t createFlow(
+        FlowProperties const& properties, solClient_flow_createFuncInfo_t const& funcs,
+        std::shared_ptr<Flow>& flow,
+        std::function<void(std::shared_ptr<Flow> const&)> const& known);
     // Forget a flow that flow_destroy has destroyed.
     void forgetFlow(Flow const* flow);
     // Stop everything and discard queued callbacks; the flows it had are
@@ -161,6 +164,7 @@ class Session : public std::enable_shared_from_this<Session> {
     const std::shared_ptr<Context> eventContext;
     const SessionProperties properties;
     const solClient_session_createFuncInfo_t funcs;
+    void* const opaque = freshHandle();
     const std::shared_ptr<Broker> broker;
     const std::shared_ptr<MessageVpn> vpn;
 
