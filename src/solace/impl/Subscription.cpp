@@ -16,7 +16,10 @@ constexpr solClient_subscribeFlags_t SUBSCRIBE_FLAGS =
     SOLCLIENT_SUBSCRIBE_FLAGS_WAITFORCONFIRM | SOLCLIENT_SUBSCRIBE_FLAGS_REQUEST_CONFIRM;
 }  // namespace
 
-std::set<Subscription*> Subscription::messageReceiveCallbackFilter;
+// Never destroyed: a library thread may still deliver while the process exits and runs static
+// destructors.
+std::set<Subscription*>& Subscription::messageReceiveCallbackFilter =
+    *new std::set<Subscription*>();
 std::mutex Subscription::messageReceiveCallbackLock;
 
 Subscription::Subscription(Session& session, std::string const& topic,

@@ -49,7 +49,7 @@ class Subscription {
     // The connection the library took it in; 0: not taken.
     unsigned long getAppliedIn() const { return appliedIn; }
 
-    static std::set<Subscription*> messageReceiveCallbackFilter;
+    static std::set<Subscription*>& messageReceiveCallbackFilter;
     static std::mutex messageReceiveCallbackLock;
 
   private:
