@@ -400,7 +400,8 @@ TEST_F(Subscriptions, SubscriptionsComeBackAfterADisconnectAndAConnect) {
     }
 
     solEmu_setReapplyAfterDisconnect(0);
-    ASSERT_TRUE(subscribe(handler, "work", GUARANTEED));
+    auto const bound = std::make_shared<Tag>(7);
+    ASSERT_TRUE(subscribe(handler, "work", GUARANTEED, bound));
     subscribed(client, "denied", handler);  // answered once the flow is bound
     events->clear();
     client->disconnect(0);
@@ -413,6 +414,12 @@ TEST_F(Subscriptions, SubscriptionsComeBackAfterADisconnectAndAConnect) {
     EXPECT_EQ(faults[1].number, SOLCLIENT_SUBCODE_QUEUE_NOT_FOUND);
     EXPECT_EQ(session().findSubscription("denied"), nullptr);
     EXPECT_EQ(session().findFlow("work"), nullptr);
+    // A queue subscribe is answered when it fails, also on a later connect: the script learns
+    // which subscription ended.
+    auto const ended = events->where([&bound](Event const& e) { return e.reference == bound; });
+    ASSERT_EQ(ended.size(), 1u);
+    EXPECT_EQ(ended[0].kind, CREATE_ERROR);
+    EXPECT_EQ(ended[0].number, SOLCLIENT_SUBCODE_QUEUE_NOT_FOUND);
     // Gone at the broker, yet the script subscribed it: its unsubscribe is answered, once.
     ASSERT_TRUE(unsubscribe("denied", AMO));
     EXPECT_EQ(events->waitOf(REMOVED, 1).size(), 1u);

@@ -35,9 +35,11 @@ solClient_errorInfo* Flow::recordFailure() {
 bool Flow::start(std::shared_ptr<KW::Reference>& reference) {
     solClient_errorInfo* failure = nullptr;
     bool created = false;
+    subscribed = reference;  // before open() marks it bound, which lets reestablish() read it
     if (open(failure, created)) {
         return true;
     }
+    subscribed.reset();
     // A refused start is reported without the error record, unlike a failed creation.
     session.notifyHandlerOfQueueSubscribe(name, qos, reference, created ? nullptr : failure);
     return false;
@@ -46,6 +48,7 @@ bool Flow::start(std::shared_ptr<KW::Reference>& reference) {
 std::shared_ptr<Flow> Flow::renew() const {
     auto renewed = std::make_shared<Flow>(session, qos, name, handler);
     renewed->appliedIn = appliedIn.load();
+    renewed->subscribed = subscribed;
     return renewed;
 }
 

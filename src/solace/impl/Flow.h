@@ -58,6 +58,9 @@ class Flow : public std::enable_shared_from_this<Flow> {
     std::string const& getName() const { return name; }
     KW::QOS::Enum getQOS() const { return qos; }
     std::shared_ptr<KW::MessageHandler> const& getHandler() const { return handler; }
+    // The completion of the subscribe that started it: a queue subscribe is answered only when it
+    // fails, and that may be on a later connect, when binding it again is refused.
+    std::shared_ptr<KW::Reference> const& getSubscribed() const { return subscribed; }
 
     void handleEvent(solClient_flow_eventCallbackInfo* info);
 
@@ -78,6 +81,7 @@ class Flow : public std::enable_shared_from_this<Flow> {
     std::string name;
     KW::QOS::Enum qos;
     std::shared_ptr<KW::MessageHandler> handler;
+    std::shared_ptr<KW::Reference> subscribed;  // subscribe worker; published by appliedIn
     // Set on the subscribe worker, read by acknowledging threads.
     FlowHandle handle;
     // Held while acknowledging and while destroying the library flow, so that

@@ -982,7 +982,10 @@ void Session::reestablish() {
         if (renewed->rebind(refusal)) {
             continue;
         }
-        forget(flows, renewed->getName(), renewed.get(), [](std::string const&) {});
+        if (forget(flows, renewed->getName(), renewed.get(), [](std::string const&) {})) {
+            notifyHandlerOfQueueSubscribe(renewed->getName(), renewed->getQOS(),
+                                          renewed->getSubscribed(), refusal);
+        }
         notifyHandlerOfRuntimeError(refusal);
     }
 }
