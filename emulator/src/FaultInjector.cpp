@@ -41,8 +41,9 @@ char const* const VENDOR_FUNCTIONS[] = {
 }  // namespace
 
 FaultInjector& FaultInjector::instance() {
-    static FaultInjector injector;
-    return injector;
+    // Never destroyed: context threads still consult it while the process exits.
+    static FaultInjector* injector = new FaultInjector();
+    return *injector;
 }
 
 bool FaultInjector::isVendorFunction(std::string const& name) {
