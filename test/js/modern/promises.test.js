@@ -5,12 +5,13 @@
 process.env.SOLCLIENT_EMULATOR_QUEUES = 'p.order,p.window,p.outage';
 process.env.SOLCLIENT_EMULATOR_REFUSE_USERS = 'mallory';
 process.env.SOLCLIENT_EMULATOR_REFUSE_SUBSCRIPTIONS = '68:secret/>';
-process.env.SOLCLIENT_EMULATOR_BROKERS_DOWN = 'down.invalid:1';
+process.env.SOLCLIENT_EMULATOR_BROKERS_DOWN = 'down.invalid:1,later.invalid:1';
 
 const assert = require('assert');
 const fs = require('fs');
+const vm = require('vm');
 const harness = require('../harness');
-const { Client } = require('../../../promises');
+const { Client, connect } = require('../../../promises');
 
 const test = harness.test;
 const HOST = { host: 'localhost', port: 55555, vpn: 'promises' };
@@ -19,6 +20,8 @@ const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 const schedstat = '/proc/thread-self/schedstat';
 const waitedForCpu = () => (fs.existsSync(schedstat) ? Number(fs.readFileSync(schedstat, 'utf8').split(' ')[1]) / 1e6 : 0);
 
+// The promise, rejected with 'still pending' when it has not settled within ms.
+const within = (promise, ms) => Promise.race([promise, sleep(ms).then(() => { throw new Error('still pending'); })]);
 // Resolves with err.code (or err.errno, or the message) of a rejection.
 const rejection = (promise) => promise.then(() => { throw new Error('expected a rejection'); },
   (err) => (err.code !== undefined ? err.code : err.errno !== undefined ? err.errno : err.message));
@@ -47,6 +50,14 @@ test('connect resolves when connected and rejects on failure, time-out and abort
   const waiting = idle.publish('t', 'x');
   assert.strictEqual(idle.queued, 1);
   await idle.disconnect();
+  // A subscribe waiting for a connection that fails settles with it, as sends do.
+  const refused = new Client('p-refused', 'SOLACE', Object.assign({}, HOST, { user: 'mallory' }));
+  const refusedSubscribe = refused.subscribe('refused/t', () => {});
+  refused.connect().catch(() => {});
+  // A disconnect while the first attempt is under way keeps the client down.
+  const quitter = new Client('p-quit', 'SOLACE', HOST);
+  const quitting = quitter.connect();
+  await quitter.disconnect();
   const cases = [
     [failing({ user: 'mallory' }, {}), 'ERR_KWNODE_CONNECT_FAILED'],
     [failing({ host: 'down.invalid', port: 1 }, { timeout: 200 }), 'ERR_KWNODE_TIMEOUT'],
@@ -54,9 +65,13 @@ test('connect resolves when connected and rejects on failure, time-out and abort
     [failing({}, { signal: aborted.signal }), 'ABORT_ERR'],
     [waiting, 'ERR_KWNODE_DISCONNECTED'],
     [client.connect({ signal: {} }), 'kwnode: signal must be an AbortSignal'],
-    [client.connect({ timeout: -1 }), 'kwnode: timeout must be a number of milliseconds from 0 to 2147483647']
+    [client.connect({ timeout: -1 }), 'kwnode: timeout must be a number of milliseconds from 0 to 2147483647'],
+    [within(refusedSubscribe, 3000), 'ERR_KWNODE_CONNECT_FAILED'],
+    [quitting, 'ERR_KWNODE_DISCONNECTED']
   ];
-  assert.deepStrictEqual(await Promise.all(cases.map((c) => rejection(c[0]))), cases.map((c) => c[1]));
+  const got = await Promise.all(cases.map((c) => rejection(c[0])));
+  await sleep(300);
+  assert.deepStrictEqual(got.concat(quitter.state), cases.map((c) => c[1]).concat(1));
 });
 
 test('errors surface as rejections, and a failed subscription can be retried', async () => {
@@ -91,6 +106,41 @@ test('errors surface as rejections, and a failed subscription can be retried', a
   await harness.waitFor(() => refusals.length === 1, 'the refusal');
   await again.unsubscribe('again/t', { timeout: 5000 });
   assert.deepStrictEqual(refusals, [68]);
+
+  // A queue the broker no longer has when the next connect binds it again ends its subscription.
+  const control = harness.control();
+  control.addQueue('p.gone');
+  const rebound = new Client('p-rebound', 'SOLACE', HOST);
+  await rebound.connect();
+  const gone = await rebound.subscribe('p.gone', { qos: 2 });
+  await rebound.publish('p.gone', 'bound', { qos: 2 });
+  await gone.messages().next();
+  await rebound.disconnect();
+  control.removeQueue('p.gone');
+  await rebound.connect();
+  // A connect() that gives up leaves nothing behind that comes up later, out of the script's reach.
+  const live = () => control.count('liveSessions');
+  // Counted once the sessions of clients already dropped have ended.
+  const settled = async () => {
+    for (let n = Infinity; live() < n;) {
+      n = live();
+      global.gc();
+      await sleep(300);
+    }
+    return live();
+  };
+  const before = await settled();
+  const abandoned = await rejection(connect('p-later', 'SOLACE',
+    Object.assign({}, HOST, { host: 'later.invalid', port: 1 }), { timeout: 100 }));
+  control.setBrokerUp('later.invalid:1', 1);
+  const left = await harness.waitFor(() => { global.gc(); return live() <= before; }, 'sessions', 3000)
+    .then(() => 0, () => live() - before);
+  assert.deepStrictEqual({
+    foreignArrayBuffer: await client.publish('t', vm.runInNewContext('new ArrayBuffer(2)')).then(() => 'sent', (e) => e.message),
+    goneQueue: await rejection(within(gone.closed, 3000)),
+    abandoned,
+    left
+  }, { foreignArrayBuffer: 'sent', goneQueue: 66, abandoned: 'ERR_KWNODE_TIMEOUT', left: 0 });
 });
 
 test('sends beyond the in-flight bound wait in order; a full queue rejects at once; an aborted wait is never sent', async () => {
