@@ -191,6 +191,18 @@ test('a queue iterator is paused by the broker window: a slow consumer gets ever
   assert.ok(most > 0 && most <= 255, 'buffered at most one window: ' + most);
   // break unsubscribed: the name is free again.
   await (await client.subscribe('p.window', { qos: 2 })).unsubscribe();
+
+  // A broker drop hands out again the copies the iterator still holds: that is no overflow.
+  const away = new Client('p-window-drop', 'SOLACE', { host: 'window.local', port: 55555, vpn: 'promises' });
+  await away.connect();
+  await Promise.all(Array.from({ length: 300 }, (_, i) => away.publish('p.window', String(i), { qos: 2 })));
+  const held = await away.subscribe('p.window', { qos: 2, highWaterMark: 256 });
+  await harness.waitFor(() => held.buffered === 255, 'a full window');
+  const states = [];
+  away.on('state', (s) => states.push(s));
+  away.native.publish('#emulator/drop', '100');
+  await harness.waitFor(() => states.indexOf(3) >= 0, 'the reconnect', 20000);
+  assert.strictEqual(await rejection(within(held.closed, 1000)), 'still pending');
 });
 
 test('a topic iterator fails loudly on overflow; abort and unsubscribe end iteration', async () => {
