@@ -123,6 +123,6 @@ export declare class Client extends EventEmitter {
   once(event: 'requestError', listener: (err: Error, request: { topic: string; qos: QoS }) => void): this;
 }
 
-/** A new client, resolved once connected. */
+/** A new client, resolved once connected; disconnected again when this rejects. */
 export declare function connect(destinationId: string | number, destinationType: DestinationType,
   connectionData: ConnectionData, options?: ClientOptions & WaitOptions): Promise<Client>;

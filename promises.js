@@ -7,10 +7,10 @@
 const EventEmitter = require('events');
 const kwnode = require('./index');
 
-const { KWNodeClient, KWNodeMessage } = kwnode;
-const { CONNECTED, FAILED } = kwnode.ConnectionState;
-const { GUARANTEED } = kwnode.QoS;
-const { CONNECTION_STATE, RUNTIME_ERROR } = kwnode.EventCode;
+const { KWNodeClient, KWNodeMessage, EventCode, ConnectionState, QoS } = kwnode;
+const { CONNECTED, FAILED } = ConnectionState;
+const { GUARANTEED } = QoS;
+const { CONNECTION_STATE, RUNTIME_ERROR } = EventCode;
 
 // The library's own guaranteed-publish window is 255 messages; beyond it a
 // send would wait inside the native call.
@@ -48,6 +48,12 @@ function qosOf(options) {
 
 function keyOf(topic, qos) {
   return (qos === GUARANTEED ? 'queue:' : 'topic:') + topic;
+}
+
+// The native publish takes an ArrayBuffer of any realm (a vm context's too),
+// where instanceof sees only this one's.
+function isArrayBuffer(value) {
+  return Object.prototype.toString.call(value) === '[object ArrayBuffer]';
 }
 
 // The largest delay setTimeout keeps; a longer one would fire at once.
@@ -128,6 +134,8 @@ class Subscription {
     this._ended = false;
     this._error = null;
     this._iterated = false;
+    // A topic subscribe not yet answered: settles it with an error.
+    this._refuse = null;
     this.closed = new Promise((resolve, reject) => {
       this._closed = { resolve, reject };
     });
@@ -279,7 +287,7 @@ class Client extends EventEmitter {
   }
 
   publish(topic, payload, options) {
-    if (typeof payload !== 'string' && !ArrayBuffer.isView(payload) && !(payload instanceof ArrayBuffer)) {
+    if (typeof payload !== 'string' && !ArrayBuffer.isView(payload) && !isArrayBuffer(payload)) {
       return Promise.reject(new TypeError('kwnode: a payload is a string, an ArrayBuffer or a view of one'));
     }
     const qos = qosOf(options);
@@ -325,6 +333,7 @@ class Client extends EventEmitter {
             `kwnode: the flow of queue "${topic}" was bound but could not be started`);
         }
         if (ctl.settled() && !err) return;
+        subscription._refuse = null;
         if (err) {
           // The native client keeps a failed name: remove it so it can be retried.
           subscription._end(err, { unsubscribe: true, quiet: true });
@@ -334,6 +343,7 @@ class Client extends EventEmitter {
           ctl.resolve(subscription);
         }
       };
+      if (qos !== GUARANTEED) subscription._refuse = done;
       try {
         this.native.subscribe(topic, qos, (message) => subscription._deliver(message), done);
       } catch (err) {
@@ -396,7 +406,12 @@ class Client extends EventEmitter {
         for (const waiter of Array.from(this._connectWaiters)) waiter.resolve();
         this._flush();
       } else if (subCode === FAILED) {
-        this._failWaiting(layerError('ERR_KWNODE_CONNECT_FAILED', 'kwnode: the connection failed'));
+        const err = layerError('ERR_KWNODE_CONNECT_FAILED', 'kwnode: the connection failed');
+        this._failWaiting(err);
+        // Nor are the topic subscribes waiting for it ever answered.
+        for (const subscription of Array.from(this._subscriptions.values())) {
+          if (subscription._refuse) subscription._refuse(err);
+        }
       }
       this.emit('state', subCode);
     } else if (code === RUNTIME_ERROR) {
@@ -481,17 +496,18 @@ class Client extends EventEmitter {
 }
 
 // A client of the layer, resolved once connected.
+// One that gives up (time-out, abort, failure) is disconnected, or the
+// library would go on retrying and bring up a client no one can reach.
 async function connect(destinationId, destinationType, connectionData, options) {
   const client = new Client(destinationId, destinationType, connectionData, options);
-  await client.connect(options);
+  try {
+    await client.connect(options);
+  } catch (err) {
+    await client.disconnect();
+    throw err;
+  }
   return client;
 }
 
-module.exports = {
-  Client,
-  Subscription,
-  connect,
-  EventCode: kwnode.EventCode,
-  ConnectionState: kwnode.ConnectionState,
-  QoS: kwnode.QoS
-};
+// Local names, so that an ES module import finds each as a named export.
+module.exports = { Client, Subscription, connect, EventCode, ConnectionState, QoS };
