@@ -282,6 +282,7 @@ class Client extends EventEmitter {
 
   async disconnect() {
     this.native.disconnect();
+    this._connectionLost();
     const err = layerError('ERR_KWNODE_DISCONNECTED', 'kwnode: the client was disconnected');
     this._failWaiting(err);
   }
@@ -405,12 +406,15 @@ class Client extends EventEmitter {
       if (subCode === CONNECTED) {
         for (const waiter of Array.from(this._connectWaiters)) waiter.resolve();
         this._flush();
-      } else if (subCode === FAILED) {
-        const err = layerError('ERR_KWNODE_CONNECT_FAILED', 'kwnode: the connection failed');
-        this._failWaiting(err);
-        // Nor are the topic subscribes waiting for it ever answered.
-        for (const subscription of Array.from(this._subscriptions.values())) {
-          if (subscription._refuse) subscription._refuse(err);
+      } else {
+        this._connectionLost();
+        if (subCode === FAILED) {
+          const err = layerError('ERR_KWNODE_CONNECT_FAILED', 'kwnode: the connection failed');
+          this._failWaiting(err);
+          // Nor are the topic subscribes waiting for it ever answered.
+          for (const subscription of Array.from(this._subscriptions.values())) {
+            if (subscription._refuse) subscription._refuse(err);
+          }
         }
       }
       this.emit('state', subCode);
@@ -418,6 +422,16 @@ class Client extends EventEmitter {
       this.emit('runtimeError', event.what(), subCode);
     }
     this.emit('event', event);
+  }
+
+  // The connection is gone: a queue's buffered copies are unacknowledged and
+  // the broker hands them out again on the next connect, so kept they would
+  // count twice against highWaterMark. Messages already taken stay valid;
+  // acknowledging one then does nothing.
+  _connectionLost() {
+    for (const subscription of this._subscriptions.values()) {
+      if (subscription.qos === GUARANTEED) subscription._buffer = [];
+    }
   }
 
   _failWaiting(err) {
