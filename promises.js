@@ -69,6 +69,33 @@ function signalOf(options) {
   return signal || undefined;
 }
 
+// The waits sharing a signal share one 'abort' listener on it: Node warns of
+// a leak past 10 listeners, and one signal may bound any number of sends.
+const onAborts = new WeakMap();
+// Calls onAbort when the signal aborts; returns the function that stops that.
+function whenAborted(signal, onAbort) {
+  let calls = onAborts.get(signal);
+  if (!calls) {
+    calls = new Set();
+    const listener = () => {
+      onAborts.delete(signal);
+      signal.removeEventListener('abort', listener);
+      for (const call of calls) call();
+    };
+    onAborts.set(signal, calls);
+    signal.addEventListener('abort', listener);
+    calls.listener = listener;
+  }
+  calls.add(onAbort);
+  return () => {
+    calls.delete(onAbort);
+    if (calls.size === 0 && onAborts.get(signal) === calls) {
+      onAborts.delete(signal);
+      signal.removeEventListener('abort', calls.listener);
+    }
+  };
+}
+
 // A promise that the executor settles through ctl.resolve / ctl.reject, or
 // that the options' signal (abort) or timeout (milliseconds) rejects first;
 // ctl.onCancel then undoes what the executor started and ctl.cleanup runs on
@@ -86,12 +113,13 @@ function settleOnce(options, executor) {
     }
     let settled = false;
     let timer = null;
+    let stopAbort = null;
     const ctl = { onCancel: null, cleanup: null };
     const finish = (settle, value) => {
       if (settled) return false;
       settled = true;
       if (timer) clearTimeout(timer);
-      if (signal) signal.removeEventListener('abort', onAbort);
+      if (stopAbort) stopAbort();
       if (ctl.cleanup) ctl.cleanup();
       settle(value);
       return true;
@@ -99,11 +127,10 @@ function settleOnce(options, executor) {
     const cancel = (err) => {
       if (finish(reject, err) && ctl.onCancel) ctl.onCancel(err);
     };
-    function onAbort() { cancel(abortError(signal)); }
     ctl.resolve = (value) => finish(resolve, value);
     ctl.reject = (err) => finish(reject, err);
     ctl.settled = () => settled;
-    if (signal) signal.addEventListener('abort', onAbort);
+    if (signal) stopAbort = whenAborted(signal, () => cancel(abortError(signal)));
     if (timeout != null) {
       timer = setTimeout(() => cancel(layerError('ERR_KWNODE_TIMEOUT',
         `kwnode: no answer within ${timeout} ms`)), timeout);
@@ -162,10 +189,12 @@ class Subscription {
     this._iterated = true;
     if (signal) {
       const onAbort = () => this._end(abortError(signal), STOP);
-      if (signal.aborted) onAbort();
-      else signal.addEventListener('abort', onAbort);
-      this.closed.then(() => signal.removeEventListener('abort', onAbort),
-        () => signal.removeEventListener('abort', onAbort));
+      if (signal.aborted) {
+        onAbort();
+      } else {
+        const stopAbort = whenAborted(signal, onAbort);
+        this.closed.then(stopAbort, stopAbort);
+      }
     }
     const iterator = {
       next: () => this._next(),
