@@ -28,11 +28,10 @@ if (!found) {
 var native = require(found);
 var constants = require('./constants');
 
-module.exports = {
-  KWNodeClient: native.KWNodeClient,
-  KWNodeEvent: native.KWNodeEvent,
-  KWNodeMessage: native.KWNodeMessage,
-  EventCode: constants.EventCode,
-  ConnectionState: constants.ConnectionState,
-  QoS: constants.QoS
-};
+// One assignment a name: an ES module import finds these as named exports.
+exports.KWNodeClient = native.KWNodeClient;
+exports.KWNodeEvent = native.KWNodeEvent;
+exports.KWNodeMessage = native.KWNodeMessage;
+exports.EventCode = constants.EventCode;
+exports.ConnectionState = constants.ConnectionState;
+exports.QoS = constants.QoS;

@@ -24,7 +24,7 @@ export type LayerErrorCode =
 
 export interface LayerError extends Error {
   code: LayerErrorCode;
-  /** ERR_KWNODE_OVERFLOW: how many messages were dropped. */
+  /** ERR_KWNODE_OVERFLOW: the buffered messages dropped and the one that found the buffer full. */
   dropped?: number;
 }
 
@@ -117,12 +117,14 @@ export declare class Client extends EventEmitter {
   on(event: 'runtimeError', listener: (what: string, code: number) => void): this;
   on(event: 'event', listener: (event: KWNodeEvent) => void): this;
   on(event: 'requestError', listener: (err: Error, request: { topic: string; qos: QoS }) => void): this;
+  on(event: 'newListener' | 'removeListener', listener: (event: string | symbol, listener: (...args: any[]) => void) => void): this;
   once(event: 'state', listener: (state: ConnectionState) => void): this;
   once(event: 'runtimeError', listener: (what: string, code: number) => void): this;
   once(event: 'event', listener: (event: KWNodeEvent) => void): this;
   once(event: 'requestError', listener: (err: Error, request: { topic: string; qos: QoS }) => void): this;
+  once(event: 'newListener' | 'removeListener', listener: (event: string | symbol, listener: (...args: any[]) => void) => void): this;
 }
 
-/** A new client, resolved once connected. */
+/** A new client, resolved once connected; disconnected again when this rejects. */
 export declare function connect(destinationId: string | number, destinationType: DestinationType,
   connectionData: ConnectionData, options?: ClientOptions & WaitOptions): Promise<Client>;

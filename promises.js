@@ -7,10 +7,10 @@
 const EventEmitter = require('events');
 const kwnode = require('./index');
 
-const { KWNodeClient, KWNodeMessage } = kwnode;
-const { CONNECTED, FAILED } = kwnode.ConnectionState;
-const { GUARANTEED } = kwnode.QoS;
-const { CONNECTION_STATE, RUNTIME_ERROR } = kwnode.EventCode;
+const { KWNodeClient, KWNodeMessage, EventCode, ConnectionState, QoS } = kwnode;
+const { CONNECTED, FAILED } = ConnectionState;
+const { GUARANTEED } = QoS;
+const { CONNECTION_STATE, RUNTIME_ERROR } = EventCode;
 
 // The library's own guaranteed-publish window is 255 messages; beyond it a
 // send would wait inside the native call.
@@ -50,6 +50,12 @@ function keyOf(topic, qos) {
   return (qos === GUARANTEED ? 'queue:' : 'topic:') + topic;
 }
 
+// The native publish takes an ArrayBuffer of any realm (a vm context's too),
+// where instanceof sees only this one's.
+function isArrayBuffer(value) {
+  return Object.prototype.toString.call(value) === '[object ArrayBuffer]';
+}
+
 // The largest delay setTimeout keeps; a longer one would fire at once.
 const TIMEOUT_MAX = 2147483647;
 
@@ -61,6 +67,33 @@ function signalOf(options) {
     throw new TypeError('kwnode: signal must be an AbortSignal');
   }
   return signal || undefined;
+}
+
+// The waits sharing a signal share one 'abort' listener on it: Node warns of
+// a leak past 10 listeners, and one signal may bound any number of sends.
+const onAborts = new WeakMap();
+// Calls onAbort when the signal aborts; returns the function that stops that.
+function whenAborted(signal, onAbort) {
+  let calls = onAborts.get(signal);
+  if (!calls) {
+    calls = new Set();
+    const listener = () => {
+      onAborts.delete(signal);
+      signal.removeEventListener('abort', listener);
+      for (const call of calls) call();
+    };
+    onAborts.set(signal, calls);
+    signal.addEventListener('abort', listener);
+    calls.listener = listener;
+  }
+  calls.add(onAbort);
+  return () => {
+    calls.delete(onAbort);
+    if (calls.size === 0 && onAborts.get(signal) === calls) {
+      onAborts.delete(signal);
+      signal.removeEventListener('abort', calls.listener);
+    }
+  };
 }
 
 // A promise that the executor settles through ctl.resolve / ctl.reject, or
@@ -80,12 +113,13 @@ function settleOnce(options, executor) {
     }
     let settled = false;
     let timer = null;
+    let stopAbort = null;
     const ctl = { onCancel: null, cleanup: null };
     const finish = (settle, value) => {
       if (settled) return false;
       settled = true;
       if (timer) clearTimeout(timer);
-      if (signal) signal.removeEventListener('abort', onAbort);
+      if (stopAbort) stopAbort();
       if (ctl.cleanup) ctl.cleanup();
       settle(value);
       return true;
@@ -93,11 +127,10 @@ function settleOnce(options, executor) {
     const cancel = (err) => {
       if (finish(reject, err) && ctl.onCancel) ctl.onCancel(err);
     };
-    function onAbort() { cancel(abortError(signal)); }
     ctl.resolve = (value) => finish(resolve, value);
     ctl.reject = (err) => finish(reject, err);
     ctl.settled = () => settled;
-    if (signal) signal.addEventListener('abort', onAbort);
+    if (signal) stopAbort = whenAborted(signal, () => cancel(abortError(signal)));
     if (timeout != null) {
       timer = setTimeout(() => cancel(layerError('ERR_KWNODE_TIMEOUT',
         `kwnode: no answer within ${timeout} ms`)), timeout);
@@ -128,6 +161,8 @@ class Subscription {
     this._ended = false;
     this._error = null;
     this._iterated = false;
+    // A topic subscribe not yet answered: settles it with an error.
+    this._refuse = null;
     this.closed = new Promise((resolve, reject) => {
       this._closed = { resolve, reject };
     });
@@ -154,10 +189,12 @@ class Subscription {
     this._iterated = true;
     if (signal) {
       const onAbort = () => this._end(abortError(signal), STOP);
-      if (signal.aborted) onAbort();
-      else signal.addEventListener('abort', onAbort);
-      this.closed.then(() => signal.removeEventListener('abort', onAbort),
-        () => signal.removeEventListener('abort', onAbort));
+      if (signal.aborted) {
+        onAbort();
+      } else {
+        const stopAbort = whenAborted(signal, onAbort);
+        this.closed.then(stopAbort, stopAbort);
+      }
     }
     const iterator = {
       next: () => this._next(),
@@ -274,12 +311,13 @@ class Client extends EventEmitter {
 
   async disconnect() {
     this.native.disconnect();
+    this._connectionLost();
     const err = layerError('ERR_KWNODE_DISCONNECTED', 'kwnode: the client was disconnected');
     this._failWaiting(err);
   }
 
   publish(topic, payload, options) {
-    if (typeof payload !== 'string' && !ArrayBuffer.isView(payload) && !(payload instanceof ArrayBuffer)) {
+    if (typeof payload !== 'string' && !ArrayBuffer.isView(payload) && !isArrayBuffer(payload)) {
       return Promise.reject(new TypeError('kwnode: a payload is a string, an ArrayBuffer or a view of one'));
     }
     const qos = qosOf(options);
@@ -325,6 +363,7 @@ class Client extends EventEmitter {
             `kwnode: the flow of queue "${topic}" was bound but could not be started`);
         }
         if (ctl.settled() && !err) return;
+        subscription._refuse = null;
         if (err) {
           // The native client keeps a failed name: remove it so it can be retried.
           subscription._end(err, { unsubscribe: true, quiet: true });
@@ -334,6 +373,7 @@ class Client extends EventEmitter {
           ctl.resolve(subscription);
         }
       };
+      if (qos !== GUARANTEED) subscription._refuse = done;
       try {
         this.native.subscribe(topic, qos, (message) => subscription._deliver(message), done);
       } catch (err) {
@@ -395,14 +435,32 @@ class Client extends EventEmitter {
       if (subCode === CONNECTED) {
         for (const waiter of Array.from(this._connectWaiters)) waiter.resolve();
         this._flush();
-      } else if (subCode === FAILED) {
-        this._failWaiting(layerError('ERR_KWNODE_CONNECT_FAILED', 'kwnode: the connection failed'));
+      } else {
+        this._connectionLost();
+        if (subCode === FAILED) {
+          const err = layerError('ERR_KWNODE_CONNECT_FAILED', 'kwnode: the connection failed');
+          this._failWaiting(err);
+          // Nor are the topic subscribes waiting for it ever answered.
+          for (const subscription of Array.from(this._subscriptions.values())) {
+            if (subscription._refuse) subscription._refuse(err);
+          }
+        }
       }
       this.emit('state', subCode);
     } else if (code === RUNTIME_ERROR) {
       this.emit('runtimeError', event.what(), subCode);
     }
     this.emit('event', event);
+  }
+
+  // The connection is gone: a queue's buffered copies are unacknowledged and
+  // the broker hands them out again on the next connect, so kept they would
+  // count twice against highWaterMark. Messages already taken stay valid;
+  // acknowledging one then does nothing.
+  _connectionLost() {
+    for (const subscription of this._subscriptions.values()) {
+      if (subscription.qos === GUARANTEED) subscription._buffer = [];
+    }
   }
 
   _failWaiting(err) {
@@ -481,17 +539,18 @@ class Client extends EventEmitter {
 }
 
 // A client of the layer, resolved once connected.
+// One that gives up (time-out, abort, failure) is disconnected, or the
+// library would go on retrying and bring up a client no one can reach.
 async function connect(destinationId, destinationType, connectionData, options) {
   const client = new Client(destinationId, destinationType, connectionData, options);
-  await client.connect(options);
+  try {
+    await client.connect(options);
+  } catch (err) {
+    await client.disconnect();
+    throw err;
+  }
   return client;
 }
 
-module.exports = {
-  Client,
-  Subscription,
-  connect,
-  EventCode: kwnode.EventCode,
-  ConnectionState: kwnode.ConnectionState,
-  QoS: kwnode.QoS
-};
+// Local names, so that an ES module import finds each as a named export.
+module.exports = { Client, Subscription, connect, EventCode, ConnectionState, QoS };

@@ -7,7 +7,13 @@ var assert = require('assert');
 var path = require('path');
 
 var app = process.argv[2];
-var kwnode = require(path.join(app, 'node_modules', 'kwnode'));
+// By name from the application, through "exports" where Node reads it (a
+// require from here would find this checkout's own package by its name).
+var Module = require('module');
+var appRequire = Module.createRequire ? Module.createRequire(path.join(app, 'package.json'))
+  : function (name) { return require(path.join(app, 'node_modules', name)); };
+var kwnode = appRequire('kwnode');
+if (Module.createRequire) assert.strictEqual(appRequire('kwnode/promises').QoS, kwnode.QoS);
 var resolved = require.resolve(path.join(app, 'node_modules', 'kwnode', 'prebuilds', 'linux-x64',
   'node-v' + process.versions.modules, 'kwnode.node'));
 assert.ok(require.cache[resolved], 'the prebuilt add-on for ABI ' + process.versions.modules + ' was loaded');

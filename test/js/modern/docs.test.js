@@ -41,6 +41,23 @@ for (const [name, file] of examples.concat(blocks)) {
   });
 }
 
+// Every value the declarations export is a named export of an ES module import as well
+// ('kwnode/promises' as docs/api.md writes it, and the file's own name).
+harness.test('ES module imports find every value the declarations export', (done) => {
+  const file = path.join(scratch, 'imports.mjs');
+  fs.writeFileSync(file, [
+    "import { KWNodeClient, KWNodeEvent, KWNodeMessage, EventCode, ConnectionState, QoS } from 'kwnode';",
+    "import * as layer from 'kwnode/promises';",
+    "import * as file from 'kwnode/promises.js';",
+    'const names = [KWNodeClient, KWNodeEvent, KWNodeMessage, EventCode, ConnectionState, QoS];',
+    "const missing = ['Client', 'Subscription', 'connect', 'EventCode', 'ConnectionState', 'QoS'].filter((n) => !(n in layer) || file[n] !== layer[n]);",
+    'process.exit(names.every(Boolean) && missing.length === 0 ? 0 : (console.error(missing.join()), 1));'
+  ].join('\n'));
+  childProcess.execFile(process.execPath, [file], { cwd: scratch, env, timeout: 30000 }, (err, stdout, stderr) => {
+    done(err && new Error(`${err.message}\n${stdout}${stderr}`));
+  });
+});
+
 harness.test('tsc --noEmit --strict accepts the usage files and rejects the misuse lines', () => {
   const tsc = require.resolve('typescript/bin/tsc', { paths: [root] });
   const run = childProcess.spawnSync(process.execPath,

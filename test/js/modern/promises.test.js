@@ -5,12 +5,13 @@
 process.env.SOLCLIENT_EMULATOR_QUEUES = 'p.order,p.window,p.outage';
 process.env.SOLCLIENT_EMULATOR_REFUSE_USERS = 'mallory';
 process.env.SOLCLIENT_EMULATOR_REFUSE_SUBSCRIPTIONS = '68:secret/>';
-process.env.SOLCLIENT_EMULATOR_BROKERS_DOWN = 'down.invalid:1';
+process.env.SOLCLIENT_EMULATOR_BROKERS_DOWN = 'down.invalid:1,later.invalid:1';
 
 const assert = require('assert');
 const fs = require('fs');
+const vm = require('vm');
 const harness = require('../harness');
-const { Client } = require('../../../promises');
+const { Client, connect } = require('../../../promises');
 
 const test = harness.test;
 const HOST = { host: 'localhost', port: 55555, vpn: 'promises' };
@@ -19,6 +20,8 @@ const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 const schedstat = '/proc/thread-self/schedstat';
 const waitedForCpu = () => (fs.existsSync(schedstat) ? Number(fs.readFileSync(schedstat, 'utf8').split(' ')[1]) / 1e6 : 0);
 
+// The promise, rejected with 'still pending' when it has not settled within ms.
+const within = (promise, ms) => Promise.race([promise, sleep(ms).then(() => { throw new Error('still pending'); })]);
 // Resolves with err.code (or err.errno, or the message) of a rejection.
 const rejection = (promise) => promise.then(() => { throw new Error('expected a rejection'); },
   (err) => (err.code !== undefined ? err.code : err.errno !== undefined ? err.errno : err.message));
@@ -45,18 +48,36 @@ test('connect resolves when connected and rejects on failure, time-out and abort
   const failing = (data, options) => new Client('p-fail' + made++, 'SOLACE', Object.assign({}, HOST, data)).connect(options);
   const idle = new Client('p-idle', 'SOLACE', HOST);
   const waiting = idle.publish('t', 'x');
-  assert.strictEqual(idle.queued, 1);
+  // Waits sharing one signal: no leak warning however many (Node warns past 10 listeners).
+  const warnings = [];
+  process.on('warning', (w) => warnings.push(w.name));
+  const shared = new AbortController().signal;
+  const sharing = Promise.all(Array.from({ length: 11 }, () => idle.publish('t', 'x', { signal: shared })));
+  assert.strictEqual(idle.queued, 12);
   await idle.disconnect();
+  // A subscribe waiting for a connection that fails settles with it, as sends do.
+  const refused = new Client('p-refused', 'SOLACE', Object.assign({}, HOST, { user: 'mallory' }));
+  const refusedSubscribe = refused.subscribe('refused/t', () => {});
+  refused.connect().catch(() => {});
+  // A disconnect while the first attempt is under way keeps the client down.
+  const quitter = new Client('p-quit', 'SOLACE', HOST);
+  const quitting = quitter.connect();
+  await quitter.disconnect();
   const cases = [
     [failing({ user: 'mallory' }, {}), 'ERR_KWNODE_CONNECT_FAILED'],
     [failing({ host: 'down.invalid', port: 1 }, { timeout: 200 }), 'ERR_KWNODE_TIMEOUT'],
     [failing({ host: 'down.invalid', port: 1 }, { signal: later.signal }), 'ABORT_ERR'],
     [failing({}, { signal: aborted.signal }), 'ABORT_ERR'],
     [waiting, 'ERR_KWNODE_DISCONNECTED'],
+    [sharing, 'ERR_KWNODE_DISCONNECTED'],
     [client.connect({ signal: {} }), 'kwnode: signal must be an AbortSignal'],
-    [client.connect({ timeout: -1 }), 'kwnode: timeout must be a number of milliseconds from 0 to 2147483647']
+    [client.connect({ timeout: -1 }), 'kwnode: timeout must be a number of milliseconds from 0 to 2147483647'],
+    [within(refusedSubscribe, 3000), 'ERR_KWNODE_CONNECT_FAILED'],
+    [quitting, 'ERR_KWNODE_DISCONNECTED']
   ];
-  assert.deepStrictEqual(await Promise.all(cases.map((c) => rejection(c[0]))), cases.map((c) => c[1]));
+  const got = await Promise.all(cases.map((c) => rejection(c[0])));
+  await sleep(300);
+  assert.deepStrictEqual(got.concat(quitter.state, warnings), cases.map((c) => c[1]).concat(1));
 });
 
 test('errors surface as rejections, and a failed subscription can be retried', async () => {
@@ -91,6 +112,41 @@ test('errors surface as rejections, and a failed subscription can be retried', a
   await harness.waitFor(() => refusals.length === 1, 'the refusal');
   await again.unsubscribe('again/t', { timeout: 5000 });
   assert.deepStrictEqual(refusals, [68]);
+
+  // A queue the broker no longer has when the next connect binds it again ends its subscription.
+  const control = harness.control();
+  control.addQueue('p.gone');
+  const rebound = new Client('p-rebound', 'SOLACE', HOST);
+  await rebound.connect();
+  const gone = await rebound.subscribe('p.gone', { qos: 2 });
+  await rebound.publish('p.gone', 'bound', { qos: 2 });
+  await gone.messages().next();
+  await rebound.disconnect();
+  control.removeQueue('p.gone');
+  await rebound.connect();
+  // A connect() that gives up leaves nothing behind that comes up later, out of the script's reach.
+  const live = () => control.count('liveSessions');
+  // Counted once the sessions of clients already dropped have ended.
+  const settled = async () => {
+    for (let n = Infinity; live() < n;) {
+      n = live();
+      global.gc();
+      await sleep(300);
+    }
+    return live();
+  };
+  const before = await settled();
+  const abandoned = await rejection(connect('p-later', 'SOLACE',
+    Object.assign({}, HOST, { host: 'later.invalid', port: 1 }), { timeout: 100 }));
+  control.setBrokerUp('later.invalid:1', 1);
+  const left = await harness.waitFor(() => { global.gc(); return live() <= before; }, 'sessions', 3000)
+    .then(() => 0, () => live() - before);
+  assert.deepStrictEqual({
+    foreignArrayBuffer: await client.publish('t', vm.runInNewContext('new ArrayBuffer(2)')).then(() => 'sent', (e) => e.message),
+    goneQueue: await rejection(within(gone.closed, 3000)),
+    abandoned,
+    left
+  }, { foreignArrayBuffer: 'sent', goneQueue: 66, abandoned: 'ERR_KWNODE_TIMEOUT', left: 0 });
 });
 
 test('sends beyond the in-flight bound wait in order; a full queue rejects at once; an aborted wait is never sent', async () => {
@@ -141,6 +197,25 @@ test('a queue iterator is paused by the broker window: a slow consumer gets ever
   assert.ok(most > 0 && most <= 255, 'buffered at most one window: ' + most);
   // break unsubscribed: the name is free again.
   await (await client.subscribe('p.window', { qos: 2 })).unsubscribe();
+
+  // A broker drop hands out again the copies the iterator still holds: that is no overflow.
+  const away = new Client('p-window-drop', 'SOLACE', { host: 'window.local', port: 55555, vpn: 'promises' });
+  await away.connect();
+  await Promise.all(Array.from({ length: 300 }, (_, i) => away.publish('p.window', String(i), { qos: 2 })));
+  const held = await away.subscribe('p.window', { qos: 2, highWaterMark: 256 });
+  await harness.waitFor(() => held.buffered === 255, 'a full window');
+  const states = [];
+  away.on('state', (s) => states.push(s));
+  away.native.publish('#emulator/drop', '100');
+  await harness.waitFor(() => states.indexOf(3) >= 0, 'the reconnect', 20000);
+  assert.strictEqual(await rejection(within(held.closed, 1000)), 'still pending');
+  // The copies dropped at the drop come again: each message is consumed.
+  const seen = new Set();
+  for await (const message of held) {
+    seen.add(message.payload().toString());
+    message.acknowledge();
+    if (seen.size === 300) break;
+  }
 });
 
 test('a topic iterator fails loudly on overflow; abort and unsubscribe end iteration', async () => {

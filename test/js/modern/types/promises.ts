@@ -13,6 +13,7 @@ async function main(): Promise<void> {
   client.on('state', (s) => console.log(s === ConnectionState.CONNECTED));
   client.on('runtimeError', (what, code) => console.log(what.length + code));
   client.on('requestError', (err, request) => console.log(err.message, request.topic, request.qos));
+  client.once('newListener', (event) => console.log(String(event)));
 
   await client.publish('a/b', 'x');
   await client.publish('q', Buffer.from('x'), { qos: QoS.GUARANTEED, signal: stop.signal });
