@@ -165,13 +165,9 @@ TEST_F(Stress, NothingHangsUnderARealisticBroker) {
         EXPECT_GT(count, 0) << name;
     }
 
-    for (auto& peer : peers) {
-        peer->unsubscribe(Reference::NONE);
-        peer->disconnect(0);
-    }
     peers.clear();
     receivers.clear();
-    TearDown();  // every session ended, the library shut down
+    TearDown();  // disconnects and releases every client: each session ends, then the library
     EXPECT_LE(threadCount(), threadsBefore + 1) << "threads left running";  // + the timer thread
     solEmu_setRoundTrip(0);
 }
