@@ -143,8 +143,7 @@ TEST(WorkerThreads, StartOnDemandSecondOnlyPastTheThresholdAndEndWhenIdle) {
     pool.push(202, 300);
     EXPECT_LE(pool.jobCount(), 2) << "two threads at most, however long the queue";
     ASSERT_TRUE(pool.waitProcessed(502));
-    auto& ids = pool.processed;
-    EXPECT_EQ(std::set<int>(ids.begin(), ids.end()).size(), 502u);
+    EXPECT_EQ(std::set<int>(pool.processed.begin(), pool.processed.end()).size(), 502u);
     // Idle threads end, and ended ones are cleared before new ones start.
     ASSERT_TRUE(eventually([&] { return pool.jobCount() == 0; }, 10s));
     pool.push(502, 1);
@@ -204,10 +203,8 @@ TEST(WorkerQueue, FullQueueRefusesAfterThePushTimeoutAndDrainsOnStop) {
     EXPECT_EQ(pool.processed.size(), 257u);
 }
 
-// A one-thread pool whose task is held. Released (not joined), the stop
-// returns at once, and a restart waits for the retired thread, keeping the
-// order. Stopped without draining, the running task finishes, nothing else
-// starts, and what stays queued is dropped with the worker.
+// Released (not joined), a restart waits for the retired thread, keeping the order. Stopped
+// without draining, what stays queued is dropped with the worker.
 TEST(WorkerStop, ReleasedOrStoppedTheRunningTaskFinishesAndTheRestWaits) {
     std::vector<std::weak_ptr<Job>> left;
     {
@@ -243,8 +240,7 @@ TEST(WorkerStop, ReleasedOrStoppedTheRunningTaskFinishesAndTheRestWaits) {
     }
 }
 
-// A pool whose threads have all ended idle is released (a disconnect) and
-// started again (the next up): its next task runs, whatever its threads.
+// Released (a disconnect) and started again (the next up), whatever its thresholds.
 TEST(WorkerStop, ReleasedAfterItsThreadsEndedIdleItStartsAgain) {
     for (auto const& thresholds : {std::vector<std::uint64_t>{0}, {0, 100}}) {
         SCOPED_TRACE(thresholds.size());
@@ -261,8 +257,7 @@ TEST(WorkerStop, ReleasedAfterItsThreadsEndedIdleItStartsAgain) {
     }
 }
 
-// The thread survives a throwing process() (task 1) and stops its own pool
-// from process() (task 2).
+// Task 1 throws, task 2 stops the pool from process().
 TEST(WorkerStop, WorkerCanStopItsOwnPoolFromProcess) {
     auto pool = std::make_unique<Pool<false>>();
     pool->onTask = [&](int id) {
@@ -290,8 +285,7 @@ TEST(WorkerStop, WorkerCanStopItsOwnPoolFromProcess) {
     pool.reset();  // must wait for the detached thread, not crash
 }
 
-// Producers push while the processor is switched on and off; after a final
-// drain every accepted task was processed exactly once, no refused one at all.
+// After a final drain every accepted task was processed exactly once, no refused one at all.
 template <bool batch>
 void stress() {
     constexpr int producers = 4, perProducer = 1500;
@@ -350,9 +344,8 @@ Attr current() {
     return attr;
 }
 
-// A thread's nice value and policy are the operator's choice: a short slice
-// keeps both, and leaves other policies than the normal one alone. In threads
-// of their own, so that the test process keeps its settings.
+// A thread's nice value and policy are the operator's choice. In threads of their own, so that
+// the test process keeps its settings.
 TEST(ThreadSlice, KeepsNiceValueAndLeavesOtherPoliciesAlone) {
     std::thread([] {
         ASSERT_EQ(0, setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 5));

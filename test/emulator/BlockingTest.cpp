@@ -41,9 +41,8 @@ std::vector<int> outcomes(std::vector<std::future<int>>& calls) {
     return all;
 }
 
-// Confirm-waiting (un)subscribes, blocking binds and a blocking send into a
-// full publish window return only once the context thread has processed the
-// broker's answer; while it is held they wait, and each has its time-out.
+// Confirm-waiting (un)subscribes, blocking binds and a blocking send into a full window return
+// only once the context thread has processed the broker's answer.
 TEST_F(Blocking, CallsWaitForTheContextThreadUpToTheirTimeOuts) {
     auto quick = harness.connected(hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"},
                                               {"SESSION_SUBCONFIRM_TIMEOUT_MS", "50"},
@@ -107,11 +106,9 @@ TEST_F(Blocking, CallsThatWouldBlockFailOnTheContextThread) {
     EXPECT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(nonBlocking, "q", "4", nullptr));
 }
 
-// A broker drop fails the confirmations in flight (the connection is lost);
-// sends and subscriptions made while the session reconnects (BLOCK_WHILE_
-// CONNECTING at its default) return once it is up again. The broker ending
-// the session outright, or the reserved topic from a publisher, raises
-// DOWN_ERROR and fails every blocked call; a new connect then works.
+// A drop fails the confirmations in flight; calls made while reconnecting (BLOCK_WHILE_CONNECTING
+// at its default) return once up. The session ended outright, or the reserved topic, raises
+// DOWN_ERROR and fails every blocked call.
 TEST_F(Blocking, BlockedCallsThroughAReconnectAndTheSessionGoingDown) {
     ASSERT_EQ(SOLCLIENT_OK, harness.createFlow(session, "q", flow));
     solEmu_holdDeliveries(1);

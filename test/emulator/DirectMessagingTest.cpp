@@ -25,13 +25,8 @@ const MatchCase MATCH_CASES[] = {
     {"a/b>", "a/bc", false},     {"A/b", "a/b", false},   // case-sensitive
 };
 
-// Each case subscribes with its own tag and its topic is published from
-// another session. Overlapping subscriptions of one callback and user deliver
-// once; other VPNs and brokers are separate. The sentinel, published last,
-// proves that every message had its chance. Every answer and delivery reaches
-// the context thread a round trip later (all through one queue, so the
-// connect stands for them); deliveries keep publish order and every callback
-// runs on the context thread.
+// The sentinel, published last, proves that every message had its chance. Answers and
+// deliveries all pass one queue, so the connect's round trip stands for theirs.
 TEST_F(DirectMessaging, DeliversOnceToEachMatchingSubscriberInOrderARoundTripLater) {
     solEmu_setRoundTrip(30000);
     auto const start = std::chrono::steady_clock::now();
@@ -89,9 +84,7 @@ TEST_F(DirectMessaging, DeliversOnceToEachMatchingSubscriberInOrderARoundTripLat
     }
 }
 
-// Each refusal with its sub-code; a confirmation requested without waiting
-// comes as SUBSCRIPTION_OK with the tag; without topic dispatch the session's
-// own callback gets the messages.
+// Without topic dispatch the session's own callback gets the messages.
 TEST_F(DirectMessaging, RefusalsConfirmationsAndTheSessionCallback) {
     auto idle = harness.createSession(hostPort);
     auto session = harness.connected(hostPort);

@@ -17,11 +17,9 @@ class Guaranteed : public EmulatorTest {
     solClient_opaqueSession_pt session = nullptr;
 };
 
-// A bind to an unknown queue fails: blocking with no flow created,
-// non-blocking as an event of a flow that must still be destroyed. A message
-// to a known queue is acknowledged, one to an unknown queue rejected, each
-// with its tag. After flow_destroy returns no callback of that flow runs, even
-// with its delivery held in the context queue; the message goes back.
+// A non-blocking bind fails as an event of a flow that must still be destroyed. After
+// flow_destroy returns no callback of that flow runs, even with its delivery held in the context
+// queue; the message goes back.
 TEST_F(Guaranteed, UnknownQueuesAndADestroyedFlowWithAHeldDelivery) {
     solClient_opaqueFlow_pt flow = nullptr;
     EXPECT_EQ(SOLCLIENT_SUBCODE_QUEUE_NOT_FOUND,
@@ -50,10 +48,8 @@ TEST_F(Guaranteed, UnknownQueuesAndADestroyedFlowWithAHeldDelivery) {
     EXPECT_EQ(1, solEmu_queueDepth("work"));
 }
 
-// A client-ack flow holds at most FLOW_MAX_UNACKED_MESSAGES; an ack removes the
-// message from the queue; what is unacknowledged at flow_destroy comes again,
-// flagged redelivered and with the same id, to the next flow. An auto-ack flow
-// removes each message once its callback returns.
+// What is unacknowledged at flow_destroy comes again, flagged and with the same id, to the next
+// flow. An auto-ack flow removes each message once its callback returns.
 TEST_F(Guaranteed, ClientAckWindowAndRedeliveryThenAutoAck) {
     sendAll(4);
     solClient_opaqueFlow_pt flow = nullptr;

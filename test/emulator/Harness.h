@@ -65,9 +65,7 @@ class Harness {
         active = nullptr;
     }
 
-    // Plain TCP, connecting without blocking and retrying for ever, with topic
-    // dispatch, re-applied subscriptions and duplicate errors; `extra`
-    // overrides. Null on failure.
+    // `extra` overrides; null on failure.
     solClient_opaqueSession_pt createSession(std::string const& hostPort, Props const& extra = {}) {
         Props props = {{"SESSION_HOST", "tcp:" + hostPort},
                        {"SESSION_CONNECT_BLOCKING", "0"},

@@ -7,13 +7,10 @@ namespace {
 
 using Reconnect = EmulatorTest;
 
-// One broker drop. Subscriptions are re-applied, or dropped without
-// REAPPLY_SUBSCRIPTIONS (the sentinel, subscribed afterwards and published
-// last, proves that the other message had its chance); a flow's unacknowledged
-// message is redelivered. Withheld acknowledgements are the sends in flight:
-// each is retransmitted, the broker keeps one copy and each tag is acknowledged
-// once; sends made while reconnecting (not blocking while connecting) are
-// buffered and delivered too.
+// Without REAPPLY_SUBSCRIPTIONS subscriptions are dropped (the sentinel, published last, proves
+// that the other message had its chance). Withheld acknowledgements are the sends in flight: the
+// broker keeps one copy and each tag is acknowledged once; sends made while reconnecting (not
+// blocking while connecting) are buffered.
 TEST_F(Reconnect, BrokerDropRestoresSubscriptionsFlowsAndSendsInFlight) {
     ASSERT_EQ(0, solEmu_addQueue("r"));
     auto session = harness.connected(hostPort, {{"SESSION_BLOCK_WHILE_CONNECTING", "0"}});

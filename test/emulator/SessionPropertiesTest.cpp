@@ -60,9 +60,7 @@ TEST_F(Properties, MalformedSessionAndFlowPropertiesAreRefusedNamingTheProperty)
     }
 }
 
-// Each failure comes as CONNECT_FAILED from a non-blocking connect and as the
-// return code from a blocking one. A trust store that exists lets TLS up; a
-// blocking connect then returns OK, and disconnect raises no event.
+// A non-blocking connect fails as CONNECT_FAILED, a blocking one by its return code and the event.
 TEST_F(Properties, LoginVpnAndTrustStoreFailuresComeAsConnectFailed) {
     solEmu_refuseUser("mallory");
     const Props tls = {{"SESSION_HOST", "tcps:" + hostPort},
@@ -96,8 +94,6 @@ TEST_F(Properties, LoginVpnAndTrustStoreFailuresComeAsConnectFailed) {
     EXPECT_EQ(failures + 2, harness.events().size());  // the UP_NOTICEs only
 }
 
-// Counted failures and their disarming; refusals of one topic or of every one,
-// with REQUEST_CONFIRM as an event; calls after cleanup fail until initialize.
 TEST_F(FaultHooks, FailNextRefusedSubscriptionsAndCleanup) {
     auto session = harness.connected(hostPort);
     EXPECT_EQ(-1, solEmu_failNext("solClient_no_such_function", 1, -1, 6, "x"));

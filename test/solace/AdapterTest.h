@@ -1,4 +1,3 @@
-// Fixture and recorders for the adapter tests against the stand-in.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -133,6 +132,10 @@ class EventRecorder : public EventHandler, public Record<Event> {
     std::vector<Event> of(Kind kind) {
         return where([kind](Event const& e) { return e.kind == kind; });
     }
+    // The answers to one request.
+    std::vector<Event> of(shared_ptr<Reference> const& tag) {
+        return where([&tag](Event const& e) { return e.reference == tag; });
+    }
     bool waitFor(Kind kind, std::size_t n, std::chrono::milliseconds timeout = 5s) {
         return waitCount(
             n, [kind](Event const& e) { return e.kind == kind; }, timeout);
@@ -185,8 +188,10 @@ class MessageRecorder : public MessageHandler, public Record<shared_ptr<Message>
             message->acknowledge();
         }
     }
-    std::size_t count() { return all().size(); }
-    // Waits until n messages with this payload ("" for any) have arrived.
+    // Messages with this payload ("" for any): how many came, or wait until n have.
+    std::size_t count(std::string const& payload = "") {
+        return where([&](auto const& m) { return payload.empty() || text(m) == payload; }).size();
+    }
     bool waitFor(std::size_t n, std::string const& payload = "",
                  std::chrono::milliseconds timeout = 5s) {
         return waitCount(
@@ -286,10 +291,17 @@ class AdapterTest : public ::testing::Test {
         EXPECT_TRUE(events->waitFor(CREATED, before + 1));
         return handler;
     }
+    // Waits for the outcome of a send and checks that it is the only one.
+    Event outcomeOf(shared_ptr<Reference> const& tag) {
+        EXPECT_TRUE(events->waitCount(1, [&tag](Event const& e) { return e.reference == tag; }));
+        auto const outcomes = events->of(tag);
+        EXPECT_EQ(outcomes.size(), 1u);
+        return outcomes.empty() ? Event{FAULT} : outcomes[0];
+    }
     // What was published before the marker has had its chance to arrive.
     void flush(shared_ptr<Client> const& client, shared_ptr<MessageRecorder> const& handler,
                std::string const& topic) {
-        auto const before = handler->where([](auto& m) { return text(m) == "marker"; }).size();
+        auto const before = handler->count("marker");
         ASSERT_TRUE(client->publish(packet("marker"), topic, AMO, Reference::NONE, false));
         ASSERT_TRUE(handler->waitFor(before + 1, "marker"));
     }
@@ -318,14 +330,6 @@ class Connected : public AdapterTest {
     }
     void publish(std::string const& topic, std::string const& payload, QOS::Enum qos = AMO) {
         ASSERT_TRUE(client->publish(packet(payload), topic, qos, Reference::NONE, false));
-    }
-    // Waits for the outcome of a send and checks that it is the only one.
-    Event outcomeOf(shared_ptr<Reference> const& tag) {
-        auto mine = [&tag](Event const& e) { return e.reference == tag; };
-        EXPECT_TRUE(events->waitCount(1, mine));
-        auto const outcomes = events->where(mine);
-        EXPECT_EQ(outcomes.size(), 1u);
-        return outcomes.empty() ? Event{FAULT} : outcomes[0];
     }
     // Publishes its topic as payload (lent for the call only) with a fresh tag,
     // expecting publish to return accepted, and gives the outcome.

@@ -1,6 +1,4 @@
 #include <filesystem>
-#include <future>
-#include <iostream>
 #include <random>
 
 #include "AdapterTest.h"
@@ -13,12 +11,8 @@ long threadCount() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-// Under a broker with a round trip, slow callbacks, a publish window that
-// fills, drops, returns and sessions ended outright, with connects and
-// disconnects at random and subscriptions and flows coming and going
-// (acknowledgements racing their flow's stop): nothing hangs, every request
-// is answered exactly once, every thread ends and no library message leaks.
-// It runs until it has met each hazard (or 30 s).
+// Every hazard at random, acknowledgements racing their flow's stop: nothing hangs, every request
+// is answered exactly once, every thread ends. It runs until it has met each hazard (or 30 s).
 TEST_F(Stress, NothingHangsUnderARealisticBroker) {
     events->slowEvery = 16;
     solEmu_setRoundTrip(2000);
@@ -143,16 +137,8 @@ TEST_F(Stress, NothingHangsUnderARealisticBroker) {
     } while (std::chrono::steady_clock::now() - started < 3s ||
              (!allHit() && std::chrono::steady_clock::now() - started < 30s));
     stop = true;
-    // Bounded, so that a hang is told as one; two minutes, as under ThreadSanitizer
-    // a thread may still sit out a vendor time-out (10 s).
-    auto joined = std::async(std::launch::async, [&] {
-        for (auto& thread : threads) {
-            thread.join();
-        }
-    });
-    if (joined.wait_for(120s) != std::future_status::ready) {
-        std::cerr << "hang: test threads stuck\n";
-        std::abort();
+    for (auto& thread : threads) {  // a hang runs into ctest's time-out
+        thread.join();
     }
     for (auto& peer : peers) {
         peer->connect(0);
@@ -179,13 +165,9 @@ TEST_F(Stress, NothingHangsUnderARealisticBroker) {
         EXPECT_GT(count, 0) << name;
     }
 
-    for (auto& peer : peers) {
-        peer->unsubscribe(Reference::NONE);
-        peer->disconnect(0);
-    }
     peers.clear();
     receivers.clear();
-    TearDown();  // every session ended, the library shut down
+    TearDown();  // disconnects and releases every client: each session ends, then the library
     EXPECT_LE(threadCount(), threadsBefore + 1) << "threads left running";  // + the timer thread
     solEmu_setRoundTrip(0);
 }
