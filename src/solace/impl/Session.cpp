@@ -287,8 +287,7 @@ void Session::disconnect(unsigned long timeoutMs) {
     // Not joined: the JavaScript thread never waits for a blocked worker.
     stopSendingWorkers(timeoutMs);
     // A first attempt reads disconnected, yet the library would still bring the session up.
-    bool const attempting = requested && connection.getState() == Connection::DISCONNECTED;
-    if (attempting || connection.getState() != Connection::DISCONNECTED) {
+    if (requested || connection.getState() != Connection::DISCONNECTED) {
         // A new connection both before and after the call: a subscribe under way that fails
         // with this disconnect sees its connection gone, and one the library took just before
         // it counts as dropped with it.
