@@ -114,8 +114,6 @@ TEST_F(Guaranteed, StoppedFlowsWaitAndStartedFlowsShareTheQueue) {
     EXPECT_EQ(2, solEmu_queueDepth("work"));  // the last two were never acknowledged
 }
 
-}  // namespace
-
 // A destroyed flow's or session's handle stays refused once a new one is made after it (the
 // allocator readily hands the same memory back): it must never reach the new object.
 TEST_F(Guaranteed, StaleHandlesNeverReachTheObjectsMadeAfterThem) {
@@ -162,3 +160,5 @@ TEST_F(Guaranteed, AFlowsCallbacksUseTheirHandleBeforeABlockingBindReturns) {
     EXPECT_TRUE(eventually([] { return solEmu_queueDepth("work") == 0; }));
     EXPECT_EQ(SOLCLIENT_OK, solClient_flow_destroy(&flow));
 }
+
+}  // namespace
