@@ -42,14 +42,16 @@ for (const [name, file] of examples.concat(blocks)) {
 }
 
 // Every value the declarations export is a named export of an ES module import as well
-// ('kwnode/promises' as docs/api.md writes it, and the file's own name).
+// ('kwnode/promises' as docs/api.md writes it, and the file's own name; 'kwnode/constants' as
+// before the exports map, which does no extension search).
 harness.test('ES module imports find every value the declarations export', (done) => {
   const file = path.join(scratch, 'imports.mjs');
   fs.writeFileSync(file, [
     "import { KWNodeClient, KWNodeEvent, KWNodeMessage, EventCode, ConnectionState, QoS } from 'kwnode';",
     "import * as layer from 'kwnode/promises';",
     "import * as file from 'kwnode/promises.js';",
-    'const names = [KWNodeClient, KWNodeEvent, KWNodeMessage, EventCode, ConnectionState, QoS];',
+    "import constants from 'kwnode/constants';",
+    'const names = [KWNodeClient, KWNodeEvent, KWNodeMessage, EventCode, ConnectionState, QoS, constants.QoS === QoS];',
     "const missing = ['Client', 'Subscription', 'connect', 'EventCode', 'ConnectionState', 'QoS'].filter((n) => !(n in layer) || file[n] !== layer[n]);",
     'process.exit(names.every(Boolean) && missing.length === 0 ? 0 : (console.error(missing.join()), 1));'
   ].join('\n'));
