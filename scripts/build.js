@@ -40,10 +40,16 @@ function nanHeaders() {
 const cache = path.join(build, 'CMakeCache.txt');
 const cached = fs.existsSync(cache) ? fs.readFileSync(cache, 'utf8') : null;
 const testsOn = cached !== null && /^KW_BUILD_TESTS:BOOL=ON$/m.test(cached);
-if (cached === null || (!install && !testsOn)) {
+// After a switch of Node.js (nvm) the cached headers are another line's: the
+// add-on would be built for an ABI this Node.js cannot load.
+const headers = nodeHeaders();
+const sameHeaders = cached !== null && cached.split('\n').includes(`NODE_INCLUDE_DIR:PATH=${headers}`);
+if (!sameHeaders || (!install && !testsOn)) {
+  const tests = !install || testsOn;
+  // The tests run on the Node.js the add-on is built for.
   run('cmake', ['-S', root, '-B', build, '-DCMAKE_BUILD_TYPE=RelWithDebInfo',
-    `-DNODE_INCLUDE_DIR=${nodeHeaders()}`, `-DNAN_INCLUDE_DIR=${nanHeaders()}`,
-    `-DKW_BUILD_TESTS=${install ? 'OFF' : 'ON'}`]);
+    `-DNODE_INCLUDE_DIR=${headers}`, `-DNAN_INCLUDE_DIR=${nanHeaders()}`,
+    `-DKW_BUILD_TESTS=${tests ? 'ON' : 'OFF'}`].concat(tests ? [`-DKW_NODE_EXECUTABLE=${process.execPath}`] : []));
 }
 const targets = install ? ['--target', 'kwnode', 'solclient'] : [];
 run('cmake', ['--build', build, '--parallel', String(Math.max(2, os.cpus().length))].concat(targets));
