@@ -109,21 +109,24 @@ stage() {
     done
 }
 
+# Called as "package || rc=1", where bash ignores set -e inside the function:
+# every step's failure is returned explicitly.
 package() {
-    local app tarball v node
-    tarball=$(cd "$root" && npm pack --silent | tail -1)
+    local app tarball v node status=0
+    tarball=$(cd "$root" && npm pack --silent | tail -1) || return 1
     echo "== package $tarball: $(du -k "$root/$tarball" | cut -f1) KiB"
     app=$(mktemp -d "${TMPDIR:-/tmp}/kwnode-app.XXXXXX")
     trap 'rm -rf "$app"' RETURN
     (cd "$app" && echo '{"name":"app","version":"1.0.0","private":true}' >package.json &&
-        npm install --ignore-scripts --no-audit --no-fund "$root/$tarball" >/dev/null)
+        npm install --ignore-scripts --no-audit --no-fund "$root/$tarball" >/dev/null) || return 1
     for v in "${VERSIONS[@]}"; do
         node=$(node_of "$v")
         echo "-- installed package on Node $("$node" --version)"
         # Only the installed package: no build tree, the shipped stand-in.
         (cd "$app" && env -u KWNODE_BUILD_DIR LD_LIBRARY_PATH="$app/node_modules/kwnode/prebuilds/linux-x64" \
-            "$node" "$root/test/package/roundtrip.js" "$app")
+            "$node" "$root/test/package/roundtrip.js" "$app") || status=1
     done
+    return $status
 }
 
 case "${1:-all}" in
