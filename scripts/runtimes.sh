@@ -137,8 +137,15 @@ case "${1:-all}" in
         if (($# == 0)); then set -- "${VERSIONS[@]}"; fi
         suites "$@"
         ;;
-    package) build_all && package ;;
-    stage) build_all && stage ;;
+    # Not "build_all && ...": bash would ignore set -e inside build_all.
+    package)
+        build_all
+        package
+        ;;
+    stage)
+        build_all
+        stage
+        ;;
     all)
         build_all
         rc=0
