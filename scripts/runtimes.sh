@@ -11,6 +11,7 @@
 #   scripts/runtimes.sh suites [ver..]  build, then the suites (all lines, or
 #                                       the versions named; "system" = node on PATH)
 #   scripts/runtimes.sh package         build, pack, install and round trip
+#                                       (and once from source, without prebuilds)
 #   scripts/runtimes.sh stage           build, then put the stripped add-ons
 #                                       and stand-in into prebuilds/ (npm pack
 #                                       runs this first and removes it after)
@@ -126,6 +127,16 @@ package() {
         (cd "$app" && env -u KWNODE_BUILD_DIR LD_LIBRARY_PATH="$app/node_modules/kwnode/prebuilds/linux-x64" \
             "$node" "$root/test/package/roundtrip.js" "$app") || status=1
     done
+    # Without prebuilt add-ons, the install script builds from the shipped sources (as on a line
+    # with none): once, on the machine's Node.js.
+    local bare="$app/bare"
+    mkdir -p "$bare/app"
+    tarball=$(cd "$root" && npm pack --silent --ignore-scripts --pack-destination "$bare" | tail -1) || return 1
+    echo "-- the package without prebuilt add-ons, built by its install script on Node $(node --version)"
+    (cd "$bare/app" && echo '{"name":"app","version":"1.0.0","private":true}' >package.json &&
+        npm install --no-audit --no-fund "$bare/$tarball" >/dev/null &&
+        env -u KWNODE_BUILD_DIR LD_LIBRARY_PATH="$bare/app/node_modules/kwnode/build/emulator" \
+            node "$root/test/package/roundtrip.js" "$bare/app" build/addon) || status=1
     return $status
 }
 

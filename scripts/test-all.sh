@@ -6,7 +6,8 @@
 #     harness checks;
 #  2. scripts/runtimes.sh: the add-on for every supported Node.js line (6, 20,
 #     22, 24, 25, 26), the JavaScript suites on each, and the packed package
-#     installed into a fresh folder making a round trip on each;
+#     installed into a fresh folder making a round trip on each (and, without
+#     its prebuilt add-ons, built from source by its install script);
 #  3. build and run the C++ suites under AddressSanitizer + UBSan, then
 #     under ThreadSanitizer.
 # Each step stops the run on failure.

@@ -1,8 +1,8 @@
 'use strict';
-// Run inside an application folder where the packed package was installed
-// (npm install <tarball> --ignore-scripts): the installed kwnode loads its
-// prebuilt add-on on this Node.js line and makes a round trip on the stand-in
-// broker shipped with it. Parses on Node 6.
+// Run inside an application folder where the packed package was installed:
+// the installed kwnode loads its add-on for this Node.js line from the folder
+// named (the prebuilt ones by default, build/addon for one its install script
+// built) and makes a round trip on the stand-in broker. Parses on Node 6.
 var assert = require('assert');
 var path = require('path');
 
@@ -14,9 +14,9 @@ var appRequire = Module.createRequire ? Module.createRequire(path.join(app, 'pac
   : function (name) { return require(path.join(app, 'node_modules', name)); };
 var kwnode = appRequire('kwnode');
 if (Module.createRequire) assert.strictEqual(appRequire('kwnode/promises').QoS, kwnode.QoS);
-var resolved = require.resolve(path.join(app, 'node_modules', 'kwnode', 'prebuilds', 'linux-x64',
+var resolved = require.resolve(path.join(app, 'node_modules', 'kwnode', process.argv[3] || 'prebuilds/linux-x64',
   'node-v' + process.versions.modules, 'kwnode.node'));
-assert.ok(require.cache[resolved], 'the prebuilt add-on for ABI ' + process.versions.modules + ' was loaded');
+assert.ok(require.cache[resolved], 'the add-on ' + resolved + ' was loaded');
 
 var client = new kwnode.KWNodeClient('package', 'SOLACE', { host: 'localhost', port: 55555, vpn: 'package' });
 client.connect();
