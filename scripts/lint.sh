@@ -19,11 +19,18 @@ cxx_files() {
         while read -r f; do [[ -f "$f" ]] && echo "$f"; done
 }
 
+# An empty list would pass every gate without checking anything.
+mapfile -t files < <(cxx_files)
+if ((${#files[@]} == 0)); then
+    echo "lint: no C++ files listed (git ls-files needs git and a checkout)" >&2
+    exit 1
+fi
+
 failed=0
 
 if [[ "$only" == all || "$only" == format ]]; then
     echo "== clang-format"
-    if ! cxx_files | xargs clang-format --dry-run --Werror; then
+    if ! clang-format --dry-run --Werror "${files[@]}"; then
         echo "clang-format: differences above (fix with clang-format -i <file>)" >&2
         failed=1
     fi
@@ -37,7 +44,7 @@ if [[ "$only" == all || "$only" == tidy ]]; then
         -DCMAKE_BUILD_TYPE=Debug >"$lint_dir.log" 2>&1 ||
         { cat "$lint_dir.log" >&2; exit 1; }
     # Translation units only; headers are checked through them.
-    mapfile -t units < <(cxx_files | grep '\.cpp$')
+    mapfile -t units < <(printf '%s\n' "${files[@]}" | grep '\.cpp$')
     jobs="${LINT_JOBS:-$(nproc)}"
     log="$(mktemp)"
     if ! printf '%s\n' "${units[@]}" |
