@@ -1,6 +1,7 @@
 // Test-only add-on kwbridge_probe.node: drives the callback bridge from native
 // threads without a broker. Used by the bridge tests and by the benchmarks.
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <thread>
@@ -9,15 +10,37 @@
 #include <nan.h>
 #include <node.h>
 
+#include "KWClient/KWCallbackItem.h"
 #include "KWClient/KWCallbackProcessor.h"
 #include "KWClient/KWDoneCallback.h"
 #include "KWClient/KWEventHandler.h"
+#include "KWClient/KWFunction.h"
 #include "KWClient/KWMessageHandler.h"
 #include "KWClient/KWNodeEvent.h"
 #include "KWClient/KWNodeMessage.h"
-#include "KWProbeItem.h"
 
 namespace {
+
+// The smallest useful callback item: calls fn(threadIndex, seq, batch) on the
+// JavaScript thread, batch being the number of the kw_item_callback run that
+// executed it.
+class ProbeItem : public KWCallbackItem {
+  public:
+    ProbeItem(std::shared_ptr<KWFunction> callback, uint32_t threadIndex, uint32_t seq)
+        : callback(std::move(callback)), threadIndex(threadIndex), seq(seq) {}
+    void executeCallback() override {
+        Nan::HandleScope scope;
+        KWCallbackProcessor* processor = KWCallbackProcessor::getInstance();
+        v8::Local<v8::Value> argv[] = {Nan::New(threadIndex), Nan::New(seq),
+                                       Nan::New(static_cast<double>(processor->batchCount()))};
+        processor->call(callback->GetFunction(), 3, argv);
+    }
+
+  private:
+    std::shared_ptr<KWFunction> callback;
+    uint32_t threadIndex;
+    uint32_t seq;
+};
 
 bool functionAt(Nan::NAN_METHOD_ARGS_TYPE info, int index) {
     if (info[index]->IsFunction())
@@ -57,7 +80,7 @@ NAN_METHOD(PushFromThreads) {
     for (uint32_t t = 0; t < threads; ++t) {
         workers.emplace_back([processor, callback, t, perThread] {
             for (uint32_t seq = 0; seq < perThread; ++seq) {
-                processor->pushBackItem(std::make_shared<KWProbeItem>(callback, t, seq));
+                processor->pushBackItem(std::make_shared<ProbeItem>(callback, t, seq));
                 processor->triggerCallback();
             }
         });
