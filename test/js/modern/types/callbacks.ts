@@ -11,7 +11,6 @@ const client = new KWNodeClient('id', 'SOLACE', data, (event: KWNodeEvent) => {
   if (code === EventCode.CONNECTION_STATE && event.eventSubCode() === ConnectionState.CONNECTED) return;
   const text: string = event.what();
   const carried: KWNodeMessage | null = event.message();
-  void text; void carried;
 });
 new KWNodeClient(42, 'SOLACE', { host: 'h', port: '1', vpn: 'v', use_ssl: 'yes' });
 
@@ -25,7 +24,6 @@ const handler = (m: KWNodeMessage) => {
   client.forward('a/b', m, done);
   client.forward('q', QoS.GUARANTEED, m);
   client.forward('q', 2, m, done);
-  void bytes; void qos; void facts;
 };
 
 client.connect();
@@ -44,7 +42,6 @@ client.unsubscribe('q', 2);
 client.unsubscribe('q', 2, done);
 client.disconnect();
 try { client.connect(); } catch (e) { console.log((e as LibraryError).code); }
-void state;
 
 // @ts-expect-error: the QoS form of subscribe needs four arguments
 client.subscribe('q', 2, handler);
@@ -69,5 +66,4 @@ client.publish('a/b', 'x', (err) => console.log(err.errno));
 client.subscribe('a/b', (m) => {
   // @ts-expect-error: message fields are methods
   const topic: string = m.topic;
-  void topic;
 });

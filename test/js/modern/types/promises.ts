@@ -37,7 +37,6 @@ async function main(): Promise<void> {
     if (err.code === 'ERR_KWNODE_OVERFLOW') console.log(err.dropped);
   }
   await client.disconnect();
-  void counts; void state;
 
   // @ts-expect-error: a payload is a string, an ArrayBuffer or a view of one
   await client.publish('a/b', 42);
@@ -52,4 +51,3 @@ async function main(): Promise<void> {
   // @ts-expect-error: subscriptions come from subscribe()
   new Subscription();
 }
-void main;
