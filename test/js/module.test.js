@@ -130,7 +130,6 @@ test('constructor: argument errors in order, conversions seen through the librar
   throwsTexts([
     // The data check replaces the count error; construction stops without data.
     [function () { return new KWNodeClient(); }, noData],
-    [function () { return new KWNodeClient('id'); }, noData],
     [function () { return new KWNodeClient('id', 'SOLACE', null, function () {}); }, noData],
     // A string is read one entry per character, so the library misses its host.
     [function () { return new KWNodeClient('dev', 'SOLACE', 'ab'); }, "invalid destination 'dev', missing parameter 'host'"],
