@@ -39,6 +39,22 @@ TEST_F(Sending, AtMostOnceGoesToTheTopicAndForwardSendsThePayloadOn) {
     ASSERT_TRUE(handler->waitFor(2, "<null>"));
 }
 
+// Outgoing message ids are process-wide: one more for each send, across publish and forward and
+// across sessions, from 1 where no other test sent before (as under ctest, a process a test).
+TEST_F(Sending, MessageIdsRiseByOneAcrossPublishForwardAndSessions) {
+    publish("ids", "a");
+    connectedClient()->forward(nullptr, "ids", AMO, Reference::NONE, false);
+    client->publish(packet("c"), "ids", AMO, Reference::NONE, true);
+    std::vector<unsigned long long> ids;
+    for (auto const& e : events->waitOf(SENT, 3)) {
+        ids.push_back(e.id);
+    }
+    EXPECT_EQ(ids, (std::vector<unsigned long long>{ids.at(0), ids.at(0) + 1, ids.at(0) + 2}));
+    if (::testing::UnitTest::GetInstance()->test_to_run_count() == 1) {
+        EXPECT_EQ(ids[0], 1u);
+    }
+}
+
 TEST_F(Sending, LibraryFailuresEndInOneErrorEach) {
     std::pair<char const*, QOS::Enum> const cases[] = {
         {"solClient_session_sendMsg", AMO},
