@@ -151,13 +151,8 @@ class EventRecorder : public EventHandler, public Record<Event> {
 
   private:
     void send(Kind kind, Msg const& m, char const* text, Ref r) {
-        Event event{kind, 0, text ? text : "", "", 0, 0, std::move(r)};
-        if (auto task = std::dynamic_pointer_cast<Impl::MessageTask>(m)) {
-            event.name = task->getTopic();
-            event.qos = task->getQOS();
-            event.id = task->getMessageID();
-        }
-        add(std::move(event));
+        auto task = std::dynamic_pointer_cast<Impl::MessageTask>(m);
+        add({kind, 0, text ? text : "", "", 0, task ? task->getMessageID() : 0, std::move(r)});
     }
 };
 

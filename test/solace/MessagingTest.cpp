@@ -14,11 +14,9 @@ TEST_F(Sending, AtMostOnceGoesToTheTopicAndForwardSendsThePayloadOn) {
     auto handler = subscribed(client, "news/*");  // received under the concrete topic
     Event const done = send("news/today", AMO);
     EXPECT_EQ(done.kind, SENT);
-    EXPECT_EQ(done.name, "news/today");
     ASSERT_TRUE(handler->waitFor(1));
     auto message = handler->all()[0];
     EXPECT_EQ(text(message), "news/today");
-    EXPECT_EQ(message->getTopic(), "news/today");
     EXPECT_FALSE(message->isAckRequired());
     EXPECT_EQ(message->getClient(), client);
     EXPECT_EQ(std::dynamic_pointer_cast<Impl::MessageTask>(message)->getMessageID(), 0u);
