@@ -58,7 +58,7 @@ declare -A PASSED FAILED FILES
 suites() {
     local v node major file out status=0
     export LD_LIBRARY_PATH="$build/emulator${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
-    export SOLCLIENT_EMULATOR_QUEUES="kw.q1,kw.q2,kw.burst,kw.memory,kw.outage"
+    export SOLCLIENT_EMULATOR_QUEUES="kw.q1,kw.q2"
     export KWNODE_BUILD_DIR="$build"
     for v in "$@"; do
         node=$(node_of "$v")
