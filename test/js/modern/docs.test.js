@@ -33,13 +33,10 @@ const blocks = fs.readFileSync(path.join(root, 'docs', 'api.md'), 'utf8')
   });
 assert.ok(examples.length >= 4 && blocks.length >= 6, 'examples and runnable blocks found');
 
-for (const [name, file] of examples.concat(blocks)) {
-  harness.test(name, (done) => {
-    childProcess.execFile(process.execPath, [file], { cwd: scratch, env, timeout: 30000 }, (err, stdout, stderr) => {
-      done(err && new Error(`${err.message}\n${stdout}${stderr}`));
-    });
-  });
-}
+// A test that runs the file from the scratch directory to a clean exit.
+const runs = (file) => (done) => childProcess.execFile(process.execPath, [file], { cwd: scratch, env, timeout: 30000 },
+  (err, stdout, stderr) => done(err && new Error(`${err.message}\n${stdout}${stderr}`)));
+for (const [name, file] of examples.concat(blocks)) harness.test(name, runs(file));
 
 // Every value the declarations export is a named export of an ES module import as well
 // ('kwnode/promises' as docs/api.md writes it, and the file's own name; 'kwnode/constants' as
@@ -55,9 +52,7 @@ harness.test('ES module imports find every value the declarations export', (done
     "const missing = ['Client', 'Subscription', 'connect', 'EventCode', 'ConnectionState', 'QoS'].filter((n) => !(n in layer) || file[n] !== layer[n]);",
     'process.exit(names.every(Boolean) && missing.length === 0 ? 0 : (console.error(missing.join()), 1));'
   ].join('\n'));
-  childProcess.execFile(process.execPath, [file], { cwd: scratch, env, timeout: 30000 }, (err, stdout, stderr) => {
-    done(err && new Error(`${err.message}\n${stdout}${stderr}`));
-  });
+  runs(file)(done);
 });
 
 harness.test('tsc --noEmit --strict accepts the usage files and rejects the misuse lines', () => {
