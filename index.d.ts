@@ -130,7 +130,7 @@ export declare class KWNodeMessage {
   acknowledge(): void;
   /** The topic, or the queue name for a queue message. */
   topic(): string;
-  /** A new Buffer over the message's bytes on every call (zero copy; empty payload: length 0). */
+  /** A new Buffer over the message's bytes on every call (zero copy over 4 KiB, else copied once; empty payload: length 0). */
   payload(): Buffer;
   /** True for messages of a qos 2 queue subscription. */
   isAckRequired(): boolean;
