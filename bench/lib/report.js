@@ -16,8 +16,8 @@ const WORKLOAD_TITLES = { direct: 'Direct messages', guaranteed: 'Guaranteed (qu
 const METRICS = {
   msgsPerSec: 'msg/s', mbPerSec: 'MB/s', dropped: 'dropped', cpuUsPerMsg: 'CPU µs/msg', ackedPerSec: 'acked sends/s',
   consumedPerSec: 'acknowledged msg/s', p50us: 'p50 µs', p99us: 'p99 µs', p999us: 'p99.9 µs', achievedSendPerSec: 'sent msg/s',
-  itemsPerSec: 'items/s', peakRssMB: 'peak RSS MB', rssGrowthMB: 'RSS growth MB', heapGrowthMB: 'heap growth MB',
-  heapTotalGrowthMB: 'V8 heap size growth MB', delivered: 'delivered',
+  itemsPerSec: 'items/s', peakRssMB: 'peak RSS MiB', rssGrowthMB: 'RSS growth MiB', heapGrowthMB: 'heap growth MiB',
+  heapTotalGrowthMB: 'V8 heap size growth MiB', delivered: 'delivered',
 };
 const NO_RATIO = new Set(['dropped', 'rssGrowthMB', 'heapGrowthMB', 'heapTotalGrowthMB', 'delivered']);
 

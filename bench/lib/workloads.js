@@ -227,6 +227,7 @@ async function memory(system, params) {
   const after = process.memoryUsage();
   peak = Math.max(peak, after.rss, process.resourceUsage().maxRSS * 1024);
   t.close();
+  // MiB (the metric names keep the MB of older result files).
   const mb = (b) => b / (1024 * 1024);
   return [{
     variant: `${params.count / 1e6 >= 1 ? params.count / 1e6 + 'M' : params.count / 1e3 + 'k'} x 64 B`,
