@@ -4,7 +4,8 @@
 // `--workload guaranteed`, 1 KiB guaranteed publishes with a completion each,
 // publish only) in a worker under `perf record` (all threads: main, stand-in
 // context thread, adapter workers) and prints where the CPU time per message
-// goes, by area and by symbol. Needs perf (Debian: linux-perf).
+// of the measured pass (no start-up, set-up or warm-up) goes, by area and by
+// symbol. Needs perf (Debian: linux-perf).
 //   node bench/profile.js [--workload direct|guaranteed] [--system kwnode] [--count N]
 //                         [--size B] [--top 25] [--window W]
 
@@ -90,22 +91,25 @@ function byArea(rows) {
 function main() {
   const o = parseArgs(process.argv.slice(2));
   const emulatorDir = env.findEmulatorDir({ ldLibraryPath: process.env.LD_LIBRARY_PATH });
-  const data = path.join(fs.mkdtempSync(path.join(os.tmpdir(), 'kwprof-')), 'perf.data');
+  const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'kwprof-'));
+  const [data, control, ack] = ['perf.data', 'control', 'ack'].map((f) => path.join(dir, f));
+  spawnSync('mkfifo', [control, ack]);
   const job = jobOf(o);
+  // Events start off; the worker turns them on for the measured pass alone.
   const rec = spawnSync(
     'perf',
-    ['record', '-F', '1999', '-g', '-o', data, '--', process.execPath, '--perf-basic-prof', path.join(__dirname, 'worker.js'), JSON.stringify(job)],
+    ['record', '-F', '1999', '-g', '-D', '-1', '--control', `fifo:${control},${ack}`, '-o', data, '--',
+      process.execPath, '--perf-basic-prof', path.join(__dirname, 'worker.js'), JSON.stringify(job)],
     // V8's code-event log (isolate-*.log) lands in the working directory:
     // keep it in the temporary one.
-    { env: workerEnv(emulatorDir), cwd: path.dirname(data), encoding: 'utf8', maxBuffer: 64 * 1024 * 1024 },
+    { env: { ...workerEnv(emulatorDir), KWBENCH_PERF_CONTROL: `${control}:${ack}` }, cwd: dir, encoding: 'utf8', maxBuffer: 64 * 1024 * 1024 },
   );
   const [result] = resultOf(rec.stdout) || [];
   if (rec.status !== 0 || !result) {
     process.stderr.write(`perf record failed: ${rec.error || rec.stderr}\n`);
     return 1;
   }
-  // The warm-up pass delivers a tenth more; both passes are in the profile.
-  const messages = o.count + Math.max(100, Math.floor(o.count / 10));
+  const messages = o.count;
   const perfReport = (sort, limit) => spawnSync('perf', ['report', '-i', data, '--stdio', '--no-children', '--sort', sort,
     '--percent-limit', limit], { encoding: 'utf8', maxBuffer: 256 * 1024 * 1024 }).stdout || '';
   const { rows, eventCount } = parsePerfReport(perfReport('dso,sym', '0.05'));
@@ -129,7 +133,7 @@ function main() {
   out.push('', '| Thread | share | ns/msg |', '|---|---|---|');
   for (const t of parseThreads(perfReport('comm', '0.5'))) out.push(`| ${t.thread} | ${t.percent.toFixed(1)}% | ${nsPerMsg(t.percent)} |`);
   process.stdout.write(`${out.join('\n')}\n`);
-  fs.rmSync(path.dirname(data), { recursive: true, force: true });
+  fs.rmSync(dir, { recursive: true, force: true });
   return 0;
 }
 

@@ -3,6 +3,7 @@
 // function returns a list of { variant, metrics } with plain numbers.
 
 const { EventEmitter } = require('events');
+const fs = require('fs');
 const env = require('./env');
 const transports = require('./transports');
 const { runThroughput, runLatency, makeProgressWaiter, yieldMacrotask, now, nsToS, cpuMicros } = require('./driver');
@@ -21,12 +22,36 @@ async function openSystem(system) {
   throw new Error(`unknown system ${system}`);
 }
 
+// Under bench/profile.js, perf starts with its events off and the worker
+// turns them on for the measured passes only, so that start-up, set-up and
+// warm-up stay out of the per-message figures. KWBENCH_PERF_CONTROL is
+// "<control fifo>:<ack fifo>" of `perf record --control`.
+function perfCommand(command) {
+  const [control, ack] = process.env.KWBENCH_PERF_CONTROL.split(':');
+  const answer = fs.openSync(ack, 'r');
+  try {
+    fs.writeFileSync(control, `${command}\n`);
+    fs.readSync(answer, Buffer.alloc(16));
+  } finally {
+    fs.closeSync(answer);
+  }
+}
+async function measured(pass) {
+  if (!process.env.KWBENCH_PERF_CONTROL) return pass();
+  perfCommand('enable');
+  try {
+    return await pass();
+  } finally {
+    perfCommand('disable');
+  }
+}
+
 // A warm-up pass (a tenth of the messages, at least 100; a fifth of the time,
 // at least 50 ms), then the measured pass.
 const tenth = (n) => Math.max(100, Math.floor(n / 10));
 async function warmThroughput(t, payload, count, window) {
   await runThroughput(t, { payload, count: tenth(count), window });
-  return runThroughput(t, { payload, count, window });
+  return measured(() => runThroughput(t, { payload, count, window }));
 }
 async function warmLatency(t, rate, durationMs) {
   await runLatency(t, { rate, durationMs: Math.max(50, durationMs / 5), size: 64 });
@@ -141,7 +166,7 @@ async function guaranteed(system, params) {
   const payload = Buffer.alloc(params.size, 0x62);
   await publishGuaranteed(pub, tenth(params.count), params.window, payload);
   if (con) await consumeQueue(con, tenth(params.count));
-  const p = await publishGuaranteed(pub, params.count, params.window, payload);
+  const p = await measured(() => publishGuaranteed(pub, params.count, params.window, payload));
   const out = [{ variant: `publish ${sizeLabel(params.size)}`, metrics: { ackedPerSec: p.perSec, cpuUsPerMsg: p.cpuUsPerMsg } }];
   if (con) {
     const c = await consumeQueue(con, params.count);
