@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "HandleTable.h"
 #include "Work.h"
 
 namespace SolEmu {
@@ -23,6 +24,8 @@ class Context {
     ~Context();
     Context(Context const&) = delete;
     Context& operator=(Context const&) = delete;
+
+    void* handle() const { return opaque; }
 
     // Returns the post's sequence number (0 if the context is stopping). With
     // `wakeLater`, a sleeping thread is not woken: *wakeLater is set and the
@@ -81,6 +84,7 @@ class Context {
     static std::atomic<bool> _held;
     static std::atomic<unsigned> _roundTripUs;
 
+    void* const opaque = freshHandle();
     std::mutex mutex;
     std::condition_variable ready;
     std::condition_variable idle;

@@ -141,7 +141,7 @@ solClient_returnCode_t Library::initialize() {
 
 solClient_returnCode_t Library::cleanup() {
     for (auto const& entry : contexts.values()) {
-        destroyContext(entry.handle);
+        destroyContext(entry.context->handle());
     }
     std::lock_guard<std::mutex> lock(mutex);
     initialized = false;
@@ -174,8 +174,8 @@ solClient_returnCode_t Library::createContext(solClient_propertyArray_pt props, 
                                "the emulator needs CONTEXT_CREATE_THREAD \"1\"");
     }
     auto context = std::make_shared<Context>();
-    *handle = freshHandle();
-    contexts.add(*handle, ContextEntry{context, *handle});
+    *handle = context->handle();
+    contexts.add(*handle, ContextEntry{context});
     return SOLCLIENT_OK;
 }
 

@@ -60,7 +60,6 @@ class Library {
                                           Properties& parsed);
     struct ContextEntry {
         std::shared_ptr<Context> context;
-        void* handle = nullptr;
     };
     struct SessionEntry {
         std::shared_ptr<Session> session;
