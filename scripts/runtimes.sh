@@ -110,6 +110,14 @@ stage() {
     done
 }
 
+# A fresh application folder $1 with the tarball $2 installed (further npm flags after them).
+install_app() {
+    local dir=$1 tarball=$2
+    shift 2
+    mkdir -p "$dir" && (cd "$dir" && echo '{"name":"app","version":"1.0.0","private":true}' >package.json &&
+        npm install --no-audit --no-fund "$@" "$tarball" >/dev/null)
+}
+
 # Called as "package || rc=1", where bash ignores set -e inside the function:
 # every step's failure is returned explicitly.
 package() {
@@ -118,8 +126,7 @@ package() {
     echo "== package $tarball: $(du -k "$root/$tarball" | cut -f1) KiB"
     app=$(mktemp -d "${TMPDIR:-/tmp}/kwnode-app.XXXXXX")
     trap 'rm -rf "$app"' RETURN
-    (cd "$app" && echo '{"name":"app","version":"1.0.0","private":true}' >package.json &&
-        npm install --ignore-scripts --no-audit --no-fund "$root/$tarball" >/dev/null) || return 1
+    install_app "$app" "$root/$tarball" --ignore-scripts || return 1
     for v in "${VERSIONS[@]}"; do
         node=$(node_of "$v")
         echo "-- installed package on Node $("$node" --version)"
@@ -130,13 +137,12 @@ package() {
     # Without prebuilt add-ons, the install script builds from the shipped sources (as on a line
     # with none): once, on the machine's Node.js.
     local bare="$app/bare"
-    mkdir -p "$bare/app"
+    mkdir -p "$bare"
     tarball=$(cd "$root" && npm pack --silent --ignore-scripts --pack-destination "$bare" | tail -1) || return 1
     echo "-- the package without prebuilt add-ons, built by its install script on Node $(node --version)"
-    (cd "$bare/app" && echo '{"name":"app","version":"1.0.0","private":true}' >package.json &&
-        npm install --no-audit --no-fund "$bare/$tarball" >/dev/null &&
+    { install_app "$bare/app" "$bare/$tarball" &&
         env -u KWNODE_BUILD_DIR LD_LIBRARY_PATH="$bare/app/node_modules/kwnode/build/emulator" \
-            node "$root/test/package/roundtrip.js" "$bare/app" build/addon) || status=1
+            node "$root/test/package/roundtrip.js" "$bare/app" build/addon; } || status=1
     return $status
 }
 
