@@ -79,11 +79,10 @@ function whenAborted(signal, onAbort) {
     calls = new Set();
     const listener = () => {
       onAborts.delete(signal);
-      signal.removeEventListener('abort', listener);
       for (const call of calls) call();
     };
     onAborts.set(signal, calls);
-    signal.addEventListener('abort', listener);
+    signal.addEventListener('abort', listener, { once: true });
     calls.listener = listener;
   }
   calls.add(onAbort);
