@@ -2,7 +2,8 @@
 // Package entry: loads the add-on built for this Node.js line's module ABI.
 // Search order: the build tree named by KWNODE_BUILD_DIR (when set, nothing
 // else is tried), then the prebuilt binaries shipped in the package, then the
-// local release build in build/.
+// local release build in build/. A checkout (with .git) skips prebuilds/: it
+// exists there only while npm pack runs, or stale after one was interrupted.
 var path = require('path');
 var fs = require('fs');
 
@@ -12,10 +13,9 @@ function candidates() {
   if (process.env.KWNODE_BUILD_DIR) {
     return [path.resolve(process.env.KWNODE_BUILD_DIR, 'addon', abiDir, 'kwnode.node')];
   }
-  return [
-    path.join(__dirname, 'prebuilds', process.platform + '-' + process.arch, abiDir, 'kwnode.node'),
-    path.join(__dirname, 'build', 'addon', abiDir, 'kwnode.node')
-  ];
+  var checkout = fs.existsSync(path.join(__dirname, '.git'));
+  return (checkout ? [] : [path.join(__dirname, 'prebuilds', process.platform + '-' + process.arch, abiDir, 'kwnode.node')])
+    .concat(path.join(__dirname, 'build', 'addon', abiDir, 'kwnode.node'));
 }
 
 var tried = candidates();

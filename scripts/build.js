@@ -19,7 +19,9 @@ const run = (cmd, args) => execFileSync(cmd, args, { cwd: root, stdio: 'inherit'
 
 const prebuilt = path.join(root, 'prebuilds', `${process.platform}-${process.arch}`,
   `node-v${process.versions.modules}`, 'kwnode.node');
-if (install && fs.existsSync(prebuilt)) {
+// A checkout builds its own (index.js skips prebuilds/ there).
+const checkout = fs.existsSync(path.join(root, '.git'));
+if (install && !checkout && fs.existsSync(prebuilt)) {
   console.log(`kwnode: using the prebuilt ${path.relative(root, prebuilt)}`);
   process.exit(0);
 }
