@@ -120,6 +120,12 @@ TEST_F(FaultHooks, FailNextRefusedSubscriptionsAndCleanup) {
               failure(harness.unsubscribe(session, "public", &tag)));
     solEmu_refuseSubscriptions(nullptr, 0);
     EXPECT_EQ(SOLCLIENT_OK, harness.unsubscribe(session, "public", &tag));
+    // An explicit disconnect drops the subscriptions (by default): subscribing again is new.
+    EXPECT_EQ(SOLCLIENT_OK, harness.subscribe(session, "public", &tag));
+    EXPECT_EQ(SOLCLIENT_OK, solClient_session_disconnect(session));
+    EXPECT_EQ(SOLCLIENT_IN_PROGRESS, solClient_session_connect(session));
+    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_UP_NOTICE, 2));
+    EXPECT_EQ(SOLCLIENT_OK, harness.subscribe(session, "public", &tag));
 
     ASSERT_EQ(SOLCLIENT_OK, solClient_cleanup());  // also destroys the harness's context
     solClient_opaqueMsg_pt msg = nullptr;

@@ -120,6 +120,8 @@ TEST_F(Sending, AFullPublishQueueRefusesAndTeardownAnswersWhatWaited) {
         ASSERT_TRUE(idle->publish(packet("p"), "t", AMO, tags.back(), true));
     }
     EXPECT_FALSE(idle->publish(packet("p"), "t", AMO, tags[0], true));
+    tags.push_back(std::make_shared<Tag>(256));
+    ASSERT_TRUE(idle->forward(nullptr, "t", AMO, tags.back(), true));  // answered after those
     EXPECT_TRUE(events->of(UNSENT).empty());
 
     solEmu_setAckMode(2);  // withheld
@@ -129,13 +131,13 @@ TEST_F(Sending, AFullPublishQueueRefusesAndTeardownAnswersWhatWaited) {
     idle.reset();
     client.reset();
     clients.clear();
-    auto const errors = events->waitOf(UNSENT, 257);
-    ASSERT_EQ(errors.size(), 257u);
-    for (std::size_t i = 0; i < 256; ++i) {
+    auto const errors = events->waitOf(UNSENT, 258);
+    ASSERT_EQ(errors.size(), 258u);
+    for (std::size_t i = 0; i < tags.size(); ++i) {
         EXPECT_EQ(errors[i].reference, tags[i]);
     }
-    EXPECT_EQ(errors[256].reference, held);
-    EXPECT_EQ(errors[256].text, "session terminated before the message was sent");
+    EXPECT_EQ(errors[257].reference, held);
+    EXPECT_EQ(errors[257].text, "session terminated before the message was sent");
 }
 
 TEST_F(Subscriptions, DuplicatesUnknownNamesAndRemovalByHandler) {

@@ -166,7 +166,12 @@ TEST_F(Session, ConnectAgainstADownARefusingAndAReachableBroker) {
     EXPECT_EQ(client->connect(300), 0);
     EXPECT_NE(client->getConnectionState(), CONNECTED);
     EXPECT_EQ(events->all().size(), 0u);  // nothing is tried while down
+    // A connect still waiting ends with the up notice, not with its time-out.
+    auto up = std::async(std::launch::async, [&] { return client->connect(60000); });
+    EXPECT_EQ(up.wait_for(200ms), std::future_status::timeout);
     solEmu_setBrokerUp(HOST_PORT, 1);
+    EXPECT_EQ(up.wait_for(30s), std::future_status::ready) << "connect waited out its time-out";
+    EXPECT_EQ(up.get(), 1);
     EXPECT_TRUE(during.get());
     EXPECT_TRUE(events->waitFor(CREATED, 1));
     EXPECT_TRUE(events->waitFor(SENT, 3));

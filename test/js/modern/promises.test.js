@@ -199,12 +199,16 @@ test('a queue iterator is paused by the broker window: a slow consumer gets ever
   await away.connect();
   await Promise.all(Array.from({ length: 300 }, (_, i) => away.publish('p.window', String(i), { qos: 2 })));
   const held = await away.subscribe('p.window', { qos: 2, highWaterMark: 256 });
-  await harness.waitFor(() => held.buffered === 255, 'a full window');
+  // A topic's buffered message is not handed out again: it stays through the drop.
+  const kept = await away.subscribe('p.window.t');
+  await away.publish('p.window.t', 'once');
+  await harness.waitFor(() => held.buffered === 255 && kept.buffered === 1, 'a full window');
   const states = [];
   away.on('state', (s) => states.push(s));
   away.native.publish('#emulator/drop', '100');
   await harness.waitFor(() => states.indexOf(3) >= 0, 'the reconnect', 20000);
   assert.strictEqual(await rejection(within(held.closed, 1000)), 'still pending');
+  assert.strictEqual(kept.buffered, 1);
   // The copies dropped at the drop come again: each message is consumed.
   const seen = new Set();
   for await (const message of held) {
