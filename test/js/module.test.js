@@ -192,14 +192,14 @@ test('publish: every argument shape, QoS mapping, payload type and callback dete
       assert.deepStrictEqual([outcomes.cb, outcomes.seven], [null, null]);
       assert.deepStrictEqual([outcomes.five.message, outcomes.five.errno], ['Message rejected', 1]);
       // Each payload() is a fresh Buffer over the same bytes, of a topic and a queue message.
-      [queue[queue.length - 1], topics[topics.length - 1]].forEach(function (received) {
+      var m = topics[topics.length - 1];
+      [queue[queue.length - 1], m].forEach(function (received) {
         var a = received.payload();
         var b = received.payload();
         assert.notStrictEqual(a, b);
         a[0] = 1;
         assert.strictEqual(b[0], 1);
       });
-      var m = topics[topics.length - 1];
       assert.deepStrictEqual([m.isRedelivered(), m.isAckRequired()], [false, false]);
       var payloadText = 'Messaging Client Publish: payload is not a string, an ArrayBuffer or a view of one';
       throwsTexts([
