@@ -22,6 +22,9 @@ Library::~Library() {
 }
 
 void Library::start() {
+    if (api) {
+        return;  // started: a new table would strand the contexts that call through this one
+    }
     api = std::make_shared<SolaceAPI>();
     if (api->initialize(SOLCLIENT_LOG_NOTICE, nullptr) != SOLCLIENT_OK) {
         std::shared_ptr<SolaceAPI> failed(std::move(api));
