@@ -50,6 +50,11 @@ class Context {
     // this context's thread, also wait until none of it is running.
     void purge(void const* owner);
     bool onThread() const { return std::this_thread::get_id() == threadId; }
+    // On this context's thread, inside work of `owner` (as owner or sub-owner): its callbacks.
+    // Only this thread writes what it reads.
+    bool runningFor(void const* owner) const {
+        return onThread() && (runningOwner == owner || runningSubOwner == owner);
+    }
     // Stop the thread, dropping queued work. Not from the thread itself.
     void stop();
 

@@ -94,7 +94,9 @@ solClient_returnCode_t Session::connect() {
     if (state.load() == State::UP) {
         return SOLCLIENT_OK;
     }
-    return ErrorInfo::fail(lastSubCode, lastError.empty() ? "connect failed" : lastError);
+    // Blocking mode returns OK or NOT_READY; CONNECT_FAILED_ERROR tells the rest.
+    return ErrorInfo::fail(lastSubCode, lastError.empty() ? "connect failed" : lastError,
+                           SOLCLIENT_NOT_READY);
 }
 
 std::string Session::loginRefusal() const {
@@ -383,10 +385,9 @@ solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& 
     const size_t window = static_cast<size_t>(properties.pubWindowSize);
     for (;;) {
         const State current = state.load();
-        if (current == State::CONNECTING || current == State::RECONNECTING) {
-            if (!properties.blockWhileConnecting) {
-                return SOLCLIENT_OK;  // buffered until the session is up
-            }
+        bool const connecting = current == State::CONNECTING || current == State::RECONNECTING;
+        // Not blocking while connecting: held until the session is up, in the publish window.
+        if (connecting && properties.blockWhileConnecting) {
             if (!sendMayWaitForUp()) {
                 return refuseSendWhileConnectingLocked();
             }
@@ -396,7 +397,7 @@ solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& 
             }
             continue;
         }
-        if (current != State::UP) {
+        if (current != State::UP && !connecting) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_SESSION_NOT_ESTABLISHED,
                                    "session not established");
         }
@@ -422,7 +423,7 @@ solClient_returnCode_t Session::awaitWindowLocked(std::unique_lock<std::mutex>& 
         Blocked blocked;
         ++windowWaiters;
         bool const room = stateChanged.wait_until(
-            lock, deadline, [&] { return state.load() != State::UP || unackedLocked() < window; });
+            lock, deadline, [&] { return state.load() != current || unackedLocked() < window; });
         --windowWaiters;
         if (!room) {
             return ErrorInfo::fail(SOLCLIENT_SUBCODE_TIMEOUT,
@@ -727,7 +728,11 @@ solClient_returnCode_t Session::changeSubscription(
     auto const deadline = std::chrono::steady_clock::now() +
                           std::chrono::milliseconds(properties.subconfirmTimeoutMs);
     if ((current == State::CONNECTING || current == State::RECONNECTING) &&
-        properties.blockWhileConnecting && !eventContext->onThread()) {
+        properties.blockWhileConnecting) {
+        if (eventContext->onThread()) {  // it would block anywhere else
+            return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
+                                   "cannot block in a callback while connecting");
+        }
         const solClient_returnCode_t rc = awaitUpLocked(lock, deadline, "subscription change");
         if (rc != SOLCLIENT_OK) {
             return rc;

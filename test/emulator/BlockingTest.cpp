@@ -76,25 +76,37 @@ TEST_F(Blocking, CallsWaitForTheContextThreadUpToTheirTimeOuts) {
     EXPECT_EQ(SOLCLIENT_OK, solClient_flow_destroy(&flow));
 }
 
-// From a callback a call that would block fails at once (sub-code 87); in
-// non-blocking send mode a full window gives WOULD_BLOCK, then CAN_SEND.
+// From a callback a call that would block fails at once (sub-code 87), as does destroying the
+// session or flow whose callback it is; in non-blocking send mode a full window gives
+// WOULD_BLOCK, then CAN_SEND.
 TEST_F(Blocking, CallsThatWouldBlockFailOnTheContextThread) {
     std::vector<int> inCallback;
-    auto fired = std::make_shared<std::atomic<bool>>(false);  // the callback may run after the test
-    harness.inEvent = [&, fired](bool isFlow, int event) {
-        if (isFlow || event != SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT || fired->exchange(true)) {
+    auto fired = std::make_shared<std::atomic<int>>(0);  // the callback may run after the test
+    harness.inEvent = [&, fired](void* object, bool isFlow, int event) {
+        if (isFlow && event == SOLCLIENT_FLOW_EVENT_UP_NOTICE && !(fired->fetch_or(2) & 2)) {
+            auto own = static_cast<solClient_opaqueFlow_pt>(object);
+            inCallback.push_back(failure(solClient_flow_destroy(&own)));
+        }
+        if (isFlow || event != SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT || fired->fetch_or(1)) {
             return;
         }
+        auto own = static_cast<solClient_opaqueSession_pt>(object);
         inCallback = {failure(harness.subscribe(session, "a", &tag)),
                       failure(harness.createFlow(session, "q", flow)),
                       failure(harness.sendGuaranteed(session, "q", "1", nullptr)),
-                      failure(harness.sendGuaranteed(session, "q", "2", nullptr))};
+                      failure(harness.sendGuaranteed(session, "q", "2", nullptr)),
+                      failure(solClient_session_destroy(&own))};
     };
     ASSERT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(session, "q", "0", nullptr));
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT));
-    int const wouldBlock = SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT;
-    EXPECT_EQ(std::vector<int>({wouldBlock, wouldBlock, DONE, wouldBlock}), inCallback);
     EXPECT_EQ(nullptr, flow);
+    ASSERT_EQ(SOLCLIENT_OK, harness.createFlow(session, "q", flow));
+    ASSERT_TRUE(harness.waitForEvent(true, SOLCLIENT_FLOW_EVENT_UP_NOTICE));
+    int const wouldBlock = SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT;
+    EXPECT_EQ(std::vector<int>({wouldBlock, wouldBlock, DONE, wouldBlock, wouldBlock, wouldBlock}),
+              inCallback);
+    EXPECT_EQ(SOLCLIENT_OK, solClient_flow_destroy(&flow));  // both still there
+    EXPECT_EQ(DONE, failure(harness.sendGuaranteed(session, "q", "3", nullptr)));
 
     auto nonBlocking = harness.connected(
         hostPort, {{"SESSION_PUB_WINDOW_SIZE", "1"}, {"SESSION_SEND_BLOCKING", "0"}});
@@ -110,6 +122,13 @@ TEST_F(Blocking, CallsThatWouldBlockFailOnTheContextThread) {
 // at its default) return once up. The session ended outright, or the reserved topic, raises
 // DOWN_ERROR and fails every blocked call.
 TEST_F(Blocking, BlockedCallsThroughAReconnectAndTheSessionGoingDown) {
+    // From a callback, not even a subscribe that does not wait for its confirmation can wait.
+    int inCallback = 0;
+    harness.inEvent = [&](void*, bool isFlow, int event) {
+        if (!isFlow && event == SOLCLIENT_SESSION_EVENT_RECONNECTING_NOTICE) {
+            inCallback = failure(harness.subscribe(session, "v", &tag, 0));
+        }
+    };
     ASSERT_EQ(SOLCLIENT_OK, harness.createFlow(session, "q", flow));
     solEmu_holdDeliveries(1);
     auto waiting = onOtherThreads({[&] { return harness.subscribe(session, "a", &tag); }});
@@ -118,6 +137,7 @@ TEST_F(Blocking, BlockedCallsThroughAReconnectAndTheSessionGoingDown) {
     EXPECT_EQ(std::vector<int>{SOLCLIENT_SUBCODE_COMMUNICATION_ERROR}, outcomes(waiting));
     solEmu_holdDeliveries(0);
     ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_RECONNECTING_NOTICE));
+    EXPECT_EQ(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT, inCallback);
     waiting = onOtherThreads({[&] { return harness.publish(session, "t", "direct"); },
                               [&] { return harness.sendGuaranteed(session, "q", "kept", 0); },
                               [&] { return harness.subscribe(session, "t", &tag); },

@@ -48,8 +48,8 @@ inline int failure(solClient_returnCode_t rc) {
 // subscription's user pointer is the test's own tag.
 class Harness {
   public:
-    // Runs on the context thread at the start of every event callback.
-    std::function<void(bool flow, int event)> inEvent;
+    // Runs on the context thread at the start of every event callback, given its session or flow.
+    std::function<void(void* object, bool flow, int event)> inEvent;
 
     Harness() {
         active = this;
@@ -77,9 +77,9 @@ class Harness {
                        {"SESSION_IGNORE_DUP_SUBSCRIPTION_ERROR", "0"}};
         props.insert(props.end(), extra.begin(), extra.end());
         solClient_session_createFuncInfo_t funcs{};
-        funcs.eventInfo.callback_p = [](auto, auto info, void*) {
-            active->recordEvent(false, info->sessionEvent, info->responseCode, info->info_p,
-                                info->correlation_p);
+        funcs.eventInfo.callback_p = [](auto session, auto info, void*) {
+            active->recordEvent(session, false, info->sessionEvent, info->responseCode,
+                                info->info_p, info->correlation_p);
         };
         funcs.rxMsgInfo.callback_p = [](auto, auto msg, void*) {
             return active->record(nullptr, msg);
@@ -135,8 +135,9 @@ class Harness {
             {"FLOW_BIND_ENTITY_ID", "2"}, {"FLOW_BIND_NAME", queue}, {"FLOW_ACKMODE", "2"}};
         props.insert(props.end(), extra.begin(), extra.end());
         solClient_flow_createFuncInfo_t funcs{};
-        funcs.eventInfo.callback_p = [](auto, auto info, void*) {
-            active->recordEvent(true, info->flowEvent, info->responseCode, info->info_p, nullptr);
+        funcs.eventInfo.callback_p = [](auto flow, auto info, void*) {
+            active->recordEvent(flow, true, info->flowEvent, info->responseCode, info->info_p,
+                                nullptr);
         };
         funcs.rxMsgInfo.callback_p = [](auto flow, auto msg, void*) {
             return active->record(flow, msg);
@@ -233,10 +234,10 @@ class Harness {
         return SOLCLIENT_CALLBACK_OK;
     }
 
-    void recordEvent(bool flow, int event, unsigned responseCode, char const* info,
+    void recordEvent(void* object, bool flow, int event, unsigned responseCode, char const* info,
                      void* correlation) {
         if (inEvent) {
-            inEvent(flow, event);
+            inEvent(object, flow, event);
         }
         std::lock_guard<std::mutex> lock(mutex);
         seenEvents.push_back({flow, event, responseCode, info != nullptr ? info : "", correlation,

@@ -64,6 +64,24 @@ TEST_F(Reconnect, BrokerDropRestoresSubscriptionsFlowsAndSendsInFlight) {
     ASSERT_EQ(SOLCLIENT_OK, solClient_flow_destroy(&flow));
 }
 
+// Not blocking while connecting, guaranteed sends are held in the publish window; past it they
+// are flow-controlled as when up.
+TEST_F(Reconnect, SendsHeldWhileReconnectingFillThePublishWindow) {
+    auto session = harness.connected(hostPort, {{"SESSION_BLOCK_WHILE_CONNECTING", "0"},
+                                                {"SESSION_SEND_BLOCKING", "0"},
+                                                {"SESSION_PUB_WINDOW_SIZE", "2"}});
+    solEmu_setBrokerUp(hostPort.c_str(), 0);
+    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_RECONNECTING_NOTICE));
+    EXPECT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(session, "q", "0", nullptr));
+    EXPECT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(session, "q", "1", nullptr));
+    EXPECT_EQ(SOLCLIENT_WOULD_BLOCK, harness.sendGuaranteed(session, "q", "2", nullptr));
+    solEmu_setBrokerUp(hostPort.c_str(), 1);
+    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_CAN_SEND));
+    EXPECT_EQ(SOLCLIENT_OK, harness.sendGuaranteed(session, "q", "2", nullptr));
+    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 3));
+    EXPECT_EQ(3, solEmu_queueDepth("q"));
+}
+
 TEST_F(Reconnect, FiniteRetriesEndInDownErrorAndConnectFailure) {
     ASSERT_NE(nullptr, harness.connected(hostPort, {{"SESSION_RECONNECT_RETRIES", "2"},
                                                     {"SESSION_RECONNECT_RETRY_WAIT_MS", "5"}}));

@@ -60,7 +60,7 @@ TEST_F(Properties, MalformedSessionAndFlowPropertiesAreRefusedNamingTheProperty)
     }
 }
 
-// A non-blocking connect fails as CONNECT_FAILED, a blocking one by its return code and the event.
+// A non-blocking connect fails as CONNECT_FAILED, a blocking one by NOT_READY and the event.
 TEST_F(Properties, LoginVpnAndTrustStoreFailuresComeAsConnectFailed) {
     solEmu_refuseUser("mallory");
     const Props tls = {{"SESSION_HOST", "tcps:" + hostPort},
@@ -77,8 +77,9 @@ TEST_F(Properties, LoginVpnAndTrustStoreFailuresComeAsConnectFailed) {
         ASSERT_TRUE(
             harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_CONNECT_FAILED_ERROR, ++failures));
         props.push_back({"SESSION_CONNECT_BLOCKING", "1"});
-        EXPECT_EQ(subCode,
-                  failure(solClient_session_connect(harness.createSession(hostPort, props))));
+        EXPECT_EQ(SOLCLIENT_NOT_READY,
+                  solClient_session_connect(harness.createSession(hostPort, props)));
+        EXPECT_EQ(subCode, solClient_getLastErrorInfo()->subCode);
         ++failures;  // it raises the event as well
     }
     Props trusted = tls;
