@@ -99,6 +99,9 @@ long solEmu_liveSessions(void);
 long solEmu_blockedCalls(void);
 // Sends that have had to wait for room in a full publish window, in total.
 long solEmu_windowWaits(void);
+// Guaranteed sends whose attachment (lent through setBinaryAttachmentPtr) no longer held the bytes
+// sent when their answer reached the application, in total: each is also told on stderr.
+long solEmu_changedAttachments(void);
 
 // ---- Additions ---------------------------------------------------------------------
 // The redelivered flag of a received guaranteed message (the vendor reads it

@@ -47,7 +47,14 @@ std::shared_ptr<const Message> Message::snapshot(Message const& source) {
     copy->destName = source.destinationName();
     copy->correlation = source.correlation;
     copy->sequence = source.sequence;
+    if (source.isGuaranteed() && source.attachmentPresent) {
+        copy->lentBytes = source.attachmentBytes;
+    }
     return copy;
+}
+
+bool Message::lentBytesIntact() const {
+    return lentBytes == nullptr || std::memcmp(lentBytes, attachmentBytes, attachmentLength) == 0;
 }
 
 void Message::ownBytes(void const* data, uint32_t size) {

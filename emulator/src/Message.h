@@ -69,6 +69,9 @@ class Message {
     bool hasMsgId() const { return messageIdSet; }
     uint64_t msgId() const { return messageId; }
     bool redelivered() const { return redeliveryFlag; }
+    // A guaranteed send's snapshot: whether the bytes its application lent are still those it
+    // copied. The vendor reads them until the send's answer (to retransmit), so they must be.
+    bool lentBytesIntact() const;
 
   private:
     static constexpr uint32_t MAGIC = 0x5e11a6e5u;
@@ -91,6 +94,7 @@ class Message {
     // Copies the source's bytes into this library copy: inline when they fit.
     void ownBytes(void const* data, uint32_t size);
     void* correlation = nullptr;
+    void const* lentBytes = nullptr;  // a guaranteed snapshot's source attachment
     uint64_t sequence = 0;
     uint64_t messageId = 0;
     bool messageIdSet = false;

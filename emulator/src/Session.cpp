@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <vector>
 #include <utility>
 
@@ -46,6 +47,7 @@ std::string subscriptionErrorText(int subCode) {
 
 std::atomic<long> Session::_blocked{0};
 std::atomic<long> Session::_windowWaits{0};
+std::atomic<long> Session::_changedAttachments{0};
 
 Session::Session(std::shared_ptr<Context> sharedContext, SessionProperties parsed,
                  solClient_session_createFuncInfo_t const& callbacks)
@@ -570,9 +572,9 @@ solClient_returnCode_t Session::send(Message const& message) {
 }
 
 void Session::transmitLocked(std::list<PendingSend>::iterator entry, bool* wakeLater) {
-    void* tag = entry->message->correlationTag();
+    std::shared_ptr<const Message> const& sent = entry->message;
     if (entry->spooled) {
-        postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag, wakeLater);
+        postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", sent, wakeLater);
         retireLocked(entry);
         return;
     }
@@ -581,7 +583,7 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry, bool* wakeL
         entry->message->destinationType() == SOLCLIENT_QUEUE_TEMP_DESTINATION) {
         queue = vpn->queue(entry->message->destinationName());
         if (!queue) {
-            postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 503, "Unknown Queue", tag,
+            postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 503, "Unknown Queue", sent,
                         wakeLater);
             retireLocked(entry);
             return;
@@ -590,7 +592,7 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry, bool* wakeL
     const FaultInjector::AckMode mode = FaultInjector::instance().ackMode();
     if (mode == FaultInjector::AckMode::REJECT) {
         postSettled(SOLCLIENT_SESSION_EVENT_REJECTED_MSG_ERROR, 400, "Rejected by the emulator",
-                    tag, wakeLater);
+                    sent, wakeLater);
         retireLocked(entry);
         return;
     }
@@ -601,7 +603,7 @@ void Session::transmitLocked(std::list<PendingSend>::iterator entry, bool* wakeL
         entry->spooled = true;
         return;
     }
-    postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", tag, wakeLater);
+    postSettled(SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 0, "OK", sent, wakeLater);
     retireLocked(entry);
 }
 
@@ -618,16 +620,17 @@ void Session::retireLocked(std::list<PendingSend>::iterator entry) {
 }
 
 void Session::postSettled(solClient_session_event_t event, unsigned responseCode, char const* info,
-                          void* correlation, bool* wakeLater) {
+                          std::shared_ptr<const Message> const& sent, bool* wakeLater) {
     ++answersInFlight;
-    Settled const settled{event, responseCode, info, correlation};
+    Settled settled{event, responseCode, info, sent};
     if (openFrame &&
-        eventContext->joinLast(openFramePost, [&] { openFrame->push_back(settled); })) {
+        eventContext->joinLast(openFramePost, [&] { openFrame->push_back(std::move(settled)); })) {
         return;
     }
     // The window slots free only when the context thread processes the frame,
     // right before its answers' events.
-    auto frame = std::make_shared<Frame>(1, settled);
+    auto frame = std::make_shared<Frame>();
+    frame->push_back(std::move(settled));
     openFrame = frame;
     std::weak_ptr<Session> weak = weak_from_this();
     auto callback = funcs.eventInfo.callback_p;
@@ -643,9 +646,17 @@ void Session::postSettled(solClient_session_event_t event, unsigned responseCode
             if (callback == nullptr) {
                 return;
             }
-            for (Settled const& answer : *frame) {
-                solClient_session_eventCallbackInfo_t record{answer.event, answer.responseCode,
-                                                             answer.info, answer.correlation};
+            for (Settled& answer : *frame) {
+                if (!answer.sent->lentBytesIntact()) {
+                    ++_changedAttachments;
+                    std::fprintf(stderr,
+                                 "solclient emulator: the attachment of guaranteed send %p "
+                                 "changed before its answer\n",
+                                 answer.sent->correlationTag());
+                }
+                solClient_session_eventCallbackInfo_t record{
+                    answer.event, answer.responseCode, answer.info, answer.sent->correlationTag()};
+                Context::releaseLater(std::move(answer.sent));
                 callback(handle, &record, user);
             }
         },

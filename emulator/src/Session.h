@@ -52,6 +52,8 @@ class Session : public std::enable_shared_from_this<Session> {
     // a full publish window so far (for tests that want to know they hit it).
     static long blockedNow() { return _blocked.load(); }
     static long windowWaits() { return _windowWaits.load(); }
+    // Guaranteed sends whose lent attachment changed before their answer reached the application.
+    static long changedAttachments() { return _changedAttachments.load(); }
 
     solClient_returnCode_t connect();
     solClient_returnCode_t disconnect();
@@ -101,7 +103,7 @@ class Session : public std::enable_shared_from_this<Session> {
         solClient_session_event_t event;
         unsigned responseCode;
         char const* info;
-        void* correlation;
+        std::shared_ptr<const Message> sent;  // held to check its lent bytes at the answer
     };
     using Frame = std::vector<Settled>;
     struct PendingSend {
@@ -143,7 +145,7 @@ class Session : public std::enable_shared_from_this<Session> {
     // `info` is a literal. Answers posted back to back travel as one frame, as
     // a broker acknowledges several sends at once.
     void postSettled(solClient_session_event_t event, unsigned responseCode, char const* info,
-                     void* correlation, bool* wakeLater);
+                     std::shared_ptr<const Message> const& sent, bool* wakeLater);
     void detachLocked(bool clearSubscriptions);
     // With `wakeLater`, see Context::post.
     void transmitLocked(std::list<PendingSend>::iterator entry, bool* wakeLater = nullptr);
@@ -160,6 +162,7 @@ class Session : public std::enable_shared_from_this<Session> {
     };
     static std::atomic<long> _blocked;
     static std::atomic<long> _windowWaits;
+    static std::atomic<long> _changedAttachments;
 
     const std::shared_ptr<Context> eventContext;
     const SessionProperties properties;

@@ -121,6 +121,10 @@ long solEmu_windowWaits(void) {
     return SolEmu::Session::windowWaits();
 }
 
+long solEmu_changedAttachments(void) {
+    return SolEmu::Session::changedAttachments();
+}
+
 long solEmu_liveMessages(void) {
     return SolEmu::Message::live();
 }

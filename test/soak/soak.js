@@ -127,6 +127,7 @@ async function sends() {
   const missing = calls.filter((c) => c === 0).length;
   check(figures.twice === 0, 'completions called twice');
   check(missing === 0, 'publishes without a completion');
+  check(!control.count('changedAttachments'), 'guaranteed payloads changed before their answer');
   return [
     ['publishes (direct / guaranteed)', `${SIZE.sends} (${figures.direct} / ${figures.guaranteed})`],
     ['completions: ok / error / twice / missing', `${figures.ok} / ${figures.failed} / ${figures.twice} / ${missing}`],
@@ -227,6 +228,7 @@ async function endToEnd() {
   check(lost === 0, 'acknowledged publishes never delivered');
   check(f.ackedCameBack === 0, 'consumer-acknowledged messages delivered again');
   check(f.redeliveries <= f.boundSum, 'more redeliveries than unacknowledged messages at the drops');
+  check(!control.count('changedAttachments'), 'guaranteed payloads changed before their answer');
   return [
     ['drop/return cycles', String(SIZE.cycles)],
     ['publishes: acknowledged / failed', `${publishAcked.size} / ${f.publishFailed}`],

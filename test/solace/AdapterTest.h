@@ -226,6 +226,7 @@ class AdapterTest : public ::testing::Test {
   protected:
     void SetUp() override {
         solEmu_reset();
+        changedAttachments = solEmu_changedAttachments();
         library = std::make_shared<Impl::Library>();
         library->start();
     }
@@ -249,6 +250,8 @@ class AdapterTest : public ::testing::Test {
             handler->clear();
         }
         EXPECT_NO_THROW(library->shutdown());
+        // The library reads a guaranteed message's bytes until its answer.
+        EXPECT_EQ(solEmu_changedAttachments(), changedAttachments);
         solEmu_reset();
         EXPECT_EQ(solEmu_liveMessages(), 0) << "library messages leaked";
         // A refused free is a handle freed after its session or twice.
@@ -302,6 +305,7 @@ class AdapterTest : public ::testing::Test {
     }
 
     shared_ptr<Impl::Library> library;
+    long changedAttachments = 0;
     shared_ptr<Client> client;  // the test's main client, if it has one
     shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
     std::vector<shared_ptr<Client>> clients;
