@@ -48,6 +48,20 @@ TEST_F(Guaranteed, UnknownQueuesAndADestroyedFlowWithAHeldDelivery) {
     EXPECT_EQ(1, solEmu_queueDepth("work"));
 }
 
+// The bytes a guaranteed send lends stay the library's until its answer: a change is told.
+TEST_F(Guaranteed, LentBytesChangedBeforeTheAnswerAreCounted) {
+    long const before = solEmu_changedAttachments();
+    solEmu_setAckMode(2);  // withheld
+    char bytes[] = "lent";
+    ASSERT_EQ(SOLCLIENT_OK,
+              harness.sendBytes(session, {SOLCLIENT_QUEUE_DESTINATION, "work"}, bytes, 4, nullptr));
+    sendAll(1);
+    bytes[0] = 'b';
+    solEmu_setAckMode(0);
+    ASSERT_TRUE(harness.waitForEvent(false, SOLCLIENT_SESSION_EVENT_ACKNOWLEDGEMENT, 2));
+    EXPECT_EQ(before + 1, solEmu_changedAttachments());
+}
+
 // What is unacknowledged at flow_destroy comes again, flagged and with the same id, to the next
 // flow. An auto-ack flow removes each message once its callback returns.
 TEST_F(Guaranteed, ClientAckWindowAndRedeliveryThenAutoAck) {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -184,6 +185,35 @@ class Harness {
 
     solClient_opaqueContext_pt context = nullptr;
 
+    // Direct to a topic, or guaranteed with the correlation tag to a queue.
+    // A guaranteed message's bytes are the library's to read until its answer: kept here.
+    static solClient_returnCode_t send(solClient_opaqueSession_pt session,
+                                       solClient_destination_t dest, std::string const& payload,
+                                       void* tag) {
+        std::string const* bytes = &payload;
+        if (dest.destType == SOLCLIENT_QUEUE_DESTINATION) {
+            std::lock_guard<std::mutex> lock(active->mutex);
+            bytes = &active->lent.emplace_back(payload);
+        }
+        return sendBytes(session, dest, bytes->data(), bytes->size(), tag);
+    }
+    static solClient_returnCode_t sendBytes(solClient_opaqueSession_pt session,
+                                            solClient_destination_t dest, char const* data,
+                                            size_t size, void* tag) {
+        solClient_opaqueMsg_pt msg = nullptr;
+        solClient_msg_alloc(&msg);
+        solClient_msg_setDeliveryMode(msg, dest.destType == SOLCLIENT_QUEUE_DESTINATION
+                                               ? SOLCLIENT_DELIVERY_MODE_PERSISTENT
+                                               : SOLCLIENT_DELIVERY_MODE_DIRECT);
+        solClient_msg_setBinaryAttachmentPtr(msg, const_cast<char*>(data),
+                                             static_cast<solClient_uint32_t>(size));
+        solClient_msg_setDestination(msg, &dest, sizeof(dest));
+        solClient_msg_setCorrelationTagPtr(msg, tag, 0);
+        const solClient_returnCode_t rc = solClient_session_sendMsg(session, msg);
+        solClient_msg_free(&msg);  // the library copied the message, not the lent bytes
+        return rc;
+    }
+
   private:
     static inline Harness* active = nullptr;
 
@@ -195,24 +225,6 @@ class Harness {
         }
         array.push_back(nullptr);
         return array;
-    }
-
-    // Direct to a topic, or guaranteed with the correlation tag to a queue.
-    static solClient_returnCode_t send(solClient_opaqueSession_pt session,
-                                       solClient_destination_t dest, std::string const& payload,
-                                       void* tag) {
-        solClient_opaqueMsg_pt msg = nullptr;
-        solClient_msg_alloc(&msg);
-        solClient_msg_setDeliveryMode(msg, dest.destType == SOLCLIENT_QUEUE_DESTINATION
-                                               ? SOLCLIENT_DELIVERY_MODE_PERSISTENT
-                                               : SOLCLIENT_DELIVERY_MODE_DIRECT);
-        solClient_msg_setBinaryAttachmentPtr(msg, const_cast<char*>(payload.data()),
-                                             static_cast<solClient_uint32_t>(payload.size()));
-        solClient_msg_setDestination(msg, &dest, sizeof(dest));
-        solClient_msg_setCorrelationTagPtr(msg, tag, 0);
-        const solClient_returnCode_t rc = solClient_session_sendMsg(session, msg);
-        solClient_msg_free(&msg);  // the library copied what it needs
-        return rc;
     }
 
     solClient_rxMsgCallback_returnCode_t record(void* user, solClient_opaqueMsg_pt msg) {
@@ -247,6 +259,7 @@ class Harness {
     std::mutex mutex;
     std::vector<SeenEvent> seenEvents;
     std::vector<SeenMessage> seenMessages;
+    std::deque<std::string> lent;  // outlives the context, destroyed in ~Harness
 };
 
 // Each test gets its own broker address, fresh faults, an empty queue "q" and
