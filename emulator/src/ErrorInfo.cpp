@@ -19,6 +19,13 @@ void ErrorInfo::set(int subCode, unsigned responseCode, std::string_view text) {
     info->errorStr[n] = '\0';
 }
 
+void ErrorInfo::clear() {
+    solClient_errorInfo_t* info = current();
+    info->subCode = SOLCLIENT_SUBCODE_OK;
+    info->responseCode = 0;
+    info->errorStr[0] = '\0';
+}
+
 solClient_returnCode_t ErrorInfo::fail(int subCode, std::string_view text,
                                        solClient_returnCode_t rc) {
     set(subCode, 0, text);

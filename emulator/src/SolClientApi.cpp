@@ -23,15 +23,23 @@ using SolEmu::Message;
 
 namespace {
 
-// Injected failure of `function`, then the initialisation check.
-#define KW_EMU_ENTER(function)                                           \
+// Every call but getLastErrorInfo empties the thread's error record, then takes an injected
+// failure of `function`.
+#define KW_EMU_INJECT(function)                                          \
     do {                                                                 \
+        ErrorInfo::clear();                                              \
         if (auto injected = FaultInjector::instance().check(function)) { \
             return *injected;                                            \
         }                                                                \
-        if (!Library::instance().checkInitialized()) {                   \
-            return SOLCLIENT_FAIL;                                       \
-        }                                                                \
+    } while (false)
+
+// The same, then the initialisation check.
+#define KW_EMU_ENTER(function)                         \
+    do {                                               \
+        KW_EMU_INJECT(function);                       \
+        if (!Library::instance().checkInitialized()) { \
+            return SOLCLIENT_FAIL;                     \
+        }                                              \
     } while (false)
 
 solClient_returnCode_t nullArgument(char const* what) {
@@ -59,9 +67,7 @@ solClient_errorInfo_pt solClient_getLastErrorInfo(void) {
 
 solClient_returnCode_t solClient_log_setFilterLevel(solClient_log_category_t category,
                                                     solClient_log_level_t level) {
-    if (auto injected = FaultInjector::instance().check("solClient_log_setFilterLevel")) {
-        return *injected;
-    }
+    KW_EMU_INJECT("solClient_log_setFilterLevel");
     if (category < SOLCLIENT_LOG_CATEGORY_ALL || category > SOLCLIENT_LOG_CATEGORY_APP ||
         level < SOLCLIENT_LOG_EMERGENCY || level > SOLCLIENT_LOG_DEBUG) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_OUT_OF_RANGE, "log category or level");
@@ -70,9 +76,7 @@ solClient_returnCode_t solClient_log_setFilterLevel(solClient_log_category_t cat
 }
 
 solClient_returnCode_t solClient_version_get(solClient_version_info_pt* version_p) {
-    if (auto injected = FaultInjector::instance().check("solClient_version_get")) {
-        return *injected;
-    }
+    KW_EMU_INJECT("solClient_version_get");
     static solClient_version_info_t version{"7.99.0 (kwnode emulator)", __DATE__ " " __TIME__,
                                             "kwnode in-process broker emulator"};
     if (version_p == nullptr) {
@@ -84,13 +88,12 @@ solClient_returnCode_t solClient_version_get(solClient_version_info_pt* version_
 
 solClient_returnCode_t solClient_initialize(solClient_log_level_t initialLogLevel,
                                             solClient_propertyArray_pt props) {
+    ErrorInfo::clear();
     return Library::instance().initialize();
 }
 
 solClient_returnCode_t solClient_cleanup(void) {
-    if (auto injected = FaultInjector::instance().check("solClient_cleanup")) {
-        return *injected;
-    }
+    KW_EMU_INJECT("solClient_cleanup");
     return Library::instance().cleanup();
 }
 

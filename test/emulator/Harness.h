@@ -62,6 +62,9 @@ class Harness {
     }
     // Destroying the context destroys its sessions (the leak check counts them).
     ~Harness() {
+        for (auto& msg : unsent) {
+            solClient_msg_free(&msg);
+        }
         solClient_context_destroy(&context);
         active = nullptr;
     }
@@ -210,6 +213,12 @@ class Harness {
         solClient_msg_setDestination(msg, &dest, sizeof(dest));
         solClient_msg_setCorrelationTagPtr(msg, tag, 0);
         const solClient_returnCode_t rc = solClient_session_sendMsg(session, msg);
+        if (rc != SOLCLIENT_OK) {
+            // Freed at the end: a call now would empty the error record the caller reads next.
+            std::lock_guard<std::mutex> lock(active->mutex);
+            active->unsent.push_back(msg);
+            return rc;
+        }
         solClient_msg_free(&msg);  // the library copied the message, not the lent bytes
         return rc;
     }
@@ -260,6 +269,7 @@ class Harness {
     std::vector<SeenEvent> seenEvents;
     std::vector<SeenMessage> seenMessages;
     std::deque<std::string> lent;  // outlives the context, destroyed in ~Harness
+    std::vector<solClient_opaqueMsg_pt> unsent;
 };
 
 // Each test gets its own broker address, fresh faults, an empty queue "q" and

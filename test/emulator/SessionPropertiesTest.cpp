@@ -108,6 +108,9 @@ TEST_F(FaultHooks, FailNextRefusedSubscriptionsAndCleanup) {
     ASSERT_EQ(0, solEmu_failNext("solClient_msg_alloc", 5, -1, 7, "no memory"));
     ASSERT_EQ(0, solEmu_failNext("solClient_msg_alloc", 0, 0, 0, nullptr));
     EXPECT_EQ(SOLCLIENT_OK, harness.publish(session, "t", "p"));  // allocates a message
+    // The record lasts only until the thread's next call.
+    EXPECT_EQ(SOLCLIENT_SUBCODE_OK, solClient_getLastErrorInfo()->subCode);
+    EXPECT_STREQ("", solClient_getLastErrorInfo()->errorStr);
 
     int tag = 0;
     solEmu_refuseSubscriptions("secret/>", SOLCLIENT_SUBCODE_SUBSCRIPTION_ACL_DENIED);
