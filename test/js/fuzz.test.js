@@ -139,6 +139,7 @@ function fuzz() {
         () => client.subscribe(pick(['fuzz/>', 'fuzz/a']), onMessage, onEvent),
         () => client.subscribe('kw.q1', 2, onMessage, onEvent),
         () => client.publish('kw.q1', 2, 'q', onEvent),
+        () => { var reused = Buffer.from('lent'); client.publish('kw.q1', 2, reused, onEvent); reused.fill(0); },
         () => client.forward('fuzz/a', pick(received), onEvent),
         () => client.connect(), () => client.disconnect()
       ]);
@@ -163,6 +164,12 @@ function fuzz() {
     if (global.gc) global.gc();
     // Late callbacks of the last calls get a moment to arrive.
     setTimeout(function () {
+      // A Buffer reused after publish must not reach a guaranteed send the library still reads.
+      var changed = harness.control().count('changedAttachments');
+      if (changed) {
+        console.log('fuzz: FAILED: ' + changed + ' guaranteed payloads changed before their answer');
+        process.exit(1);
+      }
       console.log('fuzz: survived ' + JSON.stringify(counts) + ', ' + received.length + ' messages held, seed ' + SEED);
       process.exit(0);
     }, 500);
