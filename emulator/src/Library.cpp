@@ -239,11 +239,8 @@ solClient_returnCode_t Library::createSession(solClient_propertyArray_pt props, 
 
 solClient_returnCode_t Library::destroySession(void* handle) {
     SessionEntry entry;
-    if (!sessions.find(handle, entry)) {
-        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown session handle");
-    }
     // The vendor forbids it: the destroy would wait out the very callback that called it.
-    if (entry.session->context()->runningFor(entry.session.get())) {
+    if (sessions.find(handle, entry) && entry.session->context()->runningFor(entry.session.get())) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                "session_destroy called from the session's own callback");
     }
@@ -311,10 +308,7 @@ solClient_returnCode_t Library::createFlow(solClient_propertyArray_pt props, voi
 
 solClient_returnCode_t Library::destroyFlow(void* handle) {
     FlowEntry entry;
-    if (!flows.find(handle, entry)) {
-        return ErrorInfo::fail(SOLCLIENT_SUBCODE_PARAM_NULL_PTR, "unknown flow handle");
-    }
-    if (entry.session->context()->runningFor(entry.flow.get())) {  // as for a session
+    if (flows.find(handle, entry) && entry.session->context()->runningFor(entry.flow.get())) {
         return ErrorInfo::fail(SOLCLIENT_SUBCODE_CANNOT_BLOCK_IN_CONTEXT,
                                "flow_destroy called from the flow's own callback");
     }
